@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+
+namespace TarnXmlRpc {
+
+/// Takes the library's log messages. To replace the default one, store the address of another object in m_pLogHandler;
+/// it stays the caller's, the library deletes none. Not locked.
+class XmlRpcLogHandler {
+ public:
+  virtual ~XmlRpcLogHandler() = default;
+  virtual void log(int level, const char* msg) = 0;
+
+  static XmlRpcLogHandler* m_pLogHandler;
+  /// Messages of a level up to this one are handed on.
+  static std::int32_t m_Verbosity;
+};
+
+/// Takes the library's error messages; replaced in the same way.
+class XmlRpcErrorHandler {
+ public:
+  virtual ~XmlRpcErrorHandler() = default;
+  virtual void error(const char* msg) = 0;
+
+  static XmlRpcErrorHandler* m_pErrorHandler;
+};
+
+int getVerbosity();
+void setVerbosity(int verbosity);
+
+}  // namespace TarnXmlRpc
+
+/// Writes each message and a line break to standard output, at once. A message for which a full pipe has no room is
+/// dropped, so that logging never blocks the program.
+class DefaultLogHandler : public TarnXmlRpc::XmlRpcLogHandler {
+ public:
+  void log(int level, const char* msg) override;
+};
+
+/// The same to standard error.
+class DefaultErrorHandler : public TarnXmlRpc::XmlRpcErrorHandler {
+ public:
+  void error(const char* msg) override;
+};

@@ -1,0 +1,363 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "xmlrpc/XmlRpcException.h"
+
+template <class SI_CHAR, class SI_STRLESS, class SI_CONVERTER>
+class CSimpleIniTempl;
+template <class SI_CHAR>
+struct SI_GenericNoCase;
+template <class SI_CHAR>
+class SI_ConvertA;
+
+namespace TarnXmlRpc {
+
+// The tags of a value, in the long set (1, the one every XML-RPC server reads) and the compact short set (2).
+inline constexpr char SET1_XML_TAG_VALUE[] = "<value>";
+inline constexpr char SET1_XML_ENDTAG_VALUE[] = "</value>";
+inline constexpr char SET2_XML_TAG_VALUE[] = "<va>";
+inline constexpr char SET2_XML_ENDTAG_VALUE[] = "</va>";
+inline constexpr char SET1_XML_TAG_BOOLEAN[] = "<boolean>";
+inline constexpr char SET1_XML_ENDTAG_BOOLEAN[] = "</boolean>";
+inline constexpr char SET2_XML_TAG_BOOLEAN[] = "<bo>";
+inline constexpr char SET2_XML_ENDTAG_BOOLEAN[] = "</bo>";
+inline constexpr char SET1_XML_TAG_DOUBLE[] = "<double>";
+inline constexpr char SET1_XML_ENDTAG_DOUBLE[] = "</double>";
+inline constexpr char SET2_XML_TAG_DOUBLE[] = "<do>";
+inline constexpr char SET2_XML_ENDTAG_DOUBLE[] = "</do>";
+inline constexpr char SET1_XML_TAG_INT[] = "<int>";
+inline constexpr char SET1_XML_ENDTAG_INT[] = "</int>";
+inline constexpr char SET2_XML_TAG_INT[] = "<int>";
+inline constexpr char SET2_XML_ENDTAG_INT[] = "</int>";
+inline constexpr char SET1_XML_TAG_I4[] = "<i4>";
+inline constexpr char SET1_XML_ENDTAG_I4[] = "</i4>";
+inline constexpr char SET2_XML_TAG_I4[] = "<i4>";
+inline constexpr char SET2_XML_ENDTAG_I4[] = "</i4>";
+inline constexpr char SET1_XML_TAG_I8[] = "<i8>";
+inline constexpr char SET1_XML_ENDTAG_I8[] = "</i8>";
+inline constexpr char SET2_XML_TAG_I8[] = "<i8>";
+inline constexpr char SET2_XML_ENDTAG_I8[] = "</i8>";
+inline constexpr char SET1_XML_TAG_STRING[] = "<string>";
+inline constexpr char SET1_XML_ENDTAG_STRING[] = "</string>";
+inline constexpr char SET2_XML_TAG_STRING[] = "<str>";
+inline constexpr char SET2_XML_ENDTAG_STRING[] = "</str>";
+inline constexpr char SET1_XML_TAG_DATETIME[] = "<dateTime.iso8601>";
+inline constexpr char SET1_XML_ENDTAG_DATETIME[] = "</dateTime.iso8601>";
+inline constexpr char SET2_XML_TAG_DATETIME[] = "<dtime>";
+inline constexpr char SET2_XML_ENDTAG_DATETIME[] = "</dtime>";
+inline constexpr char SET1_XML_TAG_BASE64[] = "<base64>";
+inline constexpr char SET1_XML_ENDTAG_BASE64[] = "</base64>";
+inline constexpr char SET2_XML_TAG_BASE64[] = "<b64>";
+inline constexpr char SET2_XML_ENDTAG_BASE64[] = "</b64>";
+inline constexpr char SET1_XML_TAG_ARRAY[] = "<array>";
+inline constexpr char SET1_XML_ENDTAG_ARRAY[] = "</array>";
+inline constexpr char SET2_XML_TAG_ARRAY[] = "<ar>";
+inline constexpr char SET2_XML_ENDTAG_ARRAY[] = "</ar>";
+inline constexpr char SET1_XML_TAG_DATA[] = "<data>";
+inline constexpr char SET1_XML_ENDTAG_DATA[] = "</data>";
+inline constexpr char SET2_XML_TAG_DATA[] = "<da>";
+inline constexpr char SET2_XML_ENDTAG_DATA[] = "</da>";
+inline constexpr char SET1_XML_TAG_STRUCT[] = "<struct>";
+inline constexpr char SET1_XML_ENDTAG_STRUCT[] = "</struct>";
+inline constexpr char SET2_XML_TAG_STRUCT[] = "<st>";
+inline constexpr char SET2_XML_ENDTAG_STRUCT[] = "</st>";
+inline constexpr char SET1_XML_TAG_MEMBER[] = "<member>";
+inline constexpr char SET1_XML_ENDTAG_MEMBER[] = "</member>";
+inline constexpr char SET2_XML_TAG_MEMBER[] = "<me>";
+inline constexpr char SET2_XML_ENDTAG_MEMBER[] = "</me>";
+inline constexpr char SET1_XML_TAG_NAME[] = "<name>";
+inline constexpr char SET1_XML_ENDTAG_NAME[] = "</name>";
+inline constexpr char SET2_XML_TAG_NAME[] = "<na>";
+inline constexpr char SET2_XML_ENDTAG_NAME[] = "</na>";
+
+/// One XML-RPC value of any type: what every parameter, result and fault is made of. It owns its storage; copies are
+/// deep, a move takes the storage over and leaves the source invalid. One thread at a time.
+///
+/// A value takes a type by construction, by assignment, by reading (fromXml(), fromINIFile()) or, while it is invalid,
+/// by the first access through a non-const assert...() or operator[]. After that the type stays until the next
+/// assignment or invalidate(): access of another type throws XmlRpcException and leaves the value as it was; nothing is
+/// converted.
+class XmlRpcValue {
+ public:
+  enum Type : int {
+    TypeInvalid = 0,
+    TypeBoolean = 1,
+    TypeInt = 2,
+    TypeDouble = 3,
+    TypeString = 4,
+    TypeDateTime = 5,
+    TypeBase64 = 6,
+    TypeArray = 7,
+    TypeStruct = 8,
+    TypeInt64 = 9
+  };
+
+  using Ini = CSimpleIniTempl<char, SI_GenericNoCase<char>, SI_ConvertA<char>>;
+
+  /// The deepest nesting that a document may have to be read: the outermost value is at depth 1. A document in which
+  /// the reader meets a value deeper than this is refused whole.
+  static constexpr int MaximumDepth = 512;
+
+  static constexpr const char* const XML_TAG_VALUE[2] = {SET1_XML_TAG_VALUE, SET2_XML_TAG_VALUE};
+  static constexpr const char* const XML_ENDTAG_VALUE[2] = {SET1_XML_ENDTAG_VALUE, SET2_XML_ENDTAG_VALUE};
+  static constexpr const char* const XML_TAG_BOOLEAN[2] = {SET1_XML_TAG_BOOLEAN, SET2_XML_TAG_BOOLEAN};
+  static constexpr const char* const XML_ENDTAG_BOOLEAN[2] = {SET1_XML_ENDTAG_BOOLEAN, SET2_XML_ENDTAG_BOOLEAN};
+  static constexpr const char* const XML_TAG_DOUBLE[2] = {SET1_XML_TAG_DOUBLE, SET2_XML_TAG_DOUBLE};
+  static constexpr const char* const XML_ENDTAG_DOUBLE[2] = {SET1_XML_ENDTAG_DOUBLE, SET2_XML_ENDTAG_DOUBLE};
+  static constexpr const char* const XML_TAG_INT[2] = {SET1_XML_TAG_INT, SET2_XML_TAG_INT};
+  static constexpr const char* const XML_ENDTAG_INT[2] = {SET1_XML_ENDTAG_INT, SET2_XML_ENDTAG_INT};
+  static constexpr const char* const XML_TAG_I4[2] = {SET1_XML_TAG_I4, SET2_XML_TAG_I4};
+  static constexpr const char* const XML_ENDTAG_I4[2] = {SET1_XML_ENDTAG_I4, SET2_XML_ENDTAG_I4};
+  static constexpr const char* const XML_TAG_I8[2] = {SET1_XML_TAG_I8, SET2_XML_TAG_I8};
+  static constexpr const char* const XML_ENDTAG_I8[2] = {SET1_XML_ENDTAG_I8, SET2_XML_ENDTAG_I8};
+  static constexpr const char* const XML_TAG_STRING[2] = {SET1_XML_TAG_STRING, SET2_XML_TAG_STRING};
+  static constexpr const char* const XML_ENDTAG_STRING[2] = {SET1_XML_ENDTAG_STRING, SET2_XML_ENDTAG_STRING};
+  static constexpr const char* const XML_TAG_DATETIME[2] = {SET1_XML_TAG_DATETIME, SET2_XML_TAG_DATETIME};
+  static constexpr const char* const XML_ENDTAG_DATETIME[2] = {SET1_XML_ENDTAG_DATETIME, SET2_XML_ENDTAG_DATETIME};
+  static constexpr const char* const XML_TAG_BASE64[2] = {SET1_XML_TAG_BASE64, SET2_XML_TAG_BASE64};
+  static constexpr const char* const XML_ENDTAG_BASE64[2] = {SET1_XML_ENDTAG_BASE64, SET2_XML_ENDTAG_BASE64};
+  static constexpr const char* const XML_TAG_ARRAY[2] = {SET1_XML_TAG_ARRAY, SET2_XML_TAG_ARRAY};
+  static constexpr const char* const XML_ENDTAG_ARRAY[2] = {SET1_XML_ENDTAG_ARRAY, SET2_XML_ENDTAG_ARRAY};
+  static constexpr const char* const XML_TAG_DATA[2] = {SET1_XML_TAG_DATA, SET2_XML_TAG_DATA};
+  static constexpr const char* const XML_ENDTAG_DATA[2] = {SET1_XML_ENDTAG_DATA, SET2_XML_ENDTAG_DATA};
+  static constexpr const char* const XML_TAG_STRUCT[2] = {SET1_XML_TAG_STRUCT, SET2_XML_TAG_STRUCT};
+  static constexpr const char* const XML_ENDTAG_STRUCT[2] = {SET1_XML_ENDTAG_STRUCT, SET2_XML_ENDTAG_STRUCT};
+  static constexpr const char* const XML_TAG_MEMBER[2] = {SET1_XML_TAG_MEMBER, SET2_XML_TAG_MEMBER};
+  static constexpr const char* const XML_ENDTAG_MEMBER[2] = {SET1_XML_ENDTAG_MEMBER, SET2_XML_ENDTAG_MEMBER};
+  static constexpr const char* const XML_TAG_NAME[2] = {SET1_XML_TAG_NAME, SET2_XML_TAG_NAME};
+  static constexpr const char* const XML_ENDTAG_NAME[2] = {SET1_XML_ENDTAG_NAME, SET2_XML_ENDTAG_NAME};
+
+  /// The printf format of doubles, in XML and in the INI rendering. Texts are cut to what the writers' buffers hold.
+  static std::string m_DoubleFormat;
+
+  XmlRpcValue() noexcept {}
+  XmlRpcValue(bool value) noexcept : _type(TypeBoolean) { _value.asBool = value; }
+  XmlRpcValue(int value) noexcept : _type(TypeInt) { _value.asInt = value; }
+  XmlRpcValue(long value) noexcept : XmlRpcValue(static_cast<long long>(value)) {}
+  XmlRpcValue(long long value) noexcept : _type(TypeInt64) { _value.asInt64 = value; }
+  XmlRpcValue(double value) noexcept : _type(TypeDouble) { _value.asDouble = value; }
+  /// A null pointer is the empty text.
+  XmlRpcValue(const char* value);
+  XmlRpcValue(const std::string& value);
+  /// tm_year is the full year and tm_mon 1 to 12, as they stand in the XML text; see docs/library.md.
+  XmlRpcValue(const std::tm& value);
+  /// Binary data.
+  XmlRpcValue(const std::vector<char>& value);
+  XmlRpcValue(const void*) = delete;
+  XmlRpcValue(unsigned) = delete;
+  XmlRpcValue(unsigned long) = delete;
+  XmlRpcValue(unsigned long long) = delete;
+  XmlRpcValue(long double) = delete;
+  XmlRpcValue(const XmlRpcValue& other);
+  XmlRpcValue(XmlRpcValue&& other) noexcept;
+  virtual ~XmlRpcValue();
+
+  /// `other` may be a part of this value. If the copy cannot be allocated, this value stays as it was.
+  XmlRpcValue& operator=(const XmlRpcValue& other);
+  XmlRpcValue& operator=(XmlRpcValue&& other) noexcept;
+  XmlRpcValue& operator=(const bool& value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(const int& value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(const long& value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(const long long& value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(const double& value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(const char* value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(const std::string& value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(const std::tm& value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(const std::vector<char>& value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(const void*) = delete;
+  XmlRpcValue& operator=(unsigned) = delete;
+  XmlRpcValue& operator=(unsigned long) = delete;
+  XmlRpcValue& operator=(unsigned long long) = delete;
+  XmlRpcValue& operator=(long double) = delete;
+
+  /// Frees what the value holds and makes it invalid.
+  void invalidate() noexcept;
+
+  Type getType() const { return _type; }
+  bool valid() const { return _type != TypeInvalid; }
+  /// The tag set the value was read in: 0 long, 1 short. 0 for a value built in memory.
+  int getTagSet() const { return tagSet; }
+
+  /// Bytes of binary data or text, elements of an array, members of a struct; 0 for every other type.
+  int size() const;
+  /// Members of a struct; 0 for every other type.
+  int countMembers() const;
+
+  // Implicit conversion on access. The non-const forms give an invalid value the wanted type with empty storage and
+  // throw on any other mismatch; the const forms throw on every mismatch. Codes: -4303 type, -4304 no array, -4305
+  // array too short, -4306 no struct, -4325 no binary data, -4326 binary data too short.
+
+  void assertTypeOrInvalid(Type t);
+  void assertTypeOrInvalid(Type t) const;
+  /// Makes the array at least `size` long, new elements invalid; it never shrinks. A negative size counts as 0.
+  void assertArray(int size);
+  void assertArray(int size) const;
+  void assertStruct();
+  void assertStruct() const;
+  /// Makes the data at least `size` long, new bytes zero; it never shrinks. A negative size counts as 0.
+  void assertBinaryData(int size);
+  /// Returns the byte count.
+  int assertBinaryData(int size) const;
+
+  bool& getBool() { return inlineScalar(TypeBoolean).asBool; }
+  const bool& getBool() const { return inlineScalar(TypeBoolean).asBool; }
+  int& getInt() { return inlineScalar(TypeInt).asInt; }
+  const int& getInt() const { return inlineScalar(TypeInt).asInt; }
+  long long& getInt64() { return inlineScalar(TypeInt64).asInt64; }
+  const long long& getInt64() const { return inlineScalar(TypeInt64).asInt64; }
+  double& getDouble() { return inlineScalar(TypeDouble).asDouble; }
+  const double& getDouble() const { return inlineScalar(TypeDouble).asDouble; }
+  std::string& getString();
+  const std::string& getString() const;
+  std::tm& getDateTime();
+  const std::tm& getDateTime() const;
+
+  /// Throws -4303 "type error" unless the value is binary data.
+  const std::vector<char>& getBinaryData() const;
+  /// The byte at `index`. Throws -4303 as above; outside the data -4326 with the text "type error", which callers of
+  /// the device's software compare.
+  unsigned char getBinaryDataAt(int index) const;
+
+  /// The element at `index`; the non-const form grows the array to hold it. A negative index or INT_MAX throws as one
+  /// too large does (-4305).
+  XmlRpcValue& operator[](int index);
+  const XmlRpcValue& operator[](int index) const;
+  /// The member of that name, which is made (invalid) when it is absent: reading an absent member creates it.
+  XmlRpcValue& operator[](const char* name);
+  XmlRpcValue& operator[](const std::string& name);
+
+  // Look-ups that never throw: false, or TypeInvalid, on anything but a struct that has the member.
+
+  bool hasMember(const std::string& name) const;
+  /// `out` is untouched when the result is false; it may be this value.
+  bool getMember(const std::string& name, XmlRpcValue& out) const;
+  Type getMemberType(const std::string& name) const;
+  bool deleteMember(const std::string& name);
+  /// Clears `names`, then fills it with the names in byte-wise order.
+  bool getMembers(std::vector<std::string>& names) const;
+
+  /// Struct members are compared in order by value alone, not by name; date-times without their day of the month; two
+  /// NaN are unequal. The device's software compares settings so.
+  bool operator==(const XmlRpcValue& other) const;
+  bool operator!=(const XmlRpcValue& other) const { return !(*this == other); }
+
+  /// A struct with both "faultCode" and "faultString".
+  bool IsFaultResponse() const;
+  /// 0 when this is no fault. Throws -4303 when the code is there but no int.
+  int GetFaultCode();
+  std::string GetFaultString();
+
+  bool Test() const { return true; }
+  void Trace(const char*, const char*) const {}
+
+  // XML. `format` and `set` choose the tags: 1 the short set, any other number the long one. Offsets are bytes into the
+  // text. Reading never throws on malformed text: false, the offset as it was, the value invalid.
+
+  /// The XML text of the value; empty for an invalid one.
+  std::string toXml(int format) const;
+  std::string toXml(int format) { return static_cast<const XmlRpcValue*>(this)->toXml(format); }
+  /// Reads one value from `*offset` and leaves `*offset` just past its closing tag. `xml` may be a text that this value
+  /// holds. Takes time linear in the text, whatever the text is.
+  bool fromXml(const std::string& xml, int* offset);
+
+  // One type each. A writer on a value of another type gives an empty text; a reader starts after the type's tag,
+  // leaves the closing tags unread, uses this value's tag set and releases what the value held.
+
+  std::string boolToXml(int set) const;
+  std::string intToXml(int set) const;
+  std::string int64ToXml(int set) const;
+  std::string doubleToXml(int set) const;
+  std::string stringToXml(int set) const;
+  std::string timeToXml(int set) const;
+  std::string binaryToXml(int set) const;
+  std::string arrayToXml(int set) const;
+  std::string structToXml(int set) const;
+
+  bool boolFromXml(const std::string& xml, int* offset);
+  bool intFromXml(const std::string& xml, int* offset);
+  bool int64FromXml(const std::string& xml, int* offset);
+  bool doubleFromXml(const std::string& xml, int* offset);
+  bool stringFromXml(const std::string& xml, int* offset);
+  bool timeFromXml(const std::string& xml, int* offset);
+  bool binaryFromXml(const std::string& xml, int* offset);
+  bool arrayFromXml(const std::string& xml, int* offset);
+  bool structFromXml(const std::string& xml, int* offset);
+
+  // What a writer reserves, in bytes: a hint (struct member names are left out), saturated at INT_MAX.
+
+  int toXmlSize(int set) const;
+  int boolToXmlSize(int set) const;
+  int intToXmlSize(int set) const;
+  int int64ToXmlSize(int set) const;
+  int doubleToXmlSize(int set) const;
+  int stringToXmlSize(int set) const;
+  int timeToXmlSize(int set) const;
+  int binaryToXmlSize(int set) const;
+  int arrayToXmlSize(int set) const;
+  int structToXmlSize(int set) const;
+
+  // INI text, rendered by the library itself; docs/library.md has the rules. Binary data has no INI form: it adds
+  // nothing and the result is false, while everything else is still rendered.
+
+  bool toINIFormat(std::vector<std::string>& blocks, const char* section, const char* key) const;
+  bool toINIFormat(std::string& out, const char* section, const char* key);
+  /// Not supported: false.
+  bool fromINIFormat(const std::string& text);
+
+  // INI files through SimpleIni. These four are in the component tarnxmlrpc::ini, the only one that links it.
+
+  bool toINIFile(Ini& ini, const char* section, const char* key) const;
+  bool toINIFile(const std::string& fileName) const;
+  bool fromINIFile(Ini& ini);
+  bool fromINIFile(const std::string& fileName);
+
+  /// A readable dump, a line for each value, to `stream`; Print() to standard output; PrintIf() only if `condition` >
+  /// 0.
+  void FilePrint(std::FILE* stream, const char* name, const char* prefix) const;
+  void Print(const char* name, const char* prefix) const;
+  void PrintIf(int condition, const char* name, const char* prefix) const;
+  /// A compact form in one line without a line end.
+  std::ostream& write(std::ostream& stream) const;
+
+ private:
+  friend class XmlReader;
+  friend class XmlWriter;
+  using Array = std::vector<XmlRpcValue>;
+  using Struct = std::map<std::string, XmlRpcValue>;
+  using Binary = std::vector<char>;
+
+  union Storage {
+    bool asBool;
+    std::int32_t asInt;
+    double asDouble;
+    long long asInt64 = 0;
+    std::string* asString;
+    std::tm* asTime;
+    Binary* asBinary;
+    Array* asArray;
+    Struct* asStruct;
+  };
+
+  void takeStorage(XmlRpcValue& other) noexcept;
+  Storage& inlineScalar(Type t);
+  const Storage& inlineScalar(Type t) const;
+  const XmlRpcValue* findMember(const std::string& name) const;
+
+  std::vector<std::string> iniLines;
+  std::int32_t tagSet = 0;
+  Type _type = TypeInvalid;
+  Storage _value;
+};
+
+/// The compact form of XmlRpcValue::write().
+std::ostream& operator<<(std::ostream& stream, XmlRpcValue& value);
+
+}  // namespace TarnXmlRpc
