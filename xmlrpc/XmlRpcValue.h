@@ -104,7 +104,7 @@ class XmlRpcValue {
 
   /// The deepest nesting that a document may have to be read: the outermost value is at depth 1. A document in which
   /// the reader meets a value deeper than this is refused whole.
-  static constexpr int MaximumDepth = 512;
+  static constexpr int MaximumDepth = 256;
 
   static constexpr const char* const XML_TAG_VALUE[2] = {SET1_XML_TAG_VALUE, SET2_XML_TAG_VALUE};
   static constexpr const char* const XML_ENDTAG_VALUE[2] = {SET1_XML_ENDTAG_VALUE, SET2_XML_ENDTAG_VALUE};
@@ -350,6 +350,12 @@ class XmlRpcValue {
   Storage& inlineScalar(Type t);
   const Storage& inlineScalar(Type t) const;
   const XmlRpcValue* findMember(const std::string& name) const;
+  void printContainer(std::FILE* stream, const char* name, const char* prefix) const;
+  bool iniText(std::string& text) const;
+  std::string toXmlOfType(Type type, int set) const;
+  bool fromXmlOfType(Type type, const std::string& xml, int* offset);
+  template <typename Read>
+  bool readFresh(const std::string& xml, int* offset, const Read& read);
 
   std::vector<std::string> iniLines;
   std::int32_t tagSet = 0;

@@ -1,0 +1,315 @@
+#include "xmlrpc/XmlRpcValue.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+
+#include "xmlrpc/XmlRpcUtil.h"
+
+namespace TarnXmlRpc {
+
+std::string XmlRpcValue::m_DoubleFormat = "%.15g";
+
+namespace {
+
+constexpr std::int32_t CODE_TYPE = -4303;
+constexpr std::int32_t CODE_NO_ARRAY = -4304;
+constexpr std::int32_t CODE_ARRAY_RANGE = -4305;
+constexpr std::int32_t CODE_NO_STRUCT = -4306;
+
+[[noreturn]] void ThrowTypeError() { throw XmlRpcException("type error", CODE_TYPE); }
+[[noreturn]] void ThrowNoArray() { throw XmlRpcException("type error: expected an array", CODE_NO_ARRAY); }
+[[noreturn]] void ThrowArrayRange() { throw XmlRpcException("range error: array index too large", CODE_ARRAY_RANGE); }
+[[noreturn]] void ThrowNoStruct() { throw XmlRpcException("type error: expected a struct", CODE_NO_STRUCT); }
+
+int Count(std::size_t count) { return static_cast<int>(std::min<std::size_t>(count, INT_MAX)); }
+
+bool SameTime(const std::tm& a, const std::tm& b) {
+  // Without the day of the month, on which callers rely: a setting stamped on another day counts as the same.
+  return a.tm_sec == b.tm_sec && a.tm_min == b.tm_min && a.tm_hour == b.tm_hour && a.tm_mon == b.tm_mon &&
+         a.tm_year == b.tm_year;
+}
+
+}  // namespace
+
+XmlRpcValue::XmlRpcValue(const char* value) : _type(TypeString) {
+  _value.asString = new std::string(value == nullptr ? "" : value);
+}
+
+XmlRpcValue::XmlRpcValue(const std::string& value) : _type(TypeString) { _value.asString = new std::string(value); }
+
+XmlRpcValue::XmlRpcValue(const std::tm& value) : _type(TypeDateTime) { _value.asTime = new std::tm(value); }
+
+XmlRpcValue::XmlRpcValue(const std::vector<char>& value) : _type(TypeBase64) { _value.asBinary = new Binary(value); }
+
+XmlRpcValue::XmlRpcValue(const XmlRpcValue& other) : tagSet(other.tagSet), _type(other._type), _value(other._value) {
+  switch (other._type) {
+    case TypeString:
+      _value.asString = new std::string(*other._value.asString);
+      break;
+    case TypeDateTime:
+      _value.asTime = new std::tm(*other._value.asTime);
+      break;
+    case TypeBase64:
+      _value.asBinary = new Binary(*other._value.asBinary);
+      break;
+    case TypeArray:
+      _value.asArray = new Array(*other._value.asArray);
+      break;
+    case TypeStruct:
+      _value.asStruct = new Struct(*other._value.asStruct);
+      break;
+    default:
+      break;
+  }
+}
+
+XmlRpcValue::XmlRpcValue(XmlRpcValue&& other) noexcept { takeStorage(other); }
+
+XmlRpcValue::~XmlRpcValue() { XmlRpcValue::invalidate(); }
+
+XmlRpcValue& XmlRpcValue::operator=(const XmlRpcValue& other) {
+  if (this != &other) *this = XmlRpcValue(other);
+  return *this;
+}
+
+XmlRpcValue& XmlRpcValue::operator=(XmlRpcValue&& other) noexcept {
+  if (this != &other) {
+    XmlRpcValue taken(std::move(other));  // first, since `other` may be a part of what is freed next
+    invalidate();
+    takeStorage(taken);
+  }
+  return *this;
+}
+
+/// Takes over what `other` holds, which becomes invalid. This value must hold nothing.
+void XmlRpcValue::takeStorage(XmlRpcValue& other) noexcept {
+  _type = other._type;
+  tagSet = other.tagSet;
+  _value = other._value;
+  other._type = TypeInvalid;
+  other.tagSet = 0;
+  other._value.asInt64 = 0;
+}
+
+void XmlRpcValue::invalidate() noexcept {
+  switch (_type) {
+    case TypeString:
+      delete _value.asString;
+      break;
+    case TypeDateTime:
+      delete _value.asTime;
+      break;
+    case TypeBase64:
+      delete _value.asBinary;
+      break;
+    case TypeArray:
+      delete _value.asArray;
+      break;
+    case TypeStruct:
+      delete _value.asStruct;
+      break;
+    default:
+      break;
+  }
+  _type = TypeInvalid;
+  tagSet = 0;
+  _value.asInt64 = 0;
+}
+
+int XmlRpcValue::size() const {
+  switch (_type) {
+    case TypeString:
+      return Count(_value.asString->size());
+    case TypeBase64:
+      return Count(_value.asBinary->size());
+    case TypeArray:
+      return Count(_value.asArray->size());
+    default:
+      return countMembers();
+  }
+}
+
+int XmlRpcValue::countMembers() const { return _type == TypeStruct ? Count(_value.asStruct->size()) : 0; }
+
+void XmlRpcValue::assertTypeOrInvalid(Type t) {
+  if (_type == t) return;
+  if (_type != TypeInvalid) ThrowTypeError();
+  switch (t) {
+    case TypeString:
+      _value.asString = new std::string;
+      break;
+    case TypeDateTime:
+      _value.asTime = new std::tm();
+      break;
+    case TypeBase64:
+      _value.asBinary = new Binary;
+      break;
+    case TypeArray:
+      _value.asArray = new Array;
+      break;
+    case TypeStruct:
+      _value.asStruct = new Struct;
+      break;
+    default:
+      _value.asInt64 = 0;
+      break;
+  }
+  _type = t;
+}
+
+void XmlRpcValue::assertTypeOrInvalid(Type t) const {
+  if (_type != t) ThrowTypeError();
+}
+
+void XmlRpcValue::assertArray(int size) {
+  if (_type != TypeArray && _type != TypeInvalid) ThrowNoArray();
+  const std::size_t wanted = static_cast<std::size_t>(std::max(size, 0));
+  if (_type == TypeInvalid) {
+    _value.asArray = new Array(wanted);
+    _type = TypeArray;
+  } else if (_value.asArray->size() < wanted) {
+    _value.asArray->resize(wanted);
+  }
+}
+
+void XmlRpcValue::assertArray(int size) const {
+  if (_type != TypeArray) ThrowNoArray();
+  if (size > 0 && static_cast<std::size_t>(size) > _value.asArray->size()) ThrowArrayRange();
+}
+
+void XmlRpcValue::assertStruct() {
+  if (_type != TypeStruct && _type != TypeInvalid) ThrowNoStruct();
+  assertTypeOrInvalid(TypeStruct);
+}
+
+void XmlRpcValue::assertStruct() const {
+  if (_type != TypeStruct) ThrowNoStruct();
+}
+
+XmlRpcValue::Storage& XmlRpcValue::inlineScalar(Type t) {
+  assertTypeOrInvalid(t);
+  return _value;
+}
+
+const XmlRpcValue::Storage& XmlRpcValue::inlineScalar(Type t) const {
+  assertTypeOrInvalid(t);
+  return _value;
+}
+
+std::string& XmlRpcValue::getString() {
+  assertTypeOrInvalid(TypeString);
+  return *_value.asString;
+}
+
+const std::string& XmlRpcValue::getString() const {
+  assertTypeOrInvalid(TypeString);
+  return *_value.asString;
+}
+
+std::tm& XmlRpcValue::getDateTime() {
+  assertTypeOrInvalid(TypeDateTime);
+  return *_value.asTime;
+}
+
+const std::tm& XmlRpcValue::getDateTime() const {
+  assertTypeOrInvalid(TypeDateTime);
+  return *_value.asTime;
+}
+
+XmlRpcValue& XmlRpcValue::operator[](int index) {
+  if (_type != TypeArray && _type != TypeInvalid) ThrowNoArray();
+  if (index < 0 || index == INT_MAX) ThrowArrayRange();
+  assertArray(index + 1);
+  return (*_value.asArray)[static_cast<std::size_t>(index)];
+}
+
+const XmlRpcValue& XmlRpcValue::operator[](int index) const {
+  if (_type != TypeArray) ThrowNoArray();
+  if (index < 0 || index == INT_MAX) ThrowArrayRange();
+  assertArray(index + 1);
+  return (*_value.asArray)[static_cast<std::size_t>(index)];
+}
+
+XmlRpcValue& XmlRpcValue::operator[](const char* name) { return (*this)[std::string(name == nullptr ? "" : name)]; }
+
+XmlRpcValue& XmlRpcValue::operator[](const std::string& name) {
+  assertStruct();
+  return (*_value.asStruct)[name];
+}
+
+/// The member of that name, or null where there is none or this is no struct.
+const XmlRpcValue* XmlRpcValue::findMember(const std::string& name) const {
+  if (_type != TypeStruct) return nullptr;
+  const auto found = _value.asStruct->find(name);
+  return found == _value.asStruct->end() ? nullptr : &found->second;
+}
+
+bool XmlRpcValue::hasMember(const std::string& name) const { return findMember(name) != nullptr; }
+
+bool XmlRpcValue::getMember(const std::string& name, XmlRpcValue& out) const {
+  const XmlRpcValue* member = findMember(name);
+  if (member == nullptr) return false;
+  out = *member;
+  return true;
+}
+
+XmlRpcValue::Type XmlRpcValue::getMemberType(const std::string& name) const {
+  const XmlRpcValue* member = findMember(name);
+  return member == nullptr ? TypeInvalid : member->_type;
+}
+
+bool XmlRpcValue::deleteMember(const std::string& name) {
+  if (_type != TypeStruct) return false;
+  const auto found = _value.asStruct->find(name);
+  if (found == _value.asStruct->end()) return false;
+  _value.asStruct->erase(found);  // by position: `name` may be a part of the member
+  return true;
+}
+
+bool XmlRpcValue::getMembers(std::vector<std::string>& names) const {
+  names.clear();
+  if (_type != TypeStruct) return false;
+  names.reserve(_value.asStruct->size());
+  for (const auto& member : *_value.asStruct) names.push_back(member.first);
+  return true;
+}
+
+bool XmlRpcValue::operator==(const XmlRpcValue& other) const {
+  if (_type != other._type) return false;
+  switch (_type) {
+    case TypeBoolean:
+      return _value.asBool == other._value.asBool;
+    case TypeInt:
+      return _value.asInt == other._value.asInt;
+    case TypeInt64:
+      return _value.asInt64 == other._value.asInt64;
+    case TypeDouble:
+      return _value.asDouble == other._value.asDouble;  // a NaN equals nothing, another NaN included
+    case TypeString:
+      return *_value.asString == *other._value.asString;
+    case TypeDateTime:
+      return SameTime(*_value.asTime, *other._value.asTime);
+    case TypeBase64:
+      return *_value.asBinary == *other._value.asBinary;
+    case TypeArray:
+      return *_value.asArray == *other._value.asArray;
+    case TypeStruct:
+      // Side by side in name order, by value alone; callers rely on names not counting.
+      return std::equal(_value.asStruct->begin(), _value.asStruct->end(), other._value.asStruct->begin(),
+                        other._value.asStruct->end(),
+                        [](const auto& a, const auto& b) { return a.second == b.second; });
+    default:
+      return true;
+  }
+}
+
+bool XmlRpcValue::IsFaultResponse() const { return hasMember(FAULTCODE) && hasMember(FAULTSTRING); }
+
+int XmlRpcValue::GetFaultCode() { return IsFaultResponse() ? (*this)[FAULTCODE].getInt() : 0; }
+
+std::string XmlRpcValue::GetFaultString() {
+  return IsFaultResponse() ? (*this)[FAULTSTRING].getString() : std::string();
+}
+
+}  // namespace TarnXmlRpc

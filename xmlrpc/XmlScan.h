@@ -1,0 +1,57 @@
+#pragma once
+
+// What the public tag helpers and the value reader share: white space, tags and entities of a text. Internal to the
+// library. Positions are bytes from the start of the text; none of these reads past its end.
+
+#include <cstddef>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+namespace TarnXmlRpc {
+
+/// White space as isspace() has it in the "C" locale, whatever the program's locale is.
+constexpr bool IsBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+inline std::size_t SkipBlanks(std::string_view text, std::size_t at) {
+  while (at < text.size() && IsBlank(text[at])) ++at;
+  return at;
+}
+
+inline bool StandsAt(std::string_view text, std::size_t at, std::string_view tag) {
+  return at <= text.size() && text.compare(at, tag.size(), tag) == 0;
+}
+
+/// Skips white space; if `tag` stands there, moves `at` past it.
+inline bool SkipTag(std::string_view text, std::size_t& at, std::string_view tag) {
+  const std::size_t start = SkipBlanks(text, at);
+  if (!StandsAt(text, start, tag)) return false;
+  at = start + tag.size();
+  return true;
+}
+
+/// The same for the empty-element form of `tag`: "<data/>", with blanks before the slash or without.
+inline bool SkipEmptyTag(std::string_view text, std::size_t& at, std::string_view tag) {
+  std::size_t end = at;
+  if (tag.empty() || !SkipTag(text, end, tag.substr(0, tag.size() - 1))) return false;
+  end = SkipBlanks(text, end);
+  if (text.size() - end < 2 || text[end] != '/' || text[end + 1] != tag.back()) return false;
+  at = end + 2;
+  return true;
+}
+
+/// Appends `text` to `out` with the five characters as entities.
+void AppendEncoded(std::string_view text, std::string& out);
+/// Writes `number` in the printf format `format`, in the "C" locale and with NaN as "nan", NUL-terminated and cut to
+/// `size` bytes; `size` is at least 4. Returns the length.
+std::size_t FormatDouble(double number, const std::string& format, char* text, std::size_t size);
+/// What holds the text of any time record, NUL included: six ints at their longest.
+inline constexpr std::size_t TimeTextSize = 80;
+
+/// "DD.MM.YYYY HH:MM:SS" of a record read as a standard struct tm (months from 0, years from 1900), unlike the XML
+/// form, which keeps year and month as written. The dumps and INI texts have always shown it so.
+void FormatStandardTime(const std::tm& time, char (&text)[TimeTextSize]);
+/// `text` with the entities of the five characters read.
+std::string Decoded(std::string_view text);
+
+}  // namespace TarnXmlRpc
