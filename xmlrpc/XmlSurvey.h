@@ -14,14 +14,14 @@
 namespace TarnXmlRpc {
 
 /// Looks for one tag from many places of one text. While the places only move forward, each byte is looked at once;
-/// after index(), in any order, a look costs the logarithm of the number of tags.
+/// after index(), a look from anywhere takes a bounded number of steps.
 class TagFinder {
  public:
   explicit TagFinder(std::string_view text, std::string_view tag) : _text(text), _tag(tag) {}
 
   /// The first place of the tag at or after `from`, or npos.
   std::size_t find(std::size_t from) {
-    if (_indexed) return indexed(from);
+    if (!_firstOfBlock.empty()) return indexed(from);
     if (from < _from || from > _found) {
       _found = _text.find(_tag, from);
       _from = from;
@@ -31,23 +31,30 @@ class TagFinder {
 
   void index() {
     for (std::size_t at = _text.find(_tag); at != std::string_view::npos; at = _text.find(_tag, at + 1)) {
-      _places.push_back(static_cast<std::uint32_t>(at));
+      for (; _firstOfBlock.size() * blockSize <= at; _firstOfBlock.push_back(_places.size())) {
+      }
+      _places.push_back(at);
     }
-    _indexed = true;
+    _firstOfBlock.push_back(_places.size());
   }
 
  private:
+  static constexpr std::size_t blockSize = 64;
+
   std::size_t indexed(std::size_t from) const {
-    const auto place = std::lower_bound(_places.begin(), _places.end(), from);
-    return place == _places.end() ? std::string_view::npos : *place;
+    const std::size_t block = std::min(from / blockSize, _firstOfBlock.size() - 1);
+    for (std::size_t i = _firstOfBlock[block]; i < _places.size(); ++i) {
+      if (_places[i] >= from) return _places[i];
+    }
+    return std::string_view::npos;
   }
 
   std::string_view _text;
   std::string_view _tag;
   std::size_t _from = 1;  // what find() knows: from _from on the first one is at _found; nothing at first
   std::size_t _found = 0;
-  bool _indexed = false;
-  std::vector<std::uint32_t> _places;
+  std::vector<std::size_t> _places;
+  std::vector<std::size_t> _firstOfBlock;  // for each block of the text, the first place in it or after it
 };
 
 /// The outcome of reading from each start tag of a document: whether a value or a list that goes on there can be read,

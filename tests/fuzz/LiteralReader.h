@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -11,7 +12,7 @@
 #include "xmlrpc/XmlRpcValue.h"
 
 /// The reading rules of values, written down as plainly as they can be: step by step, with the public tag helpers, no
-/// memory and no cleverness. Slow, in the worst case exponentially so: `budget` bounds the values it tries.
+/// memory and no cleverness. Slow, in the worst case exponentially so: `values` bounds those it tries.
 class LiteralReader {
  public:
   using Value = TarnXmlRpc::XmlRpcValue;
@@ -29,7 +30,7 @@ class LiteralReader {
     std::map<std::string, Node> members;
   };
 
-  explicit LiteralReader(const std::string& xml, int budget = 20000) : xml(xml), budget(budget) {}
+  explicit LiteralReader(const std::string& text, int values = 20000) : xml(text), budget(values) {}
 
   bool tooDeep = false;  // the document is refused whole
   bool tooLong = false;  // the budget is used up: no verdict
