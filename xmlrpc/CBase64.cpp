@@ -36,26 +36,6 @@ void Prepare(std::unique_ptr<Char[]>& buffer, std::int32_t& capacity, std::size_
   std::fill_n(buffer.get(), capacity, Char{});
 }
 
-std::size_t EncodedLength(std::size_t length) { return (length + 2) / 3 * 4; }
-
-/// Writes the text of `length` bytes to `out`, which has EncodedLength(length) characters.
-void EncodeTo(const char* bytes, std::size_t length, char* out) {
-  const auto* in = reinterpret_cast<const unsigned char*>(bytes);
-  for (; length >= 3; length -= 3, in += 3) {
-    const unsigned b0 = in[0], b1 = in[1], b2 = in[2];
-    *out++ = alphabet[b0 >> 2];
-    *out++ = alphabet[((b0 & 3) << 4) | (b1 >> 4)];
-    *out++ = alphabet[((b1 & 15) << 2) | (b2 >> 6)];
-    *out++ = alphabet[b2 & 63];
-  }
-  if (length == 0) return;
-  const unsigned b0 = in[0], b1 = length == 2 ? in[1] : 0U;
-  *out++ = alphabet[b0 >> 2];
-  *out++ = alphabet[((b0 & 3) << 4) | (b1 >> 4)];
-  *out++ = length == 2 ? alphabet[(b1 & 15) << 2] : padding;
-  *out = padding;
-}
-
 /// Writes the bytes of one group of four characters that is not three plain bytes. Returns how many there are, or -1
 /// where a foreign character ends the data.
 int DecodeOddGroup(const unsigned char* in, unsigned char* out) {
@@ -108,10 +88,21 @@ void CBase64::Decode(const char* text) {
   _decodedLength = static_cast<std::int32_t>(::Decode(text, length, _decoded.get()));
 }
 
-void CBase64::AppendEncoded(const char* bytes, std::size_t length, std::string& out) {
-  const std::size_t before = out.size();
-  out.resize(before + EncodedLength(length));
-  EncodeTo(bytes, length, out.data() + before);
+void CBase64::EncodeTo(const char* bytes, std::size_t length, char* out) {
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes);
+  for (; length >= 3; length -= 3, in += 3) {
+    const unsigned b0 = in[0], b1 = in[1], b2 = in[2];
+    *out++ = alphabet[b0 >> 2];
+    *out++ = alphabet[((b0 & 3) << 4) | (b1 >> 4)];
+    *out++ = alphabet[((b1 & 15) << 2) | (b2 >> 6)];
+    *out++ = alphabet[b2 & 63];
+  }
+  if (length == 0) return;
+  const unsigned b0 = in[0], b1 = length == 2 ? in[1] : 0U;
+  *out++ = alphabet[b0 >> 2];
+  *out++ = alphabet[((b0 & 3) << 4) | (b1 >> 4)];
+  *out++ = length == 2 ? alphabet[(b1 & 15) << 2] : padding;
+  *out = padding;
 }
 
 void CBase64::DecodeTo(const char* text, std::size_t length, std::vector<char>& out) {

@@ -25,8 +25,10 @@ class CBase64 {
   const unsigned char* GetDecoded() const { return _decoded.get(); }
   int GetDecodedLength() const { return _decodedLength; }
 
-  /// Appends the text of `length` bytes to `out`.
-  static void AppendEncoded(const char* bytes, std::size_t length, std::string& out);
+  /// The characters that `length` bytes take.
+  static constexpr std::size_t EncodedLength(std::size_t length) { return (length + 2) / 3 * 4; }
+  /// Writes the text of `length` bytes to `out`, EncodedLength(length) characters without a NUL.
+  static void EncodeTo(const char* bytes, std::size_t length, char* out);
   /// Replaces `out` by the bytes of `length` characters, by the rules of Decode().
   static void DecodeTo(const char* text, std::size_t length, std::vector<char>& out);
 

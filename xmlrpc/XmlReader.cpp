@@ -16,14 +16,18 @@ namespace {
 using std::size_t;
 constexpr size_t npos = std::string_view::npos;
 
-#define TARN_TAGS(n)                                                                                          \
-  {                                                                                                           \
-    SET##n##_XML_TAG_VALUE, SET##n##_XML_ENDTAG_VALUE, SET##n##_XML_TAG_DATA, SET##n##_XML_ENDTAG_DATA,       \
-        SET##n##_XML_TAG_MEMBER, SET##n##_XML_ENDTAG_MEMBER, SET##n##_XML_TAG_NAME, SET##n##_XML_ENDTAG_NAME, \
-        SET##n##_XML_ENDTAG_ARRAY, SET##n##_XML_ENDTAG_STRUCT                                                 \
-  }
-constexpr XmlTags tagsOf[2] = {TARN_TAGS(1), TARN_TAGS(2)};
-#undef TARN_TAGS
+/// The tags of one set, known to the compiler where they are compared.
+template <int set>
+struct Tags {
+  static constexpr std::string_view value = XmlRpcValue::XML_TAG_VALUE[set];
+  static constexpr std::string_view valueEnd = XmlRpcValue::XML_ENDTAG_VALUE[set];
+  static constexpr std::string_view data = XmlRpcValue::XML_TAG_DATA[set];
+  static constexpr std::string_view dataEnd = XmlRpcValue::XML_ENDTAG_DATA[set];
+  static constexpr std::string_view member = XmlRpcValue::XML_TAG_MEMBER[set];
+  static constexpr std::string_view memberEnd = XmlRpcValue::XML_ENDTAG_MEMBER[set];
+  static constexpr std::string_view name = XmlRpcValue::XML_TAG_NAME[set];
+  static constexpr std::string_view nameEnd = XmlRpcValue::XML_ENDTAG_NAME[set];
+};
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
@@ -35,19 +39,20 @@ bool ScanInteger(std::string_view text, size_t& at, std::int64_t& number) {
   const bool negative = p < text.size() && text[p] == '-';
   if (p < text.size() && (text[p] == '-' || text[p] == '+')) ++p;
   const size_t digits = p;
-  constexpr std::uint64_t limit = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + 1;
   std::uint64_t magnitude = 0;
-  bool saturated = false;
-  for (; p < text.size() && IsDigit(text[p]); ++p) {
-    saturated = saturated || magnitude > limit / 10;
-    if (!saturated) magnitude = magnitude * 10 + static_cast<std::uint64_t>(text[p] - '0');
+  for (; p < text.size() && IsDigit(text[p]) && p - digits < 18; ++p) {
+    magnitude = magnitude * 10 + static_cast<std::uint64_t>(text[p] - '0');
   }
   if (p == digits) return false;
-  if (saturated || magnitude > limit) magnitude = limit;
-  if (negative) {
-    number = magnitude == limit ? std::numeric_limits<std::int64_t>::min() : -static_cast<std::int64_t>(magnitude);
+  constexpr std::uint64_t limit = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + 1;
+  for (; p < text.size() && IsDigit(text[p]); ++p) {  // beyond 18 digits it may be too long
+    const std::uint64_t digit = static_cast<std::uint64_t>(text[p] - '0');
+    magnitude = magnitude <= limit / 10 ? std::min(magnitude * 10 + digit, limit) : limit;
+  }
+  if (!negative) {
+    number = static_cast<std::int64_t>(std::min(magnitude, limit - 1));
   } else {
-    number = magnitude == limit ? std::numeric_limits<std::int64_t>::max() : static_cast<std::int64_t>(magnitude);
+    number = magnitude >= limit ? std::numeric_limits<std::int64_t>::min() : -static_cast<std::int64_t>(magnitude);
   }
   at = p;
   return true;
@@ -129,17 +134,20 @@ std::string_view UpToNul(std::string_view text) { return text.substr(0, text.fin
 
 XmlReader::XmlReader(const std::string& xml)
     : _text(xml),
-      _finders{{{TagFinder(_text, tagsOf[0].valueEnd), TagFinder(_text, tagsOf[0].name),
-                 TagFinder(_text, tagsOf[0].nameEnd)},
-                {TagFinder(_text, tagsOf[1].valueEnd), TagFinder(_text, tagsOf[1].name),
-                 TagFinder(_text, tagsOf[1].nameEnd)}}} {}
+      _finders{
+          {{TagFinder(_text, Tags<0>::valueEnd), TagFinder(_text, Tags<0>::name), TagFinder(_text, Tags<0>::nameEnd)},
+           {TagFinder(_text, Tags<1>::valueEnd), TagFinder(_text, Tags<1>::name),
+            TagFinder(_text, Tags<1>::nameEnd)}}} {}
 
 bool XmlReader::readValue(XmlRpcValue& value, size_t& at) {
   return run([](XmlReader& reader, Value* out, size_t& p) { return reader.value(out, p, 1); }, value, at);
 }
 
 bool XmlReader::readOfType(XmlRpcValue::Type type, XmlRpcValue& value, size_t& at, int set) {
-  return run([=](XmlReader& reader, Value* out, size_t& p) { return reader.ofType(type, out, p, set, 1); }, value, at);
+  const auto read = [=](XmlReader& reader, Value* out, size_t& p) {
+    return set == 1 ? reader.ofType<1>(type, out, p, 1) : reader.ofType<0>(type, out, p, 1);
+  };
+  return run(read, value, at);
 }
 
 template <typename Read>
@@ -176,8 +184,7 @@ void XmlReader::beginSurvey() {
   _surveying = true;
 }
 
-size_t XmlReader::skipBlanks(size_t at) {
-  if (at >= _text.size() || !IsBlank(_text[at])) return at;
+size_t XmlReader::skipKnownBlanks(size_t at) {
   if (_surveying) return _survey.skipBlanks(_text, at);
   if (at < _blanksFrom || at >= _blanksEnd) {  // else known from the levels that looked here before
     _blanksFrom = at;
@@ -186,7 +193,7 @@ size_t XmlReader::skipBlanks(size_t at) {
   return _blanksEnd;
 }
 
-bool XmlReader::skipTag(size_t& at, std::string_view tag) {
+[[gnu::always_inline]] inline bool XmlReader::skipTag(size_t& at, std::string_view tag) {
   const size_t start = skipBlanks(at);
   if (!StandsAt(_text, start, tag)) return false;
   at = start + tag.size();
@@ -203,8 +210,8 @@ size_t XmlReader::nextLess(size_t at) {
 
 /// The tag set of the value start tag that stands at `at`, or -1.
 int XmlReader::valueTagAt(size_t at) const {
-  if (StandsAt(_text, at, tagsOf[0].value)) return 0;
-  return StandsAt(_text, at, tagsOf[1].value) ? 1 : -1;
+  if (StandsAt(_text, at, Tags<0>::value)) return 0;
+  return StandsAt(_text, at, Tags<1>::value) ? 1 : -1;
 }
 
 /// Reads one value. `out` is null while surveying.
@@ -216,28 +223,33 @@ bool XmlReader::value(Value* out, size_t& at, int depth) {
     _tooDeep = true;
     return false;
   }
-  const size_t afterTag = start + tagsOf[set].value.size();
-  if (_surveying) return surveyedValue(start, afterTag, at, set, depth);
+  return set == 0 ? valueOfSet<0>(out, start, at, depth) : valueOfSet<1>(out, start, at, depth);
+}
+
+template <int set>
+bool XmlReader::valueOfSet(Value* out, size_t start, size_t& at, int depth) {
+  if (_surveying) return surveyedValue<set>(start, at, depth);
   // Each enclosing array that ends before a malformed value lets the next one try the same place again.
   if (start == _lastFailed || (_survey.begun() && _survey.at(start).value.failed())) return false;
-  size_t p = afterTag;
-  if (!content(out, p, set, depth)) {
+  size_t p = start + Tags<set>::value.size();
+  if (!content<set>(out, p, depth)) {
     _lastFailed = start;
     return false;
   }
-  at = pastValueEnd(p, set);
+  at = pastValueEnd<set>(p);
   return true;
 }
 
-bool XmlReader::surveyedValue(size_t start, size_t afterTag, size_t& at, int set, int depth) {
+template <int set>
+bool XmlReader::surveyedValue(size_t start, size_t& at, int depth) {
   XmlSurvey::Outcome& outcome = _survey.at(start).value;
   if (!outcome.known()) {
     const int deepestOutside = _deepest;
     _deepest = depth;
-    size_t p = afterTag;
-    const bool success = content(nullptr, p, set, depth);
+    size_t p = start + Tags<set>::value.size();
+    const bool success = content<set>(nullptr, p, depth);
     if (_tooDeep) return false;
-    if (success) p = pastValueEnd(p, set);
+    if (success) p = pastValueEnd<set>(p);
     outcome.set(success, p, static_cast<size_t>(_deepest - depth + 1));
     _deepest = std::max(_deepest, deepestOutside);
   } else if (!enterKnown(outcome, depth)) {
@@ -256,69 +268,76 @@ bool XmlReader::enterKnown(const XmlSurvey::Outcome& outcome, int depth) {
 }
 
 /// The place just past the value's end tag, wherever that is; `at` itself if there is none.
-size_t XmlReader::pastValueEnd(size_t at, int set) {
-  const std::string_view tag = tagsOf[set].valueEnd;
-  const size_t found = StandsAt(_text, at, tag) ? at : _finders[static_cast<size_t>(set)].valueEnd.find(at);
+template <int set>
+size_t XmlReader::pastValueEnd(size_t at) {
+  constexpr std::string_view tag = Tags<set>::valueEnd;
+  if (StandsAt(_text, at, tag)) return at + tag.size();
+  // Mostly one end tag comes before it, the type's own.
+  const size_t next = at < _text.size() ? _text.find('<', at + 1) : npos;
+  if (StandsAt(_text, next, tag)) return next + tag.size();
+  const size_t found = _finders[set].valueEnd.find(at);
   return found == npos ? at : found + tag.size();
 }
 
 /// Takes the tag that comes next, if one does; `at` is moved past a known one alone.
-XmlReader::Tag XmlReader::nextTag(size_t& at, int set) {
-  struct Known {
-    std::string_view name[2];  // in the two sets
-    Tag tag;
-  };
-#define TARN_TAG(x) \
-  { SET1_XML_TAG_##x, SET2_XML_TAG_##x }
-  static constexpr Known known[] = {{TARN_TAG(I4), Tag::Int},
-                                    {TARN_TAG(STRUCT), Tag::Struct},
-                                    {TARN_TAG(DOUBLE), Tag::Double},
-                                    {TARN_TAG(STRING), Tag::String},
-                                    {TARN_TAG(BOOLEAN), Tag::Boolean},
-                                    {TARN_TAG(ARRAY), Tag::Array},
-                                    {TARN_TAG(INT), Tag::Int},
-                                    {TARN_TAG(I8), Tag::Int64},
-                                    {TARN_TAG(DATETIME), Tag::DateTime},
-                                    {TARN_TAG(BASE64), Tag::Base64},
-                                    {{SET1_XML_ENDTAG_VALUE, SET2_XML_ENDTAG_VALUE}, Tag::ValueEnd}};
-#undef TARN_TAG
+template <int set>
+XmlReader::Tag XmlReader::nextTag(size_t& at) {
   const size_t start = skipBlanks(at);
   if (start >= _text.size() || _text[start] != '<') return Tag::None;
-  for (const Known& candidate : known) {
-    const std::string_view name = candidate.name[set];
-    if (!StandsAt(_text, start, name)) continue;
+  const auto take = [&](std::string_view name) {
+    if (!StandsAt(_text, start, name)) return false;
     at = start + name.size();
-    return candidate.tag;
+    return true;
+  };
+  switch (start + 1 < _text.size() ? _text[start + 1] : '\0') {
+    case '/':
+      return take(Tags<set>::valueEnd) ? Tag::ValueEnd : Tag::Unknown;
+    case 'a':
+      return take(Value::XML_TAG_ARRAY[set]) ? Tag::Array : Tag::Unknown;
+    case 'b':
+      if (take(Value::XML_TAG_BOOLEAN[set])) return Tag::Boolean;
+      return take(Value::XML_TAG_BASE64[set]) ? Tag::Base64 : Tag::Unknown;
+    case 'd':
+      if (take(Value::XML_TAG_DOUBLE[set])) return Tag::Double;
+      return take(Value::XML_TAG_DATETIME[set]) ? Tag::DateTime : Tag::Unknown;
+    case 'i':
+      if (take(Value::XML_TAG_I4[set]) || take(Value::XML_TAG_INT[set])) return Tag::Int;
+      return take(Value::XML_TAG_I8[set]) ? Tag::Int64 : Tag::Unknown;
+    case 's':
+      if (take(Value::XML_TAG_STRUCT[set])) return Tag::Struct;
+      return take(Value::XML_TAG_STRING[set]) ? Tag::String : Tag::Unknown;
+    default:
+      return Tag::Unknown;
   }
-  return Tag::Unknown;
 }
 
 /// Reads what follows the value's start tag, its end tag left out.
-bool XmlReader::content(Value* out, size_t& at, int set, int depth) {
+template <int set>
+bool XmlReader::content(Value* out, size_t& at, int depth) {
   const size_t afterTag = at;
-  switch (nextTag(at, set)) {
+  switch (nextTag<set>(at)) {
     case Tag::Boolean:
-      return ofType(Value::TypeBoolean, out, at, set, depth);
+      return ofType<set>(Value::TypeBoolean, out, at, depth);
     case Tag::Int:
-      return ofType(Value::TypeInt, out, at, set, depth);
+      return ofType<set>(Value::TypeInt, out, at, depth);
     case Tag::Int64:
-      return ofType(Value::TypeInt64, out, at, set, depth);
+      return ofType<set>(Value::TypeInt64, out, at, depth);
     case Tag::Double:
-      return ofType(Value::TypeDouble, out, at, set, depth);
+      return ofType<set>(Value::TypeDouble, out, at, depth);
     case Tag::DateTime:
-      return ofType(Value::TypeDateTime, out, at, set, depth);
+      return ofType<set>(Value::TypeDateTime, out, at, depth);
     case Tag::Base64:
-      return ofType(Value::TypeBase64, out, at, set, depth);
+      return ofType<set>(Value::TypeBase64, out, at, depth);
     case Tag::Array:
-      return ofType(Value::TypeArray, out, at, set, depth);
+      return ofType<set>(Value::TypeArray, out, at, depth);
     case Tag::Struct:
-      return ofType(Value::TypeStruct, out, at, set, depth);
+      return ofType<set>(Value::TypeStruct, out, at, depth);
     case Tag::ValueEnd:
       at = afterTag;  // nothing but white space in the value: that is its text
-      return ofType(Value::TypeString, out, at, set, depth);
+      return ofType<set>(Value::TypeString, out, at, depth);
     case Tag::None:
     case Tag::String:
-      return ofType(Value::TypeString, out, at, set, depth);
+      return ofType<set>(Value::TypeString, out, at, depth);
     case Tag::Unknown:
       break;
   }
@@ -326,7 +345,8 @@ bool XmlReader::content(Value* out, size_t& at, int set, int depth) {
 }
 
 /// Reads what follows the type's own tag.
-bool XmlReader::ofType(Value::Type type, Value* out, size_t& at, int set, int depth) {
+template <int set>
+inline bool XmlReader::ofType(Value::Type type, Value* out, size_t& at, int depth) {
   bool success = false;
   switch (type) {
     case Value::TypeBoolean:
@@ -351,15 +371,18 @@ bool XmlReader::ofType(Value::Type type, Value* out, size_t& at, int set, int de
       success = binary(out, at);
       break;
     case Value::TypeArray:
-      success = array(out, at, set, depth);
+      success = array<set>(out, at, depth);
       break;
     case Value::TypeStruct:
-      success = structure(out, at, set, depth);
+      success = structure<set>(out, at, depth);
       break;
     default:
       break;
   }
-  if (success && out != nullptr) out->tagSet = set;
+  if (success && out != nullptr) {
+    out->_type = type;
+    out->tagSet = set;
+  }
   return success;
 }
 
@@ -367,7 +390,7 @@ bool XmlReader::boolean(Value* out, size_t& at) {
   std::int64_t number = 0;
   size_t end = at;
   if (!ScanInteger(_text, end, number) || number < 0 || number > 1) return false;
-  if (out != nullptr) *out = number == 1;
+  if (out != nullptr) out->_value.asBool = number == 1;
   at = end;
   return true;
 }
@@ -376,14 +399,14 @@ bool XmlReader::integer(Value* out, size_t& at) {
   std::int64_t number = 0;
   if (!ScanInteger(_text, at, number)) return false;
   // A number beyond 32 bits is cut to its low 32 bits on every machine.
-  if (out != nullptr) *out = static_cast<std::int32_t>(static_cast<std::uint32_t>(number));
+  if (out != nullptr) out->_value.asInt = static_cast<std::int32_t>(static_cast<std::uint32_t>(number));
   return true;
 }
 
 bool XmlReader::integer64(Value* out, size_t& at) {
   std::int64_t number = 0;
   if (!ScanInteger(_text, at, number)) return false;
-  if (out != nullptr) *out = static_cast<long long>(number);
+  if (out != nullptr) out->_value.asInt64 = number;
   return true;
 }
 
@@ -394,21 +417,23 @@ bool XmlReader::number(Value* out, size_t& at) {
   } else if (!ScanDouble(_text, at, number)) {
     return false;
   }
-  if (out != nullptr) *out = number;
+  if (out != nullptr) out->_value.asDouble = number;
   return true;
 }
 
 bool XmlReader::text(Value* out, size_t& at) {
   const size_t end = nextLess(at);
   if (end == npos) return false;
-  std::string decoded = Decoded(_text.substr(at, end - at));
+  std::string unused;
+  std::string* text = &unused;
+  if (out != nullptr) {
+    out->assertTypeOrInvalid(Value::TypeString);
+    text = out->_value.asString;
+  }
+  Decode(_text.substr(at, end - at), *text);
   // By the decoded length, not the raw one: after an entity this stops short of the "<", which is harmless, because the
   // closing tag is searched for from here.
-  at += decoded.size();
-  if (out != nullptr) {
-    out->_value.asString = new std::string(std::move(decoded));
-    out->_type = Value::TypeString;
-  }
+  at += text->size();
   return true;
 }
 
@@ -434,10 +459,11 @@ bool XmlReader::binary(Value* out, size_t& at) {
   return true;
 }
 
-bool XmlReader::array(Value* out, size_t& at, int set, int depth) {
+template <int set>
+bool XmlReader::array(Value* out, size_t& at, int depth) {
   size_t p = at;
-  const bool empty = SkipEmptyTag(_text, p, tagsOf[set].data);
-  if (!empty && !skipTag(p, tagsOf[set].data)) return false;
+  const bool empty = SkipEmptyTag(_text, p, Tags<set>::data);
+  if (!empty && !skipTag(p, Tags<set>::data)) return false;
   if (out != nullptr) out->assertTypeOrInvalid(Value::TypeArray);
   if (!empty) {
     ++_openArrays;
@@ -448,7 +474,7 @@ bool XmlReader::array(Value* out, size_t& at, int set, int depth) {
     }
     --_openArrays;
     if (stopped()) return false;
-    skipTag(p, tagsOf[set].dataEnd);
+    skipTag(p, Tags<set>::dataEnd);
   }
   at = p;
   return true;
@@ -495,26 +521,28 @@ void XmlReader::recordRest(size_t mark, bool success, size_t end, std::uint32_t 
 
 /// The raw text between the next name tags, `at` moved past them; empty, and nothing moved, where there are none.
 /// Entities stay as they are: a name is matched by the bytes on the wire.
-std::string_view XmlReader::memberName(size_t& at, int set) {
-  const XmlTags& tags = tagsOf[set];
-  Finders& finders = _finders[static_cast<size_t>(set)];
-  const size_t found = StandsAt(_text, at, tags.name) ? at : finders.name.find(at);
+template <int set>
+std::string_view XmlReader::memberName(size_t& at) {
+  constexpr std::string_view nameEnd = Tags<set>::nameEnd;
+  const size_t found = StandsAt(_text, at, Tags<set>::name) ? at : _finders[set].name.find(at);
   if (found == npos) return {};
-  const size_t start = found + tags.name.size();
-  const size_t end = finders.nameEnd.find(start);
+  const size_t start = found + Tags<set>::name.size();
+  const size_t less = nextLess(start);
+  const size_t end = StandsAt(_text, less, nameEnd) ? less : _finders[set].nameEnd.find(start);
   if (end == npos) return {};
-  at = end + tags.nameEnd.size();
+  at = end + nameEnd.size();
   return _text.substr(start, end - start);
 }
 
-bool XmlReader::structure(Value* out, size_t& at, int set, int depth) {
+template <int set>
+bool XmlReader::structure(Value* out, size_t& at, int depth) {
   size_t p = at;
   bool success = false;
   if (_surveying) {
-    success = surveyMembers(p, set, depth + 1);
+    success = surveyMembers<set>(p, depth + 1);
   } else {
     out->assertTypeOrInvalid(Value::TypeStruct);
-    success = buildMembers(*out->_value.asStruct, p, set, depth + 1);
+    success = buildMembers<set>(*out->_value.asStruct, p, depth + 1);
     if (!success) {
       out->invalidate();
       if (!_tooDeep && _openArrays > 0 && !_survey.begun()) _mustSurvey = true;
@@ -524,31 +552,28 @@ bool XmlReader::structure(Value* out, size_t& at, int set, int depth) {
   return success;
 }
 
-bool XmlReader::buildMembers(Value::Struct& members, size_t& at, int set, int depth) {
-  while (skipTag(at, tagsOf[set].member)) {
-    const std::string_view name = memberName(at, set);
-    // Members mostly come in the map's own order, as our own writer sends them.
-    auto place = members.end();
-    if (!members.empty() && name <= std::prev(place)->first) place = members.lower_bound(std::string(name));
-    if (place == members.end() || place->first != name) {
-      place = members.try_emplace(place, std::string(name));
-      if (!value(&place->second, at, depth)) return false;
-    } else {
-      Value surplus;  // the first of two members of one name stays
-      if (!value(&surplus, at, depth)) return false;
-    }
-    skipTag(at, tagsOf[set].memberEnd);
+template <int set>
+bool XmlReader::buildMembers(Value::Struct& members, size_t& at, int depth) {
+  while (skipTag(at, Tags<set>::member)) {
+    const std::string_view name = memberName<set>(at);
+    // Members mostly come in the map's own order, as our own writer sends them: hence the hint.
+    const size_t before = members.size();
+    const auto place = members.try_emplace(members.end(), std::string(name));
+    Value surplus;  // the first of two members of one name stays
+    if (!value(members.size() == before ? &surplus : &place->second, at, depth)) return false;
+    skipTag(at, Tags<set>::memberEnd);
   }
   return true;
 }
 
-bool XmlReader::surveyMembers(size_t& at, int set, int depth) {
+template <int set>
+bool XmlReader::surveyMembers(size_t& at, int depth) {
   const size_t mark = _trail.size();
   std::uint32_t levels = 0;
   bool success = true;
   for (;;) {
     const size_t start = skipBlanks(at);
-    if (!StandsAt(_text, start, tagsOf[set].member)) break;
+    if (!StandsAt(_text, start, Tags<set>::member)) break;
     const XmlSurvey::Outcome& rest = _survey.at(start).rest;
     if (rest.known()) {
       if (!enterKnown(rest, depth)) return false;
@@ -557,8 +582,8 @@ bool XmlReader::surveyMembers(size_t& at, int set, int depth) {
       if (success) at = rest.end();
       break;
     }
-    at = start + tagsOf[set].member.size();
-    memberName(at, set);
+    at = start + Tags<set>::member.size();
+    memberName<set>(at);
     const size_t valueStart = skipBlanks(at);
     success = value(nullptr, at, depth);
     if (_tooDeep) return false;
@@ -566,7 +591,7 @@ bool XmlReader::surveyMembers(size_t& at, int set, int depth) {
     _survey.at(start).value.levels = valueTagAt(valueStart) < 0 ? 0 : _survey.at(valueStart).value.levels;
     _trail.push_back(start);
     if (!success) break;
-    skipTag(at, tagsOf[set].memberEnd);
+    skipTag(at, Tags<set>::memberEnd);
   }
   recordRest(mark, success, at, levels);
   return success;

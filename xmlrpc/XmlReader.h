@@ -14,11 +14,6 @@
 
 namespace TarnXmlRpc {
 
-/// The tags of one set, as the reader compares them.
-struct XmlTags {
-  std::string_view value, valueEnd, data, dataEnd, member, memberEnd, name, nameEnd, arrayEnd, structEnd;
-};
-
 /// Reads values from one text, in one pass that builds as it goes. Only where a struct inside an array turns out to be
 /// malformed does the reader have to go back, since the array ends before the struct and what encloses the array goes
 /// on inside the struct's text. Then it starts again: once to survey what can be read where (XmlSurvey), building
@@ -48,11 +43,18 @@ class XmlReader {
 
   int valueTagAt(std::size_t at) const;
   bool value(Value* out, std::size_t& at, int depth);
-  bool surveyedValue(std::size_t start, std::size_t content, std::size_t& at, int set, int depth);
-  bool content(Value* out, std::size_t& at, int set, int depth);
-  bool ofType(Value::Type type, Value* out, std::size_t& at, int set, int depth);
-  Tag nextTag(std::size_t& at, int set);
-  std::size_t pastValueEnd(std::size_t at, int set);
+  template <int set>
+  bool valueOfSet(Value* out, std::size_t start, std::size_t& at, int depth);
+  template <int set>
+  bool surveyedValue(std::size_t start, std::size_t& at, int depth);
+  template <int set>
+  bool content(Value* out, std::size_t& at, int depth);
+  template <int set>
+  bool ofType(Value::Type type, Value* out, std::size_t& at, int depth);
+  template <int set>
+  Tag nextTag(std::size_t& at);
+  template <int set>
+  std::size_t pastValueEnd(std::size_t at);
 
   bool boolean(Value* out, std::size_t& at);
   bool integer(Value* out, std::size_t& at);
@@ -61,18 +63,24 @@ class XmlReader {
   bool text(Value* out, std::size_t& at);
   bool time(Value* out, std::size_t& at);
   bool binary(Value* out, std::size_t& at);
-  bool array(Value* out, std::size_t& at, int set, int depth);
-  bool structure(Value* out, std::size_t& at, int set, int depth);
+  template <int set>
+  bool array(Value* out, std::size_t& at, int depth);
+  template <int set>
+  bool structure(Value* out, std::size_t& at, int depth);
 
   void buildElements(Value::Array& elements, std::size_t& at, int depth);
   void surveyElements(std::size_t& at, int depth);
-  bool buildMembers(Value::Struct& members, std::size_t& at, int set, int depth);
-  bool surveyMembers(std::size_t& at, int set, int depth);
-  std::string_view memberName(std::size_t& at, int set);
+  template <int set>
+  bool buildMembers(Value::Struct& members, std::size_t& at, int depth);
+  template <int set>
+  bool surveyMembers(std::size_t& at, int depth);
+  template <int set>
+  std::string_view memberName(std::size_t& at);
   bool enterKnown(const XmlSurvey::Outcome& outcome, int depth);
   void recordRest(std::size_t mark, bool success, std::size_t end, std::uint32_t levels);
 
-  std::size_t skipBlanks(std::size_t at);
+  std::size_t skipBlanks(std::size_t at) { return at < _text.size() && IsBlank(_text[at]) ? skipKnownBlanks(at) : at; }
+  std::size_t skipKnownBlanks(std::size_t at);
   bool skipTag(std::size_t& at, std::string_view tag);
   std::size_t nextLess(std::size_t at);
   bool stopped() const { return _tooDeep || _mustSurvey; }

@@ -85,11 +85,16 @@ std::string XmlRpcUtil::xmlEncode(const std::string& text) {
   if (text.find_first_of("<>&'\"") == std::string::npos) return text;
   std::string out;
   out.reserve(2 * text.size());
-  AppendEncoded(text, out);
+  char entity[LongestEntity];
+  for (const char& c : text) out.append(entity, Encode({&c, 1}, entity));
   return out;
 }
 
-std::string XmlRpcUtil::xmlDecode(const std::string& text) { return Decoded(text); }
+std::string XmlRpcUtil::xmlDecode(const std::string& text) {
+  std::string out;
+  Decode(text, out);
+  return out;
+}
 
 void XmlRpcUtil::generateResponse(std::string& out, const std::string& resultXml) {
   std::string document = XML_TAG_VERSION;

@@ -64,10 +64,6 @@ XmlRpcValue::XmlRpcValue(const XmlRpcValue& other) : tagSet(other.tagSet), _type
   }
 }
 
-XmlRpcValue::XmlRpcValue(XmlRpcValue&& other) noexcept { takeStorage(other); }
-
-XmlRpcValue::~XmlRpcValue() { XmlRpcValue::invalidate(); }
-
 XmlRpcValue& XmlRpcValue::operator=(const XmlRpcValue& other) {
   if (this != &other) *this = XmlRpcValue(other);
   return *this;
@@ -82,17 +78,7 @@ XmlRpcValue& XmlRpcValue::operator=(XmlRpcValue&& other) noexcept {
   return *this;
 }
 
-/// Takes over what `other` holds, which becomes invalid. This value must hold nothing.
-void XmlRpcValue::takeStorage(XmlRpcValue& other) noexcept {
-  _type = other._type;
-  tagSet = other.tagSet;
-  _value = other._value;
-  other._type = TypeInvalid;
-  other.tagSet = 0;
-  other._value.asInt64 = 0;
-}
-
-void XmlRpcValue::invalidate() noexcept {
+void XmlRpcValue::deleteStorage() noexcept {
   switch (_type) {
     case TypeString:
       delete _value.asString;
@@ -112,9 +98,6 @@ void XmlRpcValue::invalidate() noexcept {
     default:
       break;
   }
-  _type = TypeInvalid;
-  tagSet = 0;
-  _value.asInt64 = 0;
 }
 
 int XmlRpcValue::size() const {

@@ -5,8 +5,8 @@
 #include <ctime>
 #include <iosfwd>
 #include <map>
+#include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "xmlrpc/XmlRpcException.h"
@@ -157,8 +157,8 @@ class XmlRpcValue {
   XmlRpcValue(unsigned long long) = delete;
   XmlRpcValue(long double) = delete;
   XmlRpcValue(const XmlRpcValue& other);
-  XmlRpcValue(XmlRpcValue&& other) noexcept;
-  virtual ~XmlRpcValue();
+  XmlRpcValue(XmlRpcValue&& other) noexcept { takeStorage(other); }
+  virtual ~XmlRpcValue() { releaseStorage(); }
 
   /// `other` may be a part of this value. If the copy cannot be allocated, this value stays as it was.
   XmlRpcValue& operator=(const XmlRpcValue& other);
@@ -179,7 +179,12 @@ class XmlRpcValue {
   XmlRpcValue& operator=(long double) = delete;
 
   /// Frees what the value holds and makes it invalid.
-  void invalidate() noexcept;
+  void invalidate() noexcept {
+    releaseStorage();
+    _type = TypeInvalid;
+    tagSet = 0;
+    _value.asInt64 = 0;
+  }
 
   Type getType() const { return _type; }
   bool valid() const { return _type != TypeInvalid; }
@@ -329,6 +334,7 @@ class XmlRpcValue {
 
  private:
   friend class XmlReader;
+  template <int set>
   friend class XmlWriter;
   using Array = std::vector<XmlRpcValue>;
   using Struct = std::map<std::string, XmlRpcValue>;
@@ -346,18 +352,33 @@ class XmlRpcValue {
     Struct* asStruct;
   };
 
-  void takeStorage(XmlRpcValue& other) noexcept;
+  /// Takes over what `other` holds, which becomes invalid. This value must hold nothing.
+  void takeStorage(XmlRpcValue& other) noexcept {
+    _type = other._type;
+    tagSet = other.tagSet;
+    _value = other._value;
+    other._type = TypeInvalid;
+    other.tagSet = 0;
+    other._value.asInt64 = 0;
+  }
+  void releaseStorage() noexcept {
+    if (_type >= TypeString && _type <= TypeStruct) deleteStorage();
+  }
+  void deleteStorage() noexcept;
   Storage& inlineScalar(Type t);
   const Storage& inlineScalar(Type t) const;
   const XmlRpcValue* findMember(const std::string& name) const;
   void printContainer(std::FILE* stream, const char* name, const char* prefix) const;
   bool iniText(std::string& text) const;
+  std::size_t expectedXml(int set) const;
+  template <int set>
+  void appendXml(std::string& out) const;
   std::string toXmlOfType(Type type, int set) const;
   bool fromXmlOfType(Type type, const std::string& xml, int* offset);
   template <typename Read>
   bool readFresh(const std::string& xml, int* offset, const Read& read);
 
-  std::vector<std::string> iniLines;
+  std::unique_ptr<std::vector<std::string>> iniLines;  // of the last INI rendering; values that had none stay small
   std::int32_t tagSet = 0;
   Type _type = TypeInvalid;
   Storage _value;

@@ -77,10 +77,10 @@ bool XmlRpcValue::toINIFormat(std::vector<std::string>& blocks, const char* sect
 
 bool XmlRpcValue::toINIFormat(std::string& out, const char* section, const char* key) {
   out.clear();
-  iniLines.clear();
+  iniLines = std::make_unique<std::vector<std::string>>();
   if (_type == TypeInvalid) return false;
-  const bool rendered = toINIFormat(iniLines, section, key);
-  for (const std::string& block : iniLines) out += block;
+  const bool rendered = toINIFormat(*iniLines, section, key);
+  for (const std::string& block : *iniLines) out += block;
   return rendered;
 }
 

@@ -119,8 +119,8 @@ std::ostream& XmlRpcValue::write(std::ostream& stream) const {
       return stream << text;
     }
     case TypeBase64: {
-      std::string text;
-      CBase64::AppendEncoded(_value.asBinary->data(), _value.asBinary->size(), text);
+      std::string text(CBase64::EncodedLength(_value.asBinary->size()), '\0');
+      CBase64::EncodeTo(_value.asBinary->data(), _value.asBinary->size(), text.data());
       return stream << text;
     }
     case TypeArray: {

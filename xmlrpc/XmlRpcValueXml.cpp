@@ -37,63 +37,80 @@ constexpr std::size_t otherSize = 256;
 
 }  // namespace
 
-/// Appends the XML of values to one text.
+/// Appends the XML of values to one text, whose storage it writes straight into: the text has its full room while this
+/// object exists and is cut to what was written by finish().
+template <int set>
 class XmlWriter {
  public:
-  XmlWriter(std::string& out, int set) : _out(out), _set(set) {}
+  explicit XmlWriter(std::string& out) : _out(out), _used(out.size()) {}
 
   void write(const XmlRpcValue& value);
-
-  /// What write() is expected to append, in bytes, the names of struct members left out.
-  static std::size_t expected(const XmlRpcValue& value, int set);
+  void finish() { _out.resize(_used); }
 
  private:
   using Value = XmlRpcValue;
 
-  std::string& add(const char* const (&tag)[2]) { return _out.append(tag[_set]); }
-  void scalar(const char* const (&tag)[2], std::string_view text, const char* const (&endTag)[2]);
+  /// Where the next `size` bytes go.
+  char* room(std::size_t size) {
+    if (_out.size() - _used < size) grow(size);
+    return _out.data() + _used;
+  }
+  void grow(std::size_t size);
+  void advanceTo(const char* end) { _used = static_cast<std::size_t>(end - _out.data()); }
+  static char* put(char* to, std::string_view text) { return std::copy_n(text.data(), text.size(), to); }
+
+  void add(std::string_view text) { advanceTo(put(room(text.size()), text)); }
+  void addEncoded(std::string_view text);
+  template <typename Number>
+  void number(std::string_view tag, Number number, std::string_view endTag);
+  void scalar(std::string_view tag, std::string_view text, std::string_view endTag);
   void time(const std::tm& time);
+  void binary(const Value::Binary& data);
   void array(const Value::Array& elements);
   void structure(const Value::Struct& members);
 
+  static constexpr std::string_view V = Value::XML_TAG_VALUE[set];
+  static constexpr std::string_view VEnd = Value::XML_ENDTAG_VALUE[set];
+
   std::string& _out;
-  int _set;
+  std::size_t _used;
 };
 
-void XmlWriter::write(const XmlRpcValue& value) {
-  char number[256];  // a double's text has at most 254 characters, whatever the format
+/// In steps that stay small beside the text, since each is zeroed before it is written.
+template <int set>
+void XmlWriter<set>::grow(std::size_t size) {
+  constexpr std::size_t step = 32768;
+  _out.resize(_used + std::max(size, std::min(_used + 256, step)));
+}
+
+template <int set>
+void XmlWriter<set>::write(const XmlRpcValue& value) {
   switch (value._type) {
     case Value::TypeBoolean:
-      scalar(Value::XML_TAG_BOOLEAN, value._value.asBool ? "1" : "0", Value::XML_ENDTAG_BOOLEAN);
+      scalar(Value::XML_TAG_BOOLEAN[set], value._value.asBool ? "1" : "0", Value::XML_ENDTAG_BOOLEAN[set]);
       break;
-    case Value::TypeInt: {
-      const char* end = std::to_chars(number, number + sizeof number, value._value.asInt).ptr;
-      scalar(Value::XML_TAG_I4, {number, static_cast<std::size_t>(end - number)}, Value::XML_ENDTAG_I4);
+    case Value::TypeInt:
+      number(Value::XML_TAG_I4[set], value._value.asInt, Value::XML_ENDTAG_I4[set]);
+      break;
+    case Value::TypeInt64:
+      number(Value::XML_TAG_I8[set], value._value.asInt64, Value::XML_ENDTAG_I8[set]);
+      break;
+    case Value::TypeDouble: {
+      char text[255];
+      const std::size_t length = FormatDouble(value._value.asDouble, Value::m_DoubleFormat, text, sizeof text);
+      scalar(Value::XML_TAG_DOUBLE[set], {text, length}, Value::XML_ENDTAG_DOUBLE[set]);
       break;
     }
-    case Value::TypeInt64: {
-      const char* end = std::to_chars(number, number + sizeof number, value._value.asInt64).ptr;
-      scalar(Value::XML_TAG_I8, {number, static_cast<std::size_t>(end - number)}, Value::XML_ENDTAG_I8);
-      break;
-    }
-    case Value::TypeDouble:
-      scalar(Value::XML_TAG_DOUBLE, {number, FormatDouble(value._value.asDouble, Value::m_DoubleFormat, number, 255)},
-             Value::XML_ENDTAG_DOUBLE);
-      break;
     case Value::TypeString:
-      add(Value::XML_TAG_VALUE);
-      AppendEncoded(*value._value.asString, _out);
-      add(Value::XML_ENDTAG_VALUE);
+      add(V);
+      addEncoded(*value._value.asString);
+      add(VEnd);
       break;
     case Value::TypeDateTime:
       time(*value._value.asTime);
       break;
     case Value::TypeBase64:
-      add(Value::XML_TAG_VALUE);
-      add(Value::XML_TAG_BASE64);
-      CBase64::AppendEncoded(value._value.asBinary->data(), value._value.asBinary->size(), _out);
-      add(Value::XML_ENDTAG_BASE64);
-      add(Value::XML_ENDTAG_VALUE);
+      binary(*value._value.asBinary);
       break;
     case Value::TypeArray:
       array(*value._value.asArray);
@@ -106,69 +123,105 @@ void XmlWriter::write(const XmlRpcValue& value) {
   }
 }
 
-void XmlWriter::scalar(const char* const (&tag)[2], std::string_view text, const char* const (&endTag)[2]) {
-  add(Value::XML_TAG_VALUE);
-  add(tag).append(text);
-  add(endTag);
-  add(Value::XML_ENDTAG_VALUE);
+template <int set>
+template <typename Number>
+inline void XmlWriter<set>::number(std::string_view tag, Number number, std::string_view endTag) {
+  constexpr std::size_t longest = 20;
+  char* to = put(put(room(V.size() + tag.size() + longest + endTag.size() + VEnd.size()), V), tag);
+  to = std::to_chars(to, to + longest, number).ptr;
+  advanceTo(put(put(to, endTag), VEnd));
 }
 
-void XmlWriter::time(const std::tm& time) {
+template <int set>
+inline void XmlWriter<set>::scalar(std::string_view tag, std::string_view text, std::string_view endTag) {
+  char* to = put(put(room(V.size() + tag.size() + text.size() + endTag.size() + VEnd.size()), V), tag);
+  advanceTo(put(put(put(to, text), endTag), VEnd));
+}
+
+template <int set>
+void XmlWriter<set>::addEncoded(std::string_view text) {
+  constexpr std::size_t piece = 1024;
+  for (; !text.empty(); text.remove_prefix(std::min(piece, text.size()))) {
+    const std::string_view part = text.substr(0, piece);
+    advanceTo(Encode(part, room(part.size() * LongestEntity)));
+  }
+}
+
+template <int set>
+void XmlWriter<set>::time(const std::tm& time) {
   char text[TimeTextSize];
   const int length = std::snprintf(text, sizeof text, "%04d%02d%02dT%02d:%02d:%02d", time.tm_year, time.tm_mon,
                                    time.tm_mday, time.tm_hour, time.tm_min, time.tm_sec);
-  scalar(Value::XML_TAG_DATETIME, {text, static_cast<std::size_t>(length)}, Value::XML_ENDTAG_DATETIME);
+  scalar(Value::XML_TAG_DATETIME[set], {text, static_cast<std::size_t>(length)}, Value::XML_ENDTAG_DATETIME[set]);
 }
 
-void XmlWriter::array(const Value::Array& elements) {
-  add(Value::XML_TAG_VALUE);
-  add(Value::XML_TAG_ARRAY);
-  add(Value::XML_TAG_DATA);
-  for (const Value& element : elements) write(element);
-  add(Value::XML_ENDTAG_DATA);
-  add(Value::XML_ENDTAG_ARRAY);
-  add(Value::XML_ENDTAG_VALUE);
-}
-
-void XmlWriter::structure(const Value::Struct& members) {
-  add(Value::XML_TAG_VALUE);
-  add(Value::XML_TAG_STRUCT);
-  for (const auto& member : members) {
-    add(Value::XML_TAG_MEMBER);
-    add(Value::XML_TAG_NAME);
-    AppendEncoded(member.first, _out);
-    add(Value::XML_ENDTAG_NAME);
-    write(member.second);
-    add(Value::XML_ENDTAG_MEMBER);
+template <int set>
+void XmlWriter<set>::binary(const Value::Binary& data) {
+  add(V);
+  add(Value::XML_TAG_BASE64[set]);
+  constexpr std::size_t piece = 12288;  // of whole groups of three, and its text within one step of room
+  for (std::size_t at = 0; at < data.size(); at += piece) {
+    const std::size_t length = std::min(piece, data.size() - at);
+    const std::size_t encoded = CBase64::EncodedLength(length);
+    CBase64::EncodeTo(data.data() + at, length, room(encoded));
+    _used += encoded;
   }
-  add(Value::XML_ENDTAG_STRUCT);
-  add(Value::XML_ENDTAG_VALUE);
+  add(Value::XML_ENDTAG_BASE64[set]);
+  add(VEnd);
 }
 
-std::size_t XmlWriter::expected(const XmlRpcValue& value, int set) {
-  switch (value._type) {
-    case Value::TypeBoolean:
+template <int set>
+void XmlWriter<set>::array(const Value::Array& elements) {
+  add(V);
+  add(Value::XML_TAG_ARRAY[set]);
+  add(Value::XML_TAG_DATA[set]);
+  for (const Value& element : elements) write(element);
+  add(Value::XML_ENDTAG_DATA[set]);
+  add(Value::XML_ENDTAG_ARRAY[set]);
+  add(VEnd);
+}
+
+template <int set>
+void XmlWriter<set>::structure(const Value::Struct& members) {
+  add(V);
+  add(Value::XML_TAG_STRUCT[set]);
+  for (const auto& member : members) {
+    add(Value::XML_TAG_MEMBER[set]);
+    add(Value::XML_TAG_NAME[set]);
+    addEncoded(member.first);
+    add(Value::XML_ENDTAG_NAME[set]);
+    write(member.second);
+    add(Value::XML_ENDTAG_MEMBER[set]);
+  }
+  add(Value::XML_ENDTAG_STRUCT[set]);
+  add(VEnd);
+}
+
+/// What writing is expected to append, in bytes, the names of struct members left out.
+std::size_t XmlRpcValue::expectedXml(int set) const {
+  switch (_type) {
+    case TypeBoolean:
       return booleanSize.size[set];
-    case Value::TypeInt:
+    case TypeInt:
       return intSize.size[set];
-    case Value::TypeInt64:
+    case TypeInt64:
       return int64Size.size[set];
-    case Value::TypeDouble:
+    case TypeDouble:
       return doubleSize.size[set];
-    case Value::TypeString:
-      return stringSize.size[set] + 2 * value._value.asString->size();
-    case Value::TypeDateTime:
+    case TypeString:
+      return stringSize.size[set] + 2 * _value.asString->size();
+    case TypeDateTime:
       return timeSize.size[set];
-    case Value::TypeBase64:
-      return binarySize.size[set] + 2 * value._value.asBinary->size();
-    case Value::TypeArray: {
+    case TypeBase64:
+      return binarySize.size[set] + 2 * _value.asBinary->size();
+    case TypeArray: {
       std::size_t sum = arraySize.size[set];
-      for (const Value& element : *value._value.asArray) sum += expected(element, set);
+      for (const XmlRpcValue& element : *_value.asArray) sum += element.expectedXml(set);
       return sum;
     }
-    case Value::TypeStruct: {
+    case TypeStruct: {
       std::size_t sum = structSize.size[set];
-      for (const auto& member : *value._value.asStruct) sum += expected(member.second, set) + memberSize.size[set];
+      for (const auto& member : *_value.asStruct) sum += member.second.expectedXml(set) + memberSize.size[set];
       return sum;
     }
     default:
@@ -176,12 +229,23 @@ std::size_t XmlWriter::expected(const XmlRpcValue& value, int set) {
   }
 }
 
+/// Appends this value's XML to `out`.
+template <int set>
+void XmlRpcValue::appendXml(std::string& out) const {
+  out.reserve(out.size() + expectedXml(set));
+  XmlWriter<set> writer(out);
+  writer.write(*this);
+  writer.finish();
+}
+
 std::string XmlRpcValue::toXml(int format) const {
   std::string out;
   if (_type == TypeInvalid || _type > TypeInt64) return out;
-  const int set = SetOf(format);
-  out.reserve(XmlWriter::expected(*this, set));
-  XmlWriter(out, set).write(*this);
+  if (SetOf(format) == 1) {
+    appendXml<1>(out);
+  } else {
+    appendXml<0>(out);
+  }
   return out;
 }
 
@@ -195,7 +259,7 @@ std::string XmlRpcValue::timeToXml(int set) const { return toXmlOfType(TypeDateT
 std::string XmlRpcValue::arrayToXml(int set) const { return toXmlOfType(TypeArray, set); }
 std::string XmlRpcValue::structToXml(int set) const { return toXmlOfType(TypeStruct, set); }
 
-int XmlRpcValue::toXmlSize(int set) const { return Hint(XmlWriter::expected(*this, SetOf(set))); }
+int XmlRpcValue::toXmlSize(int set) const { return Hint(expectedXml(SetOf(set))); }
 int XmlRpcValue::boolToXmlSize(int set) const { return Hint(booleanSize.size[SetOf(set)]); }
 int XmlRpcValue::intToXmlSize(int set) const { return Hint(intSize.size[SetOf(set)]); }
 int XmlRpcValue::int64ToXmlSize(int set) const { return Hint(int64Size.size[SetOf(set)]); }

@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -13,7 +14,7 @@ namespace TarnXmlRpc {
 
 namespace {
 
-constexpr char ampersand[] = "&";
+constexpr char ampersand = '&';
 
 struct Entity {
   char character;
@@ -22,48 +23,65 @@ struct Entity {
 constexpr std::array<Entity, 5> entities = {
     {{'<', "lt;"}, {'>', "gt;"}, {'&', "amp;"}, {'\'', "apos;"}, {'"', "quot;"}}};
 
-/// The entity body of each byte; empty for all but the five.
-constexpr std::array<std::string_view, 256> MakeBodies() {
-  std::array<std::string_view, 256> bodies{};
-  for (const Entity& entity : entities) bodies[static_cast<unsigned char>(entity.character)] = entity.body;
-  return bodies;
+/// For each byte the number of its entity, from 1; 0 for all but the five.
+constexpr std::array<std::uint8_t, 256> MakeNumbers() {
+  std::array<std::uint8_t, 256> numbers{};
+  for (std::uint8_t i = 0; i < entities.size(); ++i) {
+    numbers[static_cast<unsigned char>(entities[i].character)] = static_cast<std::uint8_t>(i + 1);
+  }
+  return numbers;
 }
-constexpr std::array<std::string_view, 256> bodies = MakeBodies();
+constexpr std::array<std::uint8_t, 256> entityNumbers = MakeNumbers();
 
 /// The entity whose body stands at `at`, or null.
 const Entity* EntityAt(std::string_view text, std::size_t at) {
   for (const Entity& entity : entities) {
-    if (StandsAt(text, at, entity.body)) return &entity;
+    if (at < text.size() && text[at] == entity.body.front() && StandsAt(text, at, entity.body)) return &entity;
   }
   return nullptr;
 }
 
 }  // namespace
 
-void AppendEncoded(std::string_view text, std::string& out) {
-  std::size_t plain = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const std::string_view body = bodies[static_cast<unsigned char>(text[i])];
-    if (body.empty()) continue;
-    out.append(text, plain, i - plain).append(ampersand).append(body);
-    plain = i + 1;
+char* Encode(std::string_view text, char* to) {
+  for (const char c : text) {
+    const std::size_t number = entityNumbers[static_cast<unsigned char>(c)];
+    if (number == 0) {
+      *to++ = c;
+      continue;
+    }
+    const std::string_view body = entities[number - 1].body;
+    *to++ = ampersand;
+    to = std::copy_n(body.data(), body.size(), to);
   }
-  out.append(text, plain, text.size() - plain);
+  return to;
 }
 
-std::string Decoded(std::string_view text) {
-  std::string out;
-  std::size_t mark = text.find('&');
-  if (mark == std::string_view::npos) return out.assign(text);
-  out.reserve(text.size());
-  std::size_t plain = 0;
-  for (; mark != std::string_view::npos; mark = text.find('&', plain)) {
-    out.append(text, plain, mark - plain);
-    const Entity* entity = EntityAt(text, mark + 1);
-    out.push_back(entity == nullptr ? '&' : entity->character);
-    plain = mark + 1 + (entity == nullptr ? 0 : entity->body.size());
+namespace {
+
+/// Writes the decoded `text` to `to`, which holds as many characters, and returns the end of what was written.
+char* DecodeTo(std::string_view text, char* to) {
+  for (std::size_t at = 0; at < text.size();) {
+    const char c = text[at++];
+    const Entity* entity = c == ampersand ? EntityAt(text, at) : nullptr;
+    *to++ = entity == nullptr ? c : entity->character;
+    at += entity == nullptr ? 0 : entity->body.size();
   }
-  return out.append(text, plain, text.size() - plain);
+  return to;
+}
+
+}  // namespace
+
+void Decode(std::string_view text, std::string& out) {
+  char buffer[1024];
+  if (text.find(ampersand) == std::string_view::npos) {
+    out.assign(text);
+  } else if (text.size() <= sizeof buffer) {
+    out.assign(buffer, DecodeTo(text, buffer));
+  } else {
+    out.resize(text.size());
+    out.resize(static_cast<std::size_t>(DecodeTo(text, out.data()) - out.data()));
+  }
 }
 
 std::size_t FormatDouble(double number, const std::string& format, char* text, std::size_t size) {
