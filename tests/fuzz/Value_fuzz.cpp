@@ -120,7 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool success = value.fromXml(xml, &offset);
   if (!success && (offset != start || value.valid() || value.getTagSet() != 0)) Fail("failure leaves a trace", xml);
 
-  LiteralReader literal(xml);
+  LiteralReader literal(xml, 300);
   LiteralReader::Node node;
   int literalOffset = start;
   const bool literalSuccess = literal.read(node, &literalOffset);

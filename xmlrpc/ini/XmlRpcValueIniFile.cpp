@@ -1,0 +1,99 @@
+#include <SimpleIni.h>
+
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+#include "xmlrpc/XmlRpcValue.h"
+#include "xmlrpc/XmlScan.h"
+
+namespace TarnXmlRpc {
+
+namespace {
+
+constexpr std::size_t numberSize = 32;  // "%g" and "%ld" take less
+
+bool Store(XmlRpcValue::Ini& ini, const char* section, const char* key, const char* text) {
+  return ini.SetValue(section, key, text, nullptr, true) >= 0;
+}
+
+/// Closes a file that was written; false if not everything reached it.
+bool CloseWritten(std::FILE* file) {
+  const bool written = std::ferror(file) == 0;
+  return std::fclose(file) == 0 && written;
+}
+
+}  // namespace
+
+bool XmlRpcValue::toINIFile(Ini& ini, const char* section, const char* key) const {
+  if (section == nullptr || key == nullptr) return false;
+  char number[numberSize];
+  switch (_type) {
+    case TypeBoolean:
+      return Store(ini, section, key, _value.asBool ? "true" : "false");
+    case TypeInt:
+      std::snprintf(number, sizeof number, "%ld", static_cast<long>(_value.asInt));
+      return Store(ini, section, key, number);
+    case TypeDouble:
+      FormatDouble(_value.asDouble, "%g", number, sizeof number);
+      return Store(ini, section, key, number);
+    case TypeString:
+      return Store(ini, section, key, _value.asString->c_str());
+    case TypeStruct: {
+      // By the innermost name alone: a file has one level of sections.
+      bool stored = true;
+      for (const auto& member : *_value.asStruct) {
+        stored = member.second.toINIFile(ini, key, member.first.c_str()) && stored;
+      }
+      return stored;
+    }
+    default:
+      return false;
+  }
+}
+
+bool XmlRpcValue::toINIFile(const std::string& fileName) const {
+  Ini ini;
+  if (!toINIFile(ini, "", "")) return false;
+  std::FILE* file = std::fopen(fileName.c_str(), "wb");
+  if (file == nullptr) return false;
+  Ini::FileWriter writer(file);
+  const bool saved = ini.Save(writer) >= 0;
+  return CloseWritten(file) && saved;
+}
+
+bool XmlRpcValue::fromINIFile(Ini& ini) {
+  invalidate();
+  XmlRpcValue read;
+  Ini::TNamesDepend sections;
+  ini.GetAllSections(sections);
+  for (const auto& section : sections) {
+    XmlRpcValue members;
+    Ini::TNamesDepend keys;
+    ini.GetAllKeys(section.pItem, keys);
+    for (const auto& key : keys) {
+      Ini::TNamesDepend values;
+      ini.GetAllValues(section.pItem, key.pItem, values);
+      for (const auto& value : values) {
+        XmlRpcValue& owner = *section.pItem == '\0' ? read : members;
+        owner[key.pItem] = value.pItem;
+      }
+    }
+    if (*section.pItem == '\0') continue;
+    members.assertStruct();
+    read[section.pItem] = std::move(members);
+  }
+  *this = std::move(read);
+  return true;
+}
+
+bool XmlRpcValue::fromINIFile(const std::string& fileName) {
+  std::FILE* file = std::fopen(fileName.c_str(), "rb");
+  if (file == nullptr) return false;
+  Ini ini;
+  const bool loaded = ini.LoadFile(file) >= 0;
+  std::fclose(file);
+  return loaded && fromINIFile(ini);
+}
+
+}  // namespace TarnXmlRpc
