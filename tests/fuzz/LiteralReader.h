@@ -70,6 +70,27 @@ class LiteralReader {
     }
   }
 
+  static std::vector<char> decodeBase64(const std::string& text) {
+    static const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::vector<char> bytes;
+    if (text.size() % 4 != 0) return bytes;
+    for (std::size_t i = 0; i < text.size(); i += 4) {
+      if (text[i] == '=' || text[i + 1] == '=') continue;
+      std::size_t c[4] = {};
+      std::vector<char> group;
+      for (std::size_t k = 0; k < 4; ++k) {
+        if (k >= 2 && text[i + k] == '=') break;
+        c[k] = alphabet.find(text[i + k]);
+        if (c[k] == std::string::npos) return bytes;
+        if (k == 1) group.push_back(static_cast<char>((c[0] << 2) | (c[1] >> 4)));
+        if (k == 2) group.push_back(static_cast<char>((c[1] << 4) | (c[2] >> 2)));
+        if (k == 3) group.push_back(static_cast<char>((c[2] << 6) | c[3]));
+      }
+      bytes.insert(bytes.end(), group.begin(), group.end());
+    }
+    return bytes;
+  }
+
  private:
   const std::string& xml;
   int budget;
@@ -190,27 +211,6 @@ class LiteralReader {
     *offset += static_cast<int>(text.size());
     node.type = Value::TypeBase64;
     return true;
-  }
-
-  static std::vector<char> decodeBase64(const std::string& text) {
-    static const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::vector<char> bytes;
-    if (text.size() % 4 != 0) return bytes;
-    for (std::size_t i = 0; i < text.size(); i += 4) {
-      if (text[i] == '=' || text[i + 1] == '=') continue;
-      std::size_t c[4] = {};
-      std::vector<char> group;
-      for (std::size_t k = 0; k < 4; ++k) {
-        if (k >= 2 && text[i + k] == '=') break;
-        c[k] = alphabet.find(text[i + k]);
-        if (c[k] == std::string::npos) return bytes;
-        if (k == 1) group.push_back(static_cast<char>((c[0] << 2) | (c[1] >> 4)));
-        if (k == 2) group.push_back(static_cast<char>((c[1] << 4) | (c[2] >> 2)));
-        if (k == 3) group.push_back(static_cast<char>((c[2] << 6) | c[3]));
-      }
-      bytes.insert(bytes.end(), group.begin(), group.end());
-    }
-    return bytes;
   }
 
   bool array(Node& node, int* offset, int depth) {
