@@ -42,8 +42,8 @@ class XmlRpcClient {
   /// 0 for a result and for a fault alike, or STATUS_BAD_RESPONSE.
   int execute(const char* method, const char* paramsXml, XmlRpcValue& result, unsigned long timeout);
   int execute(const char* method, const char* paramsXml, XmlRpcValue& result);
-  /// The fault's code, of any sign, or 0: also for a response that could not be parsed. A fault whose code is no int
-  /// throws XmlRpcException -4303.
+  /// The fault's code, of any sign; 0 if it was none, also when the response could not be parsed. A fault whose code is
+  /// no int throws XmlRpcException -4303.
   int execute(const char* method, const XmlRpcValue& params, XmlRpcValue& result, unsigned long timeout);
   /// The same, but STATUS_BAD_RESPONSE for a response that could not be parsed.
   int execute(const char* method, const XmlRpcValue& params, XmlRpcValue& result);

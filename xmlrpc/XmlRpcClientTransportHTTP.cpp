@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t CHUNK = 8192;
 
-// Fixed whatever the configuration says: the device service's HTTP server looks at neither word nor port.
+// The same on every device, whatever address and port the configuration has: servers know the device by it.
 constexpr char HOST_AND_PORT[] = "tarn-device:1200";
 
 /// As the log and the wire print a length.

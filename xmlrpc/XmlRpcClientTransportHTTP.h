@@ -58,7 +58,7 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
  private:
   std::string generateHeader(const std::string& body) const;
   int readHeader();
-  int readResponse();
+  int readResponse();  // until the body is whole, as execute() does in place
   int readString(std::string& target);
 
   std::string host;

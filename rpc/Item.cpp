@@ -1,0 +1,25 @@
+#include "rpc/Item.h"
+
+namespace RPCItem {
+
+using TarnXmlRpc::XmlRpcException;
+using TarnXmlRpc::XmlRpcValue;
+
+void SetDefaults(XmlRpcValue& record, const char* methodID, std::initializer_list<Item> defaults) {
+  record["MethodID"] = methodID;
+  for (const Item& item : defaults) {
+    if (!record.hasMember(item.name)) record[item.name] = item.value;
+  }
+}
+
+std::string GetText(const XmlRpcValue& record, const std::string& name) {
+  try {
+    // The accessors are const although they may add a member. An object that is const itself was never passed to a
+    // call, so it still has every member of its constructor and nothing is added.
+    return const_cast<XmlRpcValue&>(record)[name].getString();
+  } catch (const XmlRpcException&) {
+    return std::string();
+  }
+}
+
+}  // namespace RPCItem

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <dirent.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "net/CTCP.h"
+
+inline int CountDescriptors() {
+  DIR* const directory = opendir("/proc/self/fd");
+  int count = 0;
+  while (readdir(directory) != nullptr) ++count;
+  closedir(directory);
+  return count;
+}
+
+/// What came up to and including `end`, or before the client went away.
+inline std::string ReadUpTo(int connection, std::string_view end) {
+  std::string text;
+  char byte = 0;
+  while (text.size() < end.size() || text.substr(text.size() - end.size()) != end) {
+    if (recv(connection, &byte, 1, 0) != 1) break;
+    text.push_back(byte);
+  }
+  return text;
+}
+
+inline void Write(int connection, std::string_view text) { send(connection, text.data(), text.size(), MSG_NOSIGNAL); }
+
+inline void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(30)); }
+
+/// A server on a free loopback port. Its thread runs the script on one connection after the other and closes each.
+class LoopbackPeer {
+ public:
+  explicit LoopbackPeer(const std::function<void(int connection)>& script) {
+    _listener.OpenPort(INADDR_LOOPBACK, 0, 8);
+    _listener.GetPort(port);
+    _thread = std::thread([this, script] {
+      for (int connection = -1; !_ends; CTCP::CloseSocket(connection)) {
+        if (_listener.Accept(connection, 20)) script(connection);
+      }
+    });
+  }
+  ~LoopbackPeer() {
+    _ends = true;
+    _thread.join();
+  }
+
+  unsigned short port = 0;
+
+ private:
+  CTCP _listener;
+  std::atomic<bool> _ends = false;
+  std::thread _thread;
+};
