@@ -13,14 +13,28 @@ constexpr char padding = '=';
 constexpr std::size_t bufferStep = 4096;
 
 /// The value of each alphabet character; everything else has `foreign`, which no six bits can be.
-constexpr std::uint8_t foreign = 0x80;
-constexpr std::array<std::uint8_t, 256> MakeSextets() {
-  std::array<std::uint8_t, 256> sextets{};
+constexpr std::uint32_t foreign = 0x80000000;
+using Sextets = std::array<std::uint32_t, 256>;
+
+/// Shifted to its place in a group of four.
+constexpr Sextets MakeSextets(unsigned shift) {
+  Sextets sextets{};
   for (auto& sextet : sextets) sextet = foreign;
-  for (std::uint8_t i = 0; i < 64; ++i) sextets[static_cast<unsigned char>(alphabet[i])] = i;
+  for (std::uint32_t i = 0; i < 64; ++i) sextets[static_cast<unsigned char>(alphabet[i])] = i << shift;
   return sextets;
 }
-constexpr std::array<std::uint8_t, 256> sextets = MakeSextets();
+constexpr Sextets sextets[4] = {MakeSextets(18), MakeSextets(12), MakeSextets(6), MakeSextets(0)};
+
+/// The two characters of each twelve bits.
+struct Pair {
+  char characters[2];
+};
+constexpr std::array<Pair, 4096> MakePairs() {
+  std::array<Pair, 4096> pairs{};
+  for (std::size_t i = 0; i < pairs.size(); ++i) pairs[i] = {{alphabet[i >> 6], alphabet[i & 63]}};
+  return pairs;
+}
+constexpr std::array<Pair, 4096> pairs = MakePairs();
 
 /// Makes room for `needed` bytes and zeroes the buffer.
 template <typename Char>
@@ -36,18 +50,21 @@ void Prepare(std::unique_ptr<Char[]>& buffer, std::int32_t& capacity, std::size_
   std::fill_n(buffer.get(), capacity, Char{});
 }
 
-/// Writes the bytes of one group of four characters that is not three plain bytes. Returns how many there are, or -1
-/// where a foreign character ends the data.
-int DecodeOddGroup(const unsigned char* in, unsigned char* out) {
-  if (in[0] == padding || in[1] == padding) return 0;
-  const unsigned c0 = sextets[in[0]], c1 = sextets[in[1]];
-  if (((c0 | c1) & foreign) != 0) return -1;
-  out[0] = static_cast<unsigned char>((c0 << 2) | (c1 >> 4));
-  if (in[2] == padding) return 1;
-  const unsigned c2 = sextets[in[2]];
-  if (c2 == foreign) return -1;
-  out[1] = static_cast<unsigned char>(((c1 & 15) << 4) | (c2 >> 2));
-  return in[3] == padding ? 2 : -1;
+/// Writes the upper `count` of the three bytes of a group.
+unsigned char* PutBytes(std::uint32_t group, int count, unsigned char* out) {
+  for (int shift = 16; count > 0; --count, shift -= 8) *out++ = static_cast<unsigned char>(group >> shift);
+  return out;
+}
+
+/// Writes the bytes of one group of four characters that is not three plain bytes. Null where a foreign character ends
+/// the data; else the end of what was written.
+unsigned char* DecodeOddGroup(const unsigned char* in, unsigned char* out) {
+  if (in[0] == padding || in[1] == padding) return out;
+  std::uint32_t group = sextets[0][in[0]] | sextets[1][in[1]];
+  if ((group & foreign) != 0) return nullptr;
+  if (in[2] == padding) return PutBytes(group, 1, out);
+  group |= sextets[2][in[2]];
+  return (group & foreign) == 0 && in[3] == padding ? PutBytes(group, 2, out) : nullptr;
 }
 
 /// Writes the bytes of `text` to `out`, which has room for three bytes to each four characters, and returns their
@@ -57,16 +74,10 @@ std::size_t Decode(const char* text, std::size_t length, unsigned char* out) {
   const unsigned char* const first = out;
   const auto* in = reinterpret_cast<const unsigned char*>(text);
   for (const auto* end = in + length; in != end; in += 4) {
-    const unsigned c0 = sextets[in[0]], c1 = sextets[in[1]], c2 = sextets[in[2]], c3 = sextets[in[3]];
-    if (((c0 | c1 | c2 | c3) & foreign) == 0) {
-      *out++ = static_cast<unsigned char>((c0 << 2) | (c1 >> 4));
-      *out++ = static_cast<unsigned char>(((c1 & 15) << 4) | (c2 >> 2));
-      *out++ = static_cast<unsigned char>(((c2 & 3) << 6) | c3);
-      continue;
-    }
-    const int count = DecodeOddGroup(in, out);
-    if (count < 0) break;
-    out += count;
+    const std::uint32_t group = sextets[0][in[0]] | sextets[1][in[1]] | sextets[2][in[2]] | sextets[3][in[3]];
+    unsigned char* next = (group & foreign) == 0 ? PutBytes(group, 3, out) : DecodeOddGroup(in, out);
+    if (next == nullptr) break;
+    out = next;
   }
   return static_cast<std::size_t>(out - first);
 }
@@ -90,12 +101,10 @@ void CBase64::Decode(const char* text) {
 
 void CBase64::EncodeTo(const char* bytes, std::size_t length, char* out) {
   const auto* in = reinterpret_cast<const unsigned char*>(bytes);
-  for (; length >= 3; length -= 3, in += 3) {
-    const unsigned b0 = in[0], b1 = in[1], b2 = in[2];
-    *out++ = alphabet[b0 >> 2];
-    *out++ = alphabet[((b0 & 3) << 4) | (b1 >> 4)];
-    *out++ = alphabet[((b1 & 15) << 2) | (b2 >> 6)];
-    *out++ = alphabet[b2 & 63];
+  for (; length >= 3; length -= 3, in += 3, out += 4) {
+    const unsigned group = (static_cast<unsigned>(in[0]) << 16) | (static_cast<unsigned>(in[1]) << 8) | in[2];
+    std::memcpy(out, pairs[group >> 12].characters, 2);
+    std::memcpy(out + 2, pairs[group & 4095].characters, 2);
   }
   if (length == 0) return;
   const unsigned b0 = in[0], b1 = length == 2 ? in[1] : 0U;

@@ -33,20 +33,18 @@ bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
 
 /// What a 64-bit strtol(text + at, ..., 10) gives: blanks, a sign, digits; saturated. False if there is no digit; else
-/// `at` is moved past the number.
+/// `at` is moved past the number. `text` is followed by a NUL.
 bool ScanInteger(std::string_view text, size_t& at, std::int64_t& number) {
-  size_t p = SkipBlanks(text, at);
-  const bool negative = p < text.size() && text[p] == '-';
-  if (p < text.size() && (text[p] == '-' || text[p] == '+')) ++p;
-  const size_t digits = p;
+  const char* p = text.data() + SkipBlanks(text, at);
+  const bool negative = *p == '-';
+  if (*p == '-' || *p == '+') ++p;
+  const char* const digits = p;
   std::uint64_t magnitude = 0;
-  for (; p < text.size() && IsDigit(text[p]) && p - digits < 18; ++p) {
-    magnitude = magnitude * 10 + static_cast<std::uint64_t>(text[p] - '0');
-  }
+  for (; IsDigit(*p) && p - digits < 18; ++p) magnitude = magnitude * 10 + static_cast<std::uint64_t>(*p - '0');
   if (p == digits) return false;
   constexpr std::uint64_t limit = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + 1;
-  for (; p < text.size() && IsDigit(text[p]); ++p) {  // beyond 18 digits it may be too long
-    const std::uint64_t digit = static_cast<std::uint64_t>(text[p] - '0');
+  for (; IsDigit(*p); ++p) {  // beyond 18 digits it may be too long
+    const std::uint64_t digit = static_cast<std::uint64_t>(*p - '0');
     magnitude = magnitude <= limit / 10 ? std::min(magnitude * 10 + digit, limit) : limit;
   }
   if (!negative) {
@@ -54,7 +52,7 @@ bool ScanInteger(std::string_view text, size_t& at, std::int64_t& number) {
   } else {
     number = magnitude >= limit ? std::numeric_limits<std::int64_t>::min() : -static_cast<std::int64_t>(magnitude);
   }
-  at = p;
+  at = static_cast<size_t>(p - text.data());
   return true;
 }
 
@@ -218,7 +216,11 @@ int XmlReader::valueTagAt(size_t at) const {
 bool XmlReader::value(Value* out, size_t& at, int depth) {
   const size_t start = skipBlanks(at);
   const int set = valueTagAt(start);
-  if (set < 0) return false;
+  return set >= 0 && valueOf(set, out, start, at, depth);
+}
+
+/// Reads the value whose start tag of set `set` stands at `start`.
+bool XmlReader::valueOf(int set, Value* out, size_t start, size_t& at, int depth) {
   if (depth > Value::MaximumDepth) {
     _tooDeep = true;
     return false;
@@ -424,16 +426,16 @@ bool XmlReader::number(Value* out, size_t& at) {
 bool XmlReader::text(Value* out, size_t& at) {
   const size_t end = nextLess(at);
   if (end == npos) return false;
-  std::string unused;
-  std::string* text = &unused;
-  if (out != nullptr) {
-    out->assertTypeOrInvalid(Value::TypeString);
-    text = out->_value.asString;
-  }
-  Decode(_text.substr(at, end - at), *text);
+  const std::string_view raw = _text.substr(at, end - at);
+  std::string decoded;
+  const bool plain = !Decode(raw, decoded);
   // By the decoded length, not the raw one: after an entity this stops short of the "<", which is harmless, because the
   // closing tag is searched for from here.
-  at += text->size();
+  at += plain ? raw.size() : decoded.size();
+  if (out != nullptr) {
+    out->_value.asString = plain ? new std::string(raw) : new std::string(std::move(decoded));
+    out->_type = Value::TypeString;
+  }
   return true;
 }
 
@@ -462,8 +464,8 @@ bool XmlReader::binary(Value* out, size_t& at) {
 template <int set>
 bool XmlReader::array(Value* out, size_t& at, int depth) {
   size_t p = at;
-  const bool empty = SkipEmptyTag(_text, p, Tags<set>::data);
-  if (!empty && !skipTag(p, Tags<set>::data)) return false;
+  const bool empty = !skipTag(p, Tags<set>::data);
+  if (empty && !SkipEmptyTag(_text, p, Tags<set>::data)) return false;
   if (out != nullptr) out->assertTypeOrInvalid(Value::TypeArray);
   if (!empty) {
     ++_openArrays;
@@ -481,9 +483,13 @@ bool XmlReader::array(Value* out, size_t& at, int depth) {
 }
 
 void XmlReader::buildElements(Value::Array& elements, size_t& at, int depth) {
-  do {
+  for (;;) {
+    const size_t start = skipBlanks(at);
+    const int set = valueTagAt(start);
+    if (set < 0) return;  // before there is an element for it, for which the array might have to grow
     elements.emplace_back();
-  } while (value(&elements.back(), at, depth));
+    if (!valueOf(set, &elements.back(), start, at, depth)) break;
+  }
   elements.pop_back();
 }
 

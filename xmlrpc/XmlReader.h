@@ -43,6 +43,7 @@ class XmlReader {
 
   int valueTagAt(std::size_t at) const;
   bool value(Value* out, std::size_t& at, int depth);
+  bool valueOf(int set, Value* out, std::size_t start, std::size_t& at, int depth);
   template <int set>
   bool valueOfSet(Value* out, std::size_t start, std::size_t& at, int depth);
   template <int set>

@@ -92,8 +92,7 @@ std::string XmlRpcUtil::xmlEncode(const std::string& text) {
 
 std::string XmlRpcUtil::xmlDecode(const std::string& text) {
   std::string out;
-  Decode(text, out);
-  return out;
+  return Decode(text, out) ? out : text;
 }
 
 void XmlRpcUtil::generateResponse(std::string& out, const std::string& resultXml) {

@@ -61,27 +61,32 @@ namespace {
 
 /// Writes the decoded `text` to `to`, which holds as many characters, and returns the end of what was written.
 char* DecodeTo(std::string_view text, char* to) {
-  for (std::size_t at = 0; at < text.size();) {
-    const char c = text[at++];
-    const Entity* entity = c == ampersand ? EntityAt(text, at) : nullptr;
-    *to++ = entity == nullptr ? c : entity->character;
-    at += entity == nullptr ? 0 : entity->body.size();
+  const char* from = text.data();
+  const char* const end = from + text.size();
+  while (from != end) {
+    if (*from != ampersand) {
+      *to++ = *from++;
+      continue;
+    }
+    const Entity* entity = EntityAt(text, static_cast<std::size_t>(++from - text.data()));
+    *to++ = entity == nullptr ? ampersand : entity->character;
+    from += entity == nullptr ? 0 : entity->body.size();
   }
   return to;
 }
 
 }  // namespace
 
-void Decode(std::string_view text, std::string& out) {
+bool Decode(std::string_view text, std::string& out) {
+  if (text.find(ampersand) == std::string_view::npos) return false;
   char buffer[1024];
-  if (text.find(ampersand) == std::string_view::npos) {
-    out.assign(text);
-  } else if (text.size() <= sizeof buffer) {
+  if (text.size() <= sizeof buffer) {
     out.assign(buffer, DecodeTo(text, buffer));
   } else {
     out.resize(text.size());
     out.resize(static_cast<std::size_t>(DecodeTo(text, out.data()) - out.data()));
   }
+  return true;
 }
 
 std::size_t FormatDouble(double number, const std::string& format, char* text, std::size_t size) {

@@ -57,7 +57,8 @@ inline constexpr std::size_t TimeTextSize = 80;
 /// "DD.MM.YYYY HH:MM:SS" of a record read as a standard struct tm (months from 0, years from 1900), unlike the XML
 /// form, which keeps year and month as written. The dumps and INI texts have always shown it so.
 void FormatStandardTime(const std::tm& time, char (&text)[TimeTextSize]);
-/// Sets `out` to `text` with the entities of the five characters read.
-void Decode(std::string_view text, std::string& out);
+/// Sets `out` to `text` with the entities of the five characters read. False, and `out` untouched, if there is no "&"
+/// in it.
+bool Decode(std::string_view text, std::string& out);
 
 }  // namespace TarnXmlRpc
