@@ -1,0 +1,400 @@
+#include "util/EthernetCfg.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <net/route.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "base/ConsoleLine.h"
+#include "base/Descriptor.h"
+#include "util/RouteMessage.h"
+#include "util/Shell.h"
+#include "util/_Others.h"
+#include "util/_Time.h"
+
+char DefGateway[1024];
+
+namespace {
+
+constexpr std::size_t TEXT_SIZE = 128;
+constexpr const char* RESOLVER_FILE = "/etc/resolf.conf";  // spelled so: the device's own programs read this file
+constexpr AbsTime_US LONGEST_DUMP_US = 1000000;
+
+int skfd = -1;
+bool skfdIsOpen = false;  // skfd keeps its number after the close, when it may be someone else's
+char ifName[32];
+
+// --- the interface, through ioctls ---
+
+/// A request for `interface`, of whose name it holds 16 bytes; the kernel takes the last one for the terminating NUL.
+ifreq RequestFor(const char* interface) {
+  ifreq request = {};
+  std::memcpy(request.ifr_name, interface, strnlen(interface, sizeof(request.ifr_name)));
+  return request;
+}
+
+bool IsInitialized() {
+  if (skfd >= 0 && ifName[0] != '\0') return true;
+  ul_PrStdOut(nullptr, 1, "Error: Network Socket not initialized!");
+  return false;
+}
+
+bool GetAddress(unsigned long what, in_addr* address) {
+  ifreq request = RequestFor(ifName);
+  if (ioctl(skfd, what, &request) < 0) return false;
+  sockaddr_in found = {};
+  std::memcpy(&found, &request.ifr_addr, sizeof(found));
+  *address = found.sin_addr;
+  return true;
+}
+
+bool SetAddress(unsigned long what, in_addr address) {
+  ifreq request = RequestFor(ifName);
+  sockaddr_in wanted = {};
+  wanted.sin_family = AF_INET;
+  wanted.sin_addr = address;
+  std::memcpy(&request.ifr_addr, &wanted, sizeof(wanted));
+  return ioctl(skfd, what, &request) >= 0;
+}
+
+/// A text that is no address fails like a refused request, with EINVAL.
+bool ParseAddress(const char* text, in_addr* address) {
+  if (inet_aton(text, address) != 0) return true;
+  errno = EINVAL;
+  return false;
+}
+
+bool IsGiven(const char* text) { return text != nullptr && *text != '\0'; }
+
+bool GetAddressText(unsigned long what, const char* name, char* text) {
+  in_addr address = {};
+  if (!GetAddress(what, &address)) {
+    ul_PrStdOut(nullptr, 1, "Error: get %s: %s\n", name, std::strerror(errno));
+    return false;
+  }
+  inet_ntop(AF_INET, &address, text, TEXT_SIZE);
+  return true;
+}
+
+bool GetMacText(char* text) {
+  ifreq request = RequestFor(ifName);
+  if (ioctl(skfd, SIOCGIFHWADDR, &request) < 0) {
+    ul_PrStdOut(nullptr, 1, "Error: get mac address: %s\n", std::strerror(errno));
+    return false;
+  }
+  std::array<unsigned char, 6> mac = {};
+  std::memcpy(mac.data(), request.ifr_hwaddr.sa_data, mac.size());
+  std::snprintf(text, TEXT_SIZE, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+  return true;
+}
+
+bool SetMask(const char* text, in_addr* mask) {
+  if (ParseAddress(text, mask) && SetAddress(SIOCSIFNETMASK, *mask)) return true;
+  ul_PrStdOut(nullptr, 1, "Error: Could not configure subnet mask: %s\n", std::strerror(errno));
+  return false;
+}
+
+bool SetIp(const char* text, in_addr* ip) {
+  if (ParseAddress(text, ip) && SetAddress(SIOCSIFADDR, *ip)) return true;
+  ul_PrStdOut(nullptr, 1, "Error: set ip address: %s\n", std::strerror(errno));
+  return false;
+}
+
+/// Mask before address, each if given. A new address gets the mask of its class from the kernel, whatever was set
+/// before, so the mask is set once more if that is another one.
+bool SetMaskAndIp(const char* maskText, const char* ipText, in_addr* mask, in_addr* ip) {
+  if (IsGiven(maskText) && !SetMask(maskText, mask)) return false;
+  if (!IsGiven(ipText)) return true;
+  if (!SetIp(ipText, ip)) return false;
+  in_addr inForce = {};
+  if (!IsGiven(maskText) || !GetAddress(SIOCGIFNETMASK, &inForce) || inForce.s_addr == mask->s_addr) return true;
+  return SetMask(maskText, mask);
+}
+
+void SetBroadcast(const char* text, in_addr mask, in_addr ip) {
+  in_addr broadcast = {};
+  broadcast.s_addr = ~mask.s_addr | ip.s_addr;
+  if ((IsGiven(text) && !ParseAddress(text, &broadcast)) || !SetAddress(SIOCSIFBRDADDR, broadcast)) {
+    ul_PrStdOut(nullptr, 1, "Error: set broadcast address: %s\n", std::strerror(errno));
+  }
+}
+
+void ReplaceDefaultRoute(const char* gateway) {
+  ul_RunCommand("route del default");
+  const std::string command = "route add default gw " + ul_ShellWord(gateway) + "\n";
+  ul_RunCommand(command);
+  ul_PrStdOut(nullptr, 1, "%s", command.c_str());
+  std::snprintf(DefGateway, sizeof(DefGateway), "%s", gateway);
+}
+
+bool GetFlags(const char* interface, ifreq* request) {
+  *request = RequestFor(interface);
+  if (ioctl(skfd, SIOCGIFFLAGS, request) >= 0) return true;
+  ul_PrStdOut(nullptr, 1, "Error: %s: unknown interface: %s\n", interface, std::strerror(errno));
+  return false;
+}
+
+/// What a failed change ends with: the interface without its broadcast flag, but up.
+void GiveUp() {
+  ifreq request = {};
+  if (std::strchr(ifName, ':') != nullptr && skfd < 0) {
+    ul_PrStdOut(nullptr, 1, "Error: No support for INET on this system.\n");
+  } else if (GetFlags(ifName, &request)) {
+    request.ifr_flags = static_cast<short>(request.ifr_flags & ~IFF_BROADCAST);
+    if (ioctl(skfd, SIOCSIFFLAGS, &request) < 0) {
+      ul_PrStdOut(nullptr, 1, "Error: SIOCSIFFLAGS - %s", std::strerror(errno));
+    }
+  }
+  set_flag(ifName, IFF_UP | IFF_RUNNING);
+}
+
+// --- the resolver file ---
+
+/// Opens the file emptied; one that it creates is 0644 whatever the umask.
+int OpenResolverFile() {
+  const int existing = GateDescriptor(open(RESOLVER_FILE, O_WRONLY | O_TRUNC | O_CLOEXEC));
+  if (existing >= 0 || errno != ENOENT) return existing;
+  const int created = GateDescriptor(open(RESOLVER_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (created >= 0) fchmod(created, 0644);
+  return created;
+}
+
+// --- the routing table, through netlink ---
+
+using RouteBuffer = std::array<std::uint8_t, 8192>;
+
+bool SendDumpRequest(int descriptor, RouteBuffer& buffer) {
+  buffer.fill(0);
+  nlmsghdr header = {};
+  header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));  // the routing message behind it stays zero: any family
+  header.nlmsg_type = RTM_GETROUTE;
+  header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  header.nlmsg_pid = static_cast<std::uint32_t>(getpid());
+  std::memcpy(buffer.data(), &header, sizeof(header));
+  if (send(descriptor, buffer.data(), header.nlmsg_len, 0) >= 0) return true;
+  ConsoleLine(STDERR_FILENO, "Write To Socket Failed...\n");
+  return false;
+}
+
+/// Receives one datagram of the kernel's into `buffer` from `size` on, waiting until `deadline` for it; those of others
+/// are dropped. Returns its length, or -1 with errno.
+ssize_t ReceiveFromKernel(int descriptor, RouteBuffer& buffer, std::size_t size, AbsTime_US deadline) {
+  for (;;) {
+    const double left = ul_MathAbsTime_SubFloat_US(deadline, ul_GetAbsTime_US(false));
+    pollfd waiting = {descriptor, POLLIN, 0};
+    const int ready = left > 0 ? poll(&waiting, 1, static_cast<int>(left / 1000) + 1) : 0;
+    if (ready == 0) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    sockaddr_nl sender = {};
+    socklen_t senderSize = sizeof(sender);
+    const ssize_t received = recvfrom(descriptor, buffer.data() + size, buffer.size() - size, MSG_DONTWAIT,
+                                      reinterpret_cast<sockaddr*>(&sender), &senderSize);
+    if (received < 0 && errno == EAGAIN) continue;
+    if (received < 0 || sender.nl_pid == 0) return received;
+  }
+}
+
+/// Receives the whole dump into `buffer`, one datagram behind the other; `size` becomes the bytes that hold routes. A
+/// table that does not fit ends as malformed. Replies are not matched to the request: the socket is new and the kernel
+/// the only one heard.
+bool ReceiveDump(int descriptor, RouteBuffer& buffer, std::size_t* size) {
+  const AbsTime_US deadline = ul_GetAbsTime_US(false) + LONGEST_DUMP_US;
+  RouteDump state = RouteDump::Continues;
+  *size = 0;
+  while (state == RouteDump::Continues) {
+    const ssize_t received = ReceiveFromKernel(descriptor, buffer, *size, deadline);
+    if (received < 0) {
+      ConsoleError("SOCK READ: ");
+      break;
+    }
+    std::size_t routes = 0;
+    state = RouteMessage_ScanDatagram(buffer.data() + *size, static_cast<std::size_t>(received), &routes);
+    if (state == RouteDump::Malformed) {
+      errno = EBADMSG;
+      ConsoleError("Error in recieved packet");
+    }
+    *size += routes;
+  }
+  if (state == RouteDump::Ended) return true;
+  ConsoleLine(STDERR_FILENO, "Read From Socket Failed...\n");
+  return false;
+}
+
+int LookUpGateway(int descriptor, char* gateway) {
+  RouteBuffer buffer;
+  std::size_t size = 0;
+  if (!SendDumpRequest(descriptor, buffer) || !ReceiveDump(descriptor, buffer, &size)) return -1;
+  in_addr found = {};
+  if (!RouteMessage_FindDefaultGateway(buffer.data(), size, if_indextoname, &found)) return 0;
+  inet_ntop(AF_INET, &found, gateway, TEXT_SIZE);
+  return 1;
+}
+
+// --- MAC texts ---
+
+bool IsWhiteSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+/// The value of a hexadecimal digit, -1 if it is none.
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+}  // namespace
+
+bool EthernetCfg_Init(const char* interface) {
+  if (interface == nullptr) return false;
+  constexpr std::size_t longest = 16;
+  std::memset(ifName, 0, sizeof(ifName));
+  std::memcpy(ifName, interface, strnlen(interface, longest));
+  skfd = GateDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  skfdIsOpen = skfd >= 0;
+  if (!skfdIsOpen) ul_PrStdOut(nullptr, 1, "Error: Could not create socket for ethernet configuration\n");
+  return skfdIsOpen;
+}
+
+int EthernetCfg_Final() {
+  if (!skfdIsOpen) {
+    errno = EBADF;  // what close() would say, without closing what may be a stranger's by now
+    return -1;
+  }
+  skfdIsOpen = false;
+  return close(skfd);
+}
+
+bool EthernetCfg_GetActSettings(char* ip, char* mask, char* broadcast, char* gateway, char*, char* mac, bool* valid) {
+  bool result = IsInitialized();
+  if (broadcast != nullptr) result = GetAddressText(SIOCGIFBRDADDR, "broadcast address", broadcast) && result;
+  if (mac != nullptr) result = GetMacText(mac) && result;
+  if (ip != nullptr) result = GetAddressText(SIOCGIFADDR, "ip address", ip) && result;
+  if (mask != nullptr) result = GetAddressText(SIOCGIFNETMASK, "subnet mask", mask) && result;
+  if (valid != nullptr) *valid = true;
+  if (gateway != nullptr) get_gatewayip(gateway);
+  return result;
+}
+
+bool EthernetCfg_SetActSettings(const char* ip, const char* mask, const char* broadcast, const char* gateway,
+                                const char* nameserver) {
+  in_addr newMask = {};
+  in_addr newIp = {};
+  if (!IsInitialized() || !SetMaskAndIp(mask, ip, &newMask, &newIp)) {
+    GiveUp();
+    return false;
+  }
+  SetBroadcast(broadcast, newMask, newIp);
+  if (!set_flag(ifName, IFF_BROADCAST)) {
+    set_flag(ifName, IFF_UP | IFF_RUNNING);
+    return false;
+  }
+  if (gateway != nullptr) ReplaceDefaultRoute(gateway);
+  if (nameserver != nullptr) ConfigureNameserver(nameserver, nullptr, nullptr);
+  return set_flag(ifName, IFF_UP | IFF_RUNNING);
+}
+
+bool set_flag(const char* interface, short flags) {
+  ifreq request = {};
+  if (!GetFlags(interface, &request)) return false;
+  request.ifr_flags = static_cast<short>(request.ifr_flags | flags);
+  if (ioctl(skfd, SIOCSIFFLAGS, &request) >= 0) return true;
+  ul_PrStdOut(nullptr, 1, "Error: Could not configure interface flag: %s\n", std::strerror(errno));
+  return false;
+}
+
+unsigned char* ConverMacAddressStringIntoByte(const char* text, unsigned char out[6]) {
+  if (text == nullptr) return nullptr;
+  std::array<unsigned char, 6> mac = {};
+  for (std::size_t group = 0; group < mac.size(); ++group) {
+    const bool last = group + 1 == mac.size();
+    int value = HexDigit(*text++);
+    if (value < 0) return nullptr;
+    const int second = HexDigit(*text);
+    if (second >= 0) {
+      value = value * 16 + second;
+      ++text;
+    } else if (last && *text != '\0' && !IsWhiteSpace(*text)) {
+      return nullptr;
+    }
+    if (!last && *text++ != ':') return nullptr;
+    mac[group] = static_cast<unsigned char>(value);
+  }
+  std::memcpy(out, mac.data(), mac.size());
+  return out;
+}
+
+bool ConfigureNameserver(const char* first, const char* second, const char* third) {
+  const int file = OpenResolverFile();
+  if (file < 0) return false;
+  bool written = false;
+  for (const char* nameserver : {first, second, third}) {
+    if (nameserver == nullptr) continue;
+    const std::string line = std::string("nameserver ") + nameserver + "\n";
+    written = write(file, line.data(), line.size()) > 0 || written;
+  }
+  close(file);
+  return written;
+}
+
+int get_gatewayip(char* gateway) {
+  const int descriptor = GateDescriptor(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE));
+  if (descriptor < 0) {
+    ConsoleError("Socket Creation: ");
+    return -1;
+  }
+  const int result = LookUpGateway(descriptor, gateway);
+  close(descriptor);
+  return result;
+}
+
+bool ul_GetMACAddressString(const char* interface, char* out, bool* hasAddress) {
+  std::string output;
+  if (!ul_ReadCommand("ifconfig " + ul_ShellWord(interface), output)) return false;
+  const std::string label = "HWaddr ";
+  const std::size_t at = output.find(label);
+  if (at == std::string::npos) return false;
+  const std::string mac = output.substr(at + label.size(), sizeof("00:00:00:00:00:00") - 1);
+  unsigned char bytes[6];
+  if (ConverMacAddressStringIntoByte(mac.c_str(), bytes) == nullptr) return false;
+  std::snprintf(out, TEXT_SIZE, "%s", mac.c_str());
+  if (hasAddress != nullptr) *hasAddress = output.find("inet addr") != std::string::npos;
+  return true;
+}
+
+bool EthernetCfg_AddMulticastRoute(const char* interface) {
+  const int descriptor = GateDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (descriptor < 0) return false;
+  ifreq name = RequestFor(interface);
+  sockaddr_in group = {};
+  group.sin_family = AF_INET;
+  group.sin_addr.s_addr = htonl(0xe0000000);  // 224.0.0.0, as its own mask too
+  rtentry route = {};
+  std::memcpy(&route.rt_dst, &group, sizeof(group));
+  std::memcpy(&route.rt_genmask, &group, sizeof(group));
+  route.rt_flags = RTF_UP;
+  route.rt_dev = name.ifr_name;
+  const bool isThere = ioctl(descriptor, SIOCADDRT, &route) >= 0 || errno == EEXIST;
+  CloseKeepingErrno(descriptor);
+  return isThere;
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <net/if.h>
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+
+// Reading the kernel's routing table as rtnetlink(7) dumps it. Nothing here owns or opens anything, and nothing reads
+// outside the bytes that it is given, whatever they say; they need no alignment.
+
+/// One route, as far as one message tells it; all zero where it does not.
+struct RouteInfo {
+  in_addr destination;
+  in_addr source;  // the preferred one
+  in_addr gateway;
+  char interfaceName[IF_NAMESIZE];
+};
+
+/// Turns an interface's index into its name in a buffer of IF_NAMESIZE, or returns null: if_indextoname().
+using RouteMessage_NameOfIndex = char* (*)(unsigned index, char* name);
+
+enum class RouteDump { Continues, Ended, Malformed };
+
+/// Looks through one datagram of a dump. `routes` becomes the number of its leading bytes that hold routes: the message
+/// that ends the dump and what is behind it count no more. Malformed (`routes` untouched) is a message that does not
+/// fit, or an error.
+RouteDump RouteMessage_ScanDatagram(const std::uint8_t* datagram, std::size_t size, std::size_t* routes);
+
+/// Reads the message of `size` bytes, its netlink header included. Only an IPv4 route of the main table is read; any
+/// other leaves the record zero.
+RouteInfo RouteMessage_Read(const std::uint8_t* message, std::size_t size, RouteMessage_NameOfIndex nameOfIndex);
+
+/// Finds the default gateway in the messages of one or more datagrams: that of the first record whose destination in
+/// dotted form contains "0.0.0.0". That is a default route, but 10.0.0.0 and a record left zero count as well; harmless
+/// with the kernel's usual tables, where the default route of the main one comes first. False, `gateway` untouched, if
+/// there is none.
+bool RouteMessage_FindDefaultGateway(const std::uint8_t* messages, std::size_t size,
+                                     RouteMessage_NameOfIndex nameOfIndex, in_addr* gateway);

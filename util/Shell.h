@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+/// `text` as at most one shell word: as it stands if it is empty or no character means anything to a shell, else
+/// quoted. A NUL ends the text, as it would end the command. Every command given to ul_RunCommand() is made of literals
+/// and this, but for the one line that a tool may have executed.
+std::string ul_ShellWord(const std::string& text);
+
+/// Runs `command` with system(), waits for its end and returns what system() does: -1 with errno, or the exit status as
+/// waitpid() gives it. The command gets SIGPIPE at its default even where this process ignores it. One longer than 1023
+/// bytes is not run: -1, E2BIG.
+int ul_RunCommand(const std::string& command);
+
+/// Runs `command` as ul_RunCommand() does and puts what it wrote to its standard output into `output`. False, `output`
+/// untouched, if it could not be started or is too long; its exit status does not matter.
+bool ul_ReadCommand(const std::string& command, std::string& output);
