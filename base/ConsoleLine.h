@@ -19,7 +19,7 @@ inline constexpr std::size_t ConsoleLineLimit = 4096;
 inline void ConsoleLine(int descriptor, std::string_view line) {
   const int cause = errno;
   pollfd stream = {descriptor, POLLOUT, 0};
-  if (poll(&stream, 1, 0) == 1 && (stream.revents & POLLOUT) != 0) {
+  if (poll(&stream, 1, 0) == 1 && stream.revents == POLLOUT) {  // and no error: the reader is there
     line = line.substr(0, ConsoleLineLimit);
     const ssize_t written = write(descriptor, line.data(), line.size());
     static_cast<void>(written);

@@ -1,0 +1,42 @@
+#include "ddp/DeviceService.h"
+
+TarnXmlRpc::XmlRpcClientTransportHTTP XmlRpcTransport;
+TarnXmlRpc::XmlRpcClient XmlRpcClient(&XmlRpcTransport);
+std::string sInterfaceName = "eth0";
+
+bool TarnDDPCommand_Init(const std::string& host, int port, const std::string& interfaceName) {
+  constexpr unsigned ConnectTimeout_MS = 500;
+  sInterfaceName = interfaceName;
+
+  TarnXmlRpc::XmlRpcValue config;
+  config[TarnXmlRpc::XmlRpcClientTransportHTTP::CfgParam_ServerIP] = host;
+  config[TarnXmlRpc::XmlRpcClientTransportHTTP::CfgParam_ServerPort] = port;
+  XmlRpcTransport.SetCfg(config);
+
+  XmlRpcTransport.timeout = 2000;  // stands until a Connect() succeeds and puts its own in place
+  if (XmlRpcTransport.Connect(ConnectTimeout_MS) >= 0) return true;
+  // No status of Connect() is that low: a success at this attempt is told as a failure, which costs a line on the
+  // console and nothing else, because everything that follows asks IsConnected().
+  return XmlRpcTransport.Connect(ConnectTimeout_MS) < -9999;
+}
+
+bool IsConnected() { return XmlRpcTransport.connected; }
+
+bool TarnDDPCommand_Final() {
+  XmlRpcTransport.Disconnect();
+  return true;
+}
+
+bool CallDeviceService(const char* method, const TarnXmlRpc::XmlRpcValue& params, TarnXmlRpc::XmlRpcValue& results,
+                       AfterTimeout afterTimeout) {
+  constexpr int STATUS_OUT_OF_STEP = -3405;
+  try {
+    const int status = XmlRpcClient.execute(method, params, results);
+    const bool isTimeout = status == STATUS_RECEIVE_TIMEOUT && afterTimeout == AfterTimeout::Disconnect;
+    if (isTimeout || status == STATUS_OUT_OF_STEP) XmlRpcTransport.Disconnect();
+    return status < -9999 || status > -1;
+  } catch (...) {
+    XmlRpcTransport.Disconnect();
+    return false;
+  }
+}
