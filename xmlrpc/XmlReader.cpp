@@ -206,6 +206,14 @@ size_t XmlReader::nextLess(size_t at) {
   return found;
 }
 
+/// The next "<" at or after `at` if it is near, else npos: a look that may be repeated for many values or members.
+inline size_t XmlReader::nearLess(size_t at) const {
+  constexpr size_t near = 64;
+  if (at >= _text.size()) return npos;
+  const size_t found = _text.substr(at, near).find('<');
+  return found == npos ? npos : at + found;
+}
+
 /// The tag set of the value start tag that stands at `at`, or -1.
 int XmlReader::valueTagAt(size_t at) const {
   if (StandsAt(_text, at, Tags<0>::value)) return 0;
@@ -274,8 +282,7 @@ template <int set>
 size_t XmlReader::pastValueEnd(size_t at) {
   constexpr std::string_view tag = Tags<set>::valueEnd;
   if (StandsAt(_text, at, tag)) return at + tag.size();
-  // Mostly one end tag comes before it, the type's own.
-  const size_t next = at < _text.size() ? _text.find('<', at + 1) : npos;
+  const size_t next = nearLess(at + 1);  // mostly one end tag comes before it, the type's own
   if (StandsAt(_text, next, tag)) return next + tag.size();
   const size_t found = _finders[set].valueEnd.find(at);
   return found == npos ? at : found + tag.size();
@@ -533,7 +540,7 @@ std::string_view XmlReader::memberName(size_t& at) {
   const size_t found = StandsAt(_text, at, Tags<set>::name) ? at : _finders[set].name.find(at);
   if (found == npos) return {};
   const size_t start = found + Tags<set>::name.size();
-  const size_t less = nextLess(start);
+  const size_t less = nearLess(start);
   const size_t end = StandsAt(_text, less, nameEnd) ? less : _finders[set].nameEnd.find(start);
   if (end == npos) return {};
   at = end + nameEnd.size();

@@ -84,6 +84,7 @@ class XmlReader {
   std::size_t skipKnownBlanks(std::size_t at);
   bool skipTag(std::size_t& at, std::string_view tag);
   std::size_t nextLess(std::size_t at);
+  std::size_t nearLess(std::size_t at) const;
   bool stopped() const { return _tooDeep || _mustSurvey; }
 
   std::string_view _text;

@@ -277,7 +277,8 @@ TEST(XmlReading, GetsThroughHostileDocuments) {
       "<value><array><data>" + jump + "<name>n</name><value>1</value></member>" +
           Repeated("<member><name>q</name><value>1</value></member>", n) + "<member>",
       "<value><array><data>" + jump + "<name>n</name>" + std::string(n * 20, ' ') + "<value>1</value></member><member>",
-      deep + std::string(n * 100, ' '),
+      deep + std::string(n * 100, ' ') + "<",
+      "<value><struct>" + Repeated("<member><value>1</value>", n) + "<name>" + std::string(n * 100, 'n') + "<",
       deep + "<value><boolean>" + std::string(n * 100, '7'),
       Repeated("<value><array><data><value><struct><member><name>a</name>", 100) + "<value>1</value><value>2</value>"};
   for (const std::string& xml : documents) {

@@ -1,0 +1,104 @@
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "xmlrpc/HttpHead.h"
+#include "xmlrpc/XmlRpcValue.h"
+
+namespace {
+
+std::string Repeated(const std::string& text, std::size_t count) {
+  std::string all;
+  all.reserve(text.size() * count);
+  for (; count > 0; --count) all += text;
+  return all;
+}
+
+void Decode(const std::string& xml) {
+  TarnXmlRpc::XmlRpcValue value;
+  int offset = 0;
+  value.fromXml(xml, &offset);
+}
+
+void ReadHeadInPieces(const std::string& whole) {
+  constexpr std::size_t piece = 64;
+  TarnXmlRpc::HttpHead head;
+  std::string text;
+  while (text.size() < whole.size()) {
+    text.append(whole, text.size(), piece);
+    head.read(text);
+  }
+}
+
+double Milliseconds(const std::function<void()>& action) {
+  double best = 1e9;
+  for (int i = 0; i < 5; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    action();
+    best = std::min(best, std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+  }
+  return best;
+}
+
+const std::string array = "<value><array><data>";
+const std::string jump = "<value><array><data><value><struct><member></value>";
+
+/// `count` levels of a struct in an array, each of which turns out to be malformed at the end, and again and again.
+std::string FailedStructs(std::size_t size) {
+  const std::string chain =
+      Repeated("<value><array><data><value><struct><member><name>a</name>", 100) + "<value>1</value>";
+  return array + Repeated(chain + Repeated("</value>", 200), size / (chain.size() + 1600));
+}
+
+}  // namespace
+
+/// Prints for each hostile document the time at one size and at twice that size.
+int main() {
+  const struct {
+    const char* name;
+    std::size_t size;
+    std::string (*make)(std::size_t size);
+    void (*use)(const std::string&);
+  } rows[] = {
+      {"failed structs in nested arrays", 2000000, FailedStructs, Decode},
+      {"members that all lead to one long list", 2000000,
+       [](std::size_t size) {
+         return array + Repeated(jump, size / 102) + "<name>n</name><value>1</value></member>" +
+                Repeated("<member><name>q</name><value>1</value></member>", size / 94) + "<member>";
+       },
+       Decode},
+      {"values that all lead to one long array", 2000000,
+       [](std::size_t size) {
+         return array + Repeated(jump, size / 102) + "<name>n</name>" + array +
+                Repeated("<value>1</value>", size / 32) + "</data></array></value><member>";
+       },
+       Decode},
+      {"values without end tags", 2000000,
+       [](std::size_t size) { return array + Repeated("<value><i4>1</i4>", size / 17); }, Decode},
+      {"members without names or end tags", 2000000,
+       [](std::size_t size) { return "<value><struct>" + Repeated("<member><value>1</value>", size / 24); }, Decode},
+      {"a megabyte of opening tags", 1000000, [](std::size_t size) { return Repeated(array, size / array.size()); },
+       Decode},
+      {"members that all find one name far away", 2000000,
+       [](std::size_t size) {
+         return "<value><struct>" + Repeated("<member><value>1</value>", size / 48) + "<name>" +
+                std::string(size / 2, 'n') + "<";
+       },
+       Decode},
+      {"white space at depth 200", 2000000,
+       [](std::size_t size) { return Repeated(array, 200) + std::string(size, ' ') + "<"; }, Decode},
+      {"a response head in pieces of 64 bytes", 10000000,
+       [](std::size_t size) { return Repeated("X-Header: \r\n\rContent-Length:\r\n", size / 30); }, ReadHeadInPieces}};
+  std::printf("%-42s %10s %10s %6s\n", "document", "ms", "ms at 2x", "ratio");
+  for (const auto& row : rows) {
+    const std::string once = row.make(row.size);
+    const std::string twice = row.make(2 * row.size);
+    const double first = Milliseconds([&] { row.use(once); });
+    const double second = Milliseconds([&] { row.use(twice); });
+    std::printf("%-42s %10.3f %10.3f %6.2f\n", row.name, first, second, second / first);
+  }
+  return 0;
+}
