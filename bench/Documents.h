@@ -24,8 +24,9 @@ inline std::string Text(std::mt19937& random, unsigned entities) {
   static const char plain[] = "abcdefghijklmnopqrstuvwxyz ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
   static const char special[] = "<>&'\"";
   std::string text(8 + random() % 40, ' ');
-  for (char& c : text)
-    c = random() % 1000 < entities * 1000 ? special[random() % 5] : plain[random() % (sizeof plain - 1)];
+  for (char& c : text) {
+    c = random() % 100 < entities ? special[random() % 5] : plain[random() % (sizeof plain - 1)];
+  }
   return text;
 }
 
