@@ -85,7 +85,7 @@ std::string XmlRpcUtil::xmlEncode(const std::string& text) {
   if (text.find_first_of("<>&'\"") == std::string::npos) return text;
   std::string out;
   out.reserve(2 * text.size());
-  char entity[LongestEntity];
+  char entity[LongestEntity + EncodingStep];
   for (const char& c : text) out.append(entity, Encode({&c, 1}, entity));
   return out;
 }

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdio>
 #include <string_view>
+#include <type_traits>
 
 #include "xmlrpc/CBase64.h"
 #include "xmlrpc/XmlReader.h"
@@ -62,7 +63,7 @@ class XmlWriter {
   void add(std::string_view text) { advanceTo(put(room(text.size()), text)); }
   void addEncoded(std::string_view text);
   template <typename Number>
-  void number(std::string_view tag, Number number, std::string_view endTag);
+  void integer(std::string_view tag, Number number, std::string_view endTag);
   void scalar(std::string_view tag, std::string_view text, std::string_view endTag);
   void time(const std::tm& time);
   void binary(const Value::Binary& data);
@@ -90,10 +91,10 @@ void XmlWriter<set>::write(const XmlRpcValue& value) {
       scalar(Value::XML_TAG_BOOLEAN[set], value._value.asBool ? "1" : "0", Value::XML_ENDTAG_BOOLEAN[set]);
       break;
     case Value::TypeInt:
-      number(Value::XML_TAG_I4[set], value._value.asInt, Value::XML_ENDTAG_I4[set]);
+      integer(Value::XML_TAG_I4[set], value._value.asInt, Value::XML_ENDTAG_I4[set]);
       break;
     case Value::TypeInt64:
-      number(Value::XML_TAG_I8[set], value._value.asInt64, Value::XML_ENDTAG_I8[set]);
+      integer(Value::XML_TAG_I8[set], value._value.asInt64, Value::XML_ENDTAG_I8[set]);
       break;
     case Value::TypeDouble: {
       char text[255];
@@ -125,10 +126,14 @@ void XmlWriter<set>::write(const XmlRpcValue& value) {
 
 template <int set>
 template <typename Number>
-inline void XmlWriter<set>::number(std::string_view tag, Number number, std::string_view endTag) {
+inline void XmlWriter<set>::integer(std::string_view tag, Number number, std::string_view endTag) {
+  using Magnitude = std::make_unsigned_t<Number>;
   constexpr std::size_t longest = 20;
   char* to = put(put(room(V.size() + tag.size() + longest + endTag.size() + VEnd.size()), V), tag);
-  to = std::to_chars(to, to + longest, number).ptr;
+  *to = '-';  // and stepped past only if it is meant: signs come in no order that a branch could follow
+  to += number < 0 ? 1 : 0;
+  const auto bits = static_cast<Magnitude>(number);
+  to = std::to_chars(to, to + longest, number < 0 ? Magnitude{} - bits : bits).ptr;
   advanceTo(put(put(to, endTag), VEnd));
 }
 
@@ -143,7 +148,7 @@ void XmlWriter<set>::addEncoded(std::string_view text) {
   constexpr std::size_t piece = 1024;
   for (; !text.empty(); text.remove_prefix(std::min(piece, text.size()))) {
     const std::string_view part = text.substr(0, piece);
-    advanceTo(Encode(part, room(part.size() * LongestEntity)));
+    advanceTo(Encode(part, room(part.size() * LongestEntity + EncodingStep)));
   }
 }
 

@@ -23,15 +23,25 @@ struct Entity {
 constexpr std::array<Entity, 5> entities = {
     {{'<', "lt;"}, {'>', "gt;"}, {'&', "amp;"}, {'\'', "apos;"}, {'"', "quot;"}}};
 
-/// For each byte the number of its entity, from 1; 0 for all but the five.
-constexpr std::array<std::uint8_t, 256> MakeNumbers() {
-  std::array<std::uint8_t, 256> numbers{};
-  for (std::uint8_t i = 0; i < entities.size(); ++i) {
-    numbers[static_cast<unsigned char>(entities[i].character)] = static_cast<std::uint8_t>(i + 1);
+/// How each byte is written, in one piece of fixed size, so that text is encoded without a branch for each character.
+struct Encoding {
+  char text[EncodingStep - 1];
+  std::uint8_t length;
+};
+constexpr std::array<Encoding, 256> MakeEncodings() {
+  std::array<Encoding, 256> encodings{};
+  for (std::size_t byte = 0; byte < encodings.size(); ++byte) {
+    encodings[byte].text[0] = static_cast<char>(static_cast<unsigned char>(byte));
+    encodings[byte].length = 1;
   }
-  return numbers;
+  for (const Entity& entity : entities) {
+    Encoding& encoding = encodings[static_cast<unsigned char>(entity.character)];
+    encoding.text[0] = ampersand;
+    for (const char c : entity.body) encoding.text[encoding.length++] = c;
+  }
+  return encodings;
 }
-constexpr std::array<std::uint8_t, 256> entityNumbers = MakeNumbers();
+constexpr std::array<Encoding, 256> encodings = MakeEncodings();
 
 /// The entity whose body stands at `at`, or null.
 const Entity* EntityAt(std::string_view text, std::size_t at) {
@@ -45,14 +55,9 @@ const Entity* EntityAt(std::string_view text, std::size_t at) {
 
 char* Encode(std::string_view text, char* to) {
   for (const char c : text) {
-    const std::size_t number = entityNumbers[static_cast<unsigned char>(c)];
-    if (number == 0) {
-      *to++ = c;
-      continue;
-    }
-    const std::string_view body = entities[number - 1].body;
-    *to++ = ampersand;
-    to = std::copy_n(body.data(), body.size(), to);
+    const Encoding& encoding = encodings[static_cast<unsigned char>(c)];
+    std::memcpy(to, &encoding, EncodingStep);
+    to += encoding.length;
   }
   return to;
 }

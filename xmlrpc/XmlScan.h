@@ -43,10 +43,12 @@ inline bool SkipEmptyTag(std::string_view text, std::size_t& at, std::string_vie
   return true;
 }
 
-/// The most that one character takes as an entity.
+/// What Encode() writes at a time, of which a character as an entity takes at most LongestEntity bytes.
+inline constexpr std::size_t EncodingStep = 8;
 inline constexpr std::size_t LongestEntity = 6;
 
-/// Writes `text` to `to` with the five characters as entities and returns the end of what was written.
+/// Writes `text` to `to` with the five characters as entities and returns the end of what was written. Up to
+/// EncodingStep bytes behind that end are overwritten.
 char* Encode(std::string_view text, char* to);
 /// Writes `number` in the printf format `format`, in the "C" locale and with NaN as "nan", NUL-terminated and cut to
 /// `size` bytes; `size` is at least 4. Returns the length.
