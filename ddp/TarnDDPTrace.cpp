@@ -54,17 +54,22 @@ bool MakePipe() {
 }
 
 /// Opens the path for reading and writing: as its own writer the pipe never reports an end, and the open waits for
-/// nobody. Reads do not wait either, poll() does, for another reader may take the text in between.
+/// nobody. Reads do not wait either, poll() does, for another reader may take the text in between. A link or another
+/// kind of file, which anyone may put there, is not opened: what it holds is no trace text.
 void Reopen(TracePipe& pipe) {
   if (pipe.descriptor >= 0) close(pipe.descriptor);
-  pipe.descriptor = GateDescriptor(open(PipePath, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  pipe.descriptor = GateDescriptor(open(PipePath, O_RDWR | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat opened = {};
+  if (pipe.descriptor < 0 || (fstat(pipe.descriptor, &opened) == 0 && S_ISFIFO(opened.st_mode))) return;
+  close(pipe.descriptor);
+  pipe.descriptor = -1;
 }
 
 /// Whether a writer who opens the path reaches us.
 bool IsInPlace(const TracePipe& pipe) {
   struct stat held = {};
   struct stat found = {};
-  return fstat(pipe.descriptor, &held) == 0 && stat(PipePath, &found) == 0 && held.st_dev == found.st_dev &&
+  return fstat(pipe.descriptor, &held) == 0 && lstat(PipePath, &found) == 0 && held.st_dev == found.st_dev &&
          held.st_ino == found.st_ino;
 }
 

@@ -14,8 +14,8 @@ void SetDefaults(XmlRpcValue& record, const char* methodID, std::initializer_lis
 
 std::string GetText(const XmlRpcValue& record, const std::string& name) {
   try {
-    // The accessors are const although they may add a member. An object that is const itself was never passed to a
-    // call, so it still has every member of its constructor and nothing is added.
+    // The accessors are const although they may add a member: callers hold results that a call emptied by reference to
+    // const, and read the same member again later.
     return const_cast<XmlRpcValue&>(record)[name].getString();
   } catch (const XmlRpcException&) {
     return std::string();

@@ -47,20 +47,23 @@ void PrintError(const char* what) {
   ul_PrStdOut(nullptr, 1, "Error - Configure Network with DHCP - could not %s (%s)\n", what, std::strerror(errno));
 }
 
+/// The interface in a text. A null one is refused where it is opened, by which the calls below go.
+const char* NameOf(const char* interface) { return interface == nullptr ? "" : interface; }
+
 /// Reads the MAC address of the interface, or keeps the one from an earlier call.
 bool ReadMac(const char* interface) {
   if (!EthernetCfg_Init(interface)) return true;
   EthernetCfg_GetActSettings(nullptr, nullptr, nullptr, nullptr, nullptr, macText, nullptr);
   EthernetCfg_Final();
   if (macText[0] != '\0') return true;
-  ul_PrStdOut(nullptr, 1, "DHCP Client - ERROR: Could not read network settings of %s\n", interface);
+  ul_PrStdOut(nullptr, 1, "DHCP Client - ERROR: Could not read network settings of %s\n", NameOf(interface));
   return false;
 }
 
 /// Once per process. The line is printed before and after it has run.
 void AddBroadcastRoute(const char* interface) {
   if (!SetRoute) return;
-  const std::string command = "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(interface);
+  const std::string command = "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(NameOf(interface));
   ul_PrStdOut(nullptr, 1, "DHCP Client - %s\n", command.c_str());
   ul_RunCommand(command);
   ul_PrStdOut(nullptr, 1, "DHCP Client - %s\n", command.c_str());
@@ -188,7 +191,7 @@ bool Apply(const char* interface, const Settings& settings, unsigned* leaseSecon
   const bool applied = EthernetCfg_SetActSettings(settings.address, settings.mask, settings.broadcast, settings.gateway,
                                                   settings.nameServer);
   if (applied) {
-    *leaseSeconds = settings.leaseSeconds;
+    if (leaseSeconds != nullptr) *leaseSeconds = settings.leaseSeconds;
   } else {
     ul_PrStdOut(nullptr, 1, "DHCP Client - Failed to configure network settings of %s\n\n", interface);
   }
@@ -199,10 +202,10 @@ bool Apply(const char* interface, const Settings& settings, unsigned* leaseSecon
 }  // namespace
 
 bool ul_ConfigureNetworkWithDHCP(const char* interface, int attempts, unsigned* leaseSeconds) {
-  ul_PrStdOut(nullptr, 1, "DHCP Client - DHCP request called for interface %s\n", interface);
+  ul_PrStdOut(nullptr, 1, "DHCP Client - DHCP request called for interface %s\n", NameOf(interface));
   Call call;
   if (ReadMac(interface)) {
-    ul_PrStdOut(nullptr, 1, "DHCP Client - HW address of %s is %s\n", interface, macText);
+    ul_PrStdOut(nullptr, 1, "DHCP Client - HW address of %s is %s\n", NameOf(interface), macText);
     AddBroadcastRoute(interface);
   } else {
     call.failed = true;

@@ -42,8 +42,10 @@ char ifName[32];
 // --- the interface, through ioctls ---
 
 /// A request for `interface`, of whose name it holds 16 bytes; the kernel takes the last one for the terminating NUL.
+/// Null is the empty name, which no interface has.
 ifreq RequestFor(const char* interface) {
   ifreq request = {};
+  if (interface == nullptr) return request;
   std::memcpy(request.ifr_name, interface, strnlen(interface, sizeof(request.ifr_name)));
   return request;
 }
@@ -145,7 +147,8 @@ void ReplaceDefaultRoute(const char* gateway) {
 bool GetFlags(const char* interface, ifreq* request) {
   *request = RequestFor(interface);
   if (ioctl(skfd, SIOCGIFFLAGS, request) >= 0) return true;
-  ul_PrStdOut(nullptr, 1, "Error: %s: unknown interface: %s\n", interface, std::strerror(errno));
+  ul_PrStdOut(nullptr, 1, "Error: %s: unknown interface: %s\n", interface == nullptr ? "" : interface,
+              std::strerror(errno));
   return false;
 }
 
@@ -370,7 +373,7 @@ int get_gatewayip(char* gateway) {
 
 bool ul_GetMACAddressString(const char* interface, char* out, bool* hasAddress) {
   std::string output;
-  if (!ul_ReadCommand("ifconfig " + ul_ShellWord(interface), output)) return false;
+  if (!ul_ReadCommand("ifconfig " + ul_ShellWord(interface == nullptr ? "" : interface), output)) return false;
   const std::string label = "HWaddr ";
   const std::size_t at = output.find(label);
   if (at == std::string::npos) return false;

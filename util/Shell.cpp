@@ -49,7 +49,7 @@ std::string ul_ShellWord(const std::string& text) {
       "abcdefghijklmnopqrstuvwxyz"
       "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
       "0123456789"
-      "-_.,:/@+%";
+      "-_.,:/@+%=";
   std::string word = text.c_str();  // up to the first NUL
   if (word.find_first_not_of(plain) == std::string::npos) return word;
   std::string quoted = "'";

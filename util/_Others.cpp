@@ -169,12 +169,13 @@ int ul_PrintApplicationProperties(ul_Pr_Handler handler, const char* suffix) {
     policy = -1;
     scheduling.sched_priority = -1;
   }
-  LineBuffer line;
-  line.Append("ThisApp: ParentProc(ID=%d) Proc(ID=%d/Prio=%d) BaseThread(ID=%ld/Prio=%ld/Policy=%s) ClockTick=%ldHz",
-              getppid(), getpid(), getpriority(PRIO_PROCESS, static_cast<id_t>(getpid())), static_cast<long>(thread),
-              static_cast<long>(scheduling.sched_priority), PolicyName(policy), sysconf(_SC_CLK_TCK));
-  if (suffix != nullptr) line.Append("%s", suffix);
-  return handler != nullptr ? handler(line.Text()) : ul_PrStdOut(nullptr, -1, "%s", line.Text());
+  char own[256];
+  std::snprintf(own, sizeof own,
+                "ThisApp: ParentProc(ID=%d) Proc(ID=%d/Prio=%d) BaseThread(ID=%ld/Prio=%ld/Policy=%s) ClockTick=%ldHz",
+                getppid(), getpid(), getpriority(PRIO_PROCESS, static_cast<id_t>(getpid())), static_cast<long>(thread),
+                static_cast<long>(scheduling.sched_priority), PolicyName(policy), sysconf(_SC_CLK_TCK));
+  const std::string text = own + std::string(suffix == nullptr ? "" : suffix);
+  return handler != nullptr ? handler(text.c_str()) : ul_PrStdOut(nullptr, -1, "%s", text.c_str());
 }
 
 std::string ul_FormatDuration(double seconds, bool milliseconds, bool microseconds, bool nanoseconds) {

@@ -1,7 +1,10 @@
 #include "base/Descriptor.h"
 
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/resource.h>
+
+#include "base/ConsoleLine.h"
 
 namespace {
 
@@ -35,6 +38,23 @@ TEST(GateDescriptor, RefusesWhatSelectCannotHoldAndPassesAFailureOn) {
   EXPECT_EQ(GateDescriptor(high), -1);
   EXPECT_EQ(errno, EMFILE);
   EXPECT_EQ(fcntl(high, F_GETFD), -1) << "closed";
+}
+
+TEST(ConsoleLine, NeverWaitsForAReaderThatStopped) {
+  int pipeEnds[2] = {};
+  int terminalEnds[2] = {};
+  ASSERT_EQ(0, pipe(pipeEnds));
+  ASSERT_EQ(0, openpty(&terminalEnds[0], &terminalEnds[1], nullptr, nullptr, nullptr));
+  alarm(20);  // a write that waits would wait for ever
+  for (int i = 0; i < 3000; ++i) {
+    ConsoleLine(pipeEnds[1], "a line of a daemon that nobody reads\n");
+    ConsoleLine(terminalEnds[1], "a line of a daemon that nobody reads\n");
+  }
+  alarm(0);
+  EXPECT_EQ(0, fcntl(terminalEnds[1], F_GETFL) & O_NONBLOCK) << "the terminal is everybody's";
+  close(pipeEnds[0]);
+  ConsoleLine(pipeEnds[1], "nor one whose reader went away\n");  // raises no SIGPIPE
+  for (const int descriptor : {pipeEnds[1], terminalEnds[0], terminalEnds[1]}) close(descriptor);
 }
 
 }  // namespace
