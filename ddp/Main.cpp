@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 #include "base/ConsoleLine.h"
@@ -39,7 +40,7 @@ void SurviveBrokenPipes() {
 
 /// A gateway may be given as a host name: the commands that look it up must not hold the loop on a dead resolver.
 void LimitNameLookups() {
-  setenv("RES_OPTIONS", "timeout:1 attempts:1", 0);
+  setenv("RES_OPTIONS", "timeout:1 attempts:1 ndots:15", 0);  // a name with dots is not asked for twice
   setenv("LOCALDOMAIN", "", 0);
 }
 
@@ -100,6 +101,7 @@ void Serve(AbsTime_US& retryDeadline) {
 
 // What a command throws is meant to end the process.
 int main(int argc, char** argv) {
+  std::set_terminate([] { std::abort(); });  // without a word, for which a stopped reader would have to wait
   OpenStandardStreams();
   SurviveBrokenPipes();
   LimitNameLookups();

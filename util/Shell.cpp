@@ -1,11 +1,17 @@
 #include "util/Shell.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
+
+#include "base/Descriptor.h"
 
 namespace {
 
@@ -42,6 +48,32 @@ class CaughtPipeSignal {
   bool ignored_ = false;
 };
 
+/// Standard output or error while a command runs: where its reader stopped or went away, it leads to /dev/null, since
+/// the command knows nothing of our care and would wait for the reader for ever, and we for the command.
+class HarmlessStream {
+ public:
+  explicit HarmlessStream(int stream) : stream_(stream) {
+    pollfd look = {stream, POLLOUT, 0};
+    if (poll(&look, 1, 0) == 1 && (look.revents == POLLOUT || (look.revents & POLLNVAL) != 0)) return;
+    const int null = GateDescriptor(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (null < 0) return;
+    before_ = GateDescriptor(fcntl(stream, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (before_ >= 0) dup2(null, stream);
+    close(null);
+  }
+  ~HarmlessStream() {
+    if (before_ < 0) return;
+    dup2(before_, stream_);
+    close(before_);
+  }
+  HarmlessStream(const HarmlessStream&) = delete;
+  HarmlessStream& operator=(const HarmlessStream&) = delete;
+
+ private:
+  int stream_;
+  int before_ = -1;
+};
+
 }  // namespace
 
 std::string ul_ShellWord(const std::string& text) {
@@ -66,6 +98,8 @@ std::string ul_ShellWord(const std::string& text) {
 int ul_RunCommand(const std::string& command) {
   if (IsTooLong(command)) return -1;
   const CaughtPipeSignal caught;
+  const HarmlessStream output(STDOUT_FILENO);
+  const HarmlessStream errors(STDERR_FILENO);
   return std::system(command.c_str());
 }
 

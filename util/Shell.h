@@ -8,8 +8,8 @@
 std::string ul_ShellWord(const std::string& text);
 
 /// Runs `command` with system(), waits for its end and returns what system() does: -1 with errno, or the exit status as
-/// waitpid() gives it. The command gets SIGPIPE at its default even where this process ignores it. One longer than 1023
-/// bytes is not run: -1, E2BIG.
+/// waitpid() gives it. The command gets SIGPIPE at its default even where this process ignores it, and /dev/null for a
+/// standard output or error that has no room now. One longer than 1023 bytes is not run: -1, E2BIG.
 int ul_RunCommand(const std::string& command);
 
 /// Runs `command` as ul_RunCommand() does and puts what it wrote to its standard output into `output`. False, `output`

@@ -1,6 +1,8 @@
 #include "xmlrpc/XmlRpcClientTransportHTTP.h"
 
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <limits>
@@ -80,6 +82,16 @@ int XmlRpcClientTransportHTTP::TestConnection() { return connected ? 0 : STATUS_
 bool XmlRpcClientTransportHTTP::HasInput() const {
   pollfd look = {tcp.GetSocket(), POLLIN, 0};
   return poll(&look, 1, 0) == 1 && (look.revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+}
+
+bool XmlRpcClientTransportHTTP::IsItsOwnPeer() const {
+  sockaddr_in own = {};
+  sockaddr_in peer = {};
+  socklen_t ownLength = sizeof own;
+  socklen_t peerLength = sizeof peer;
+  return getsockname(tcp.GetSocket(), reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
+         getpeername(tcp.GetSocket(), reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
+         own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
 }
 
 std::string XmlRpcClientTransportHTTP::generateHeader(const std::string& body) const {

@@ -47,6 +47,9 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
   /// Whether the open connection has anything to read: data, its end or an error. Looks without waiting. False without
   /// an open socket. Between two exchanges, anything to read means that it is out of step with the server.
   bool HasInput() const;
+  /// Whether the open connection leads to itself: connecting to a local port that nobody listens on may do so, if the
+  /// system chooses that very port for our end. False without an open socket.
+  bool IsItsOwnPeer() const;
 
   /// One exchange. On success `response` is the body of the response, surplus bytes included; on failure a fault
   /// document whose code is the status (-1 for STATUS_SEND_FAILED). `request` and `response` may be one string. A
