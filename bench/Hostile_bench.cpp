@@ -88,6 +88,19 @@ int main() {
                 std::string(size / 2, 'n') + "<";
        },
        Decode},
+      {"failed members that all find one name far away", 2000000,
+       [](std::size_t size) {
+         return "<va><ar><da>" + Repeated("<va><ar><da><va><st><me></va>", size / 58) + "<na>" +
+                std::string(size / 2, 'n') + "</na>";
+       },
+       Decode},
+      {"failed values that all find one end far away", 2000000,
+       [](std::size_t size) {
+         return "<va><ar><da>" +
+                Repeated("<va><ar><da><va><st><me><na>a</na><value><array><data><value><i4>1</va>", size / 144) +
+                "</value>" + std::string(size / 2, 'n') + "</value><me>";
+       },
+       Decode},
       {"white space at depth 200", 2000000,
        [](std::size_t size) { return Repeated(array, 200) + std::string(size, ' ') + "<"; }, Decode},
       {"a response head in pieces of 64 bytes", 10000000,

@@ -86,8 +86,8 @@ std::size_t Decode(const char* text, std::size_t length, unsigned char* out) {
 
 void CBase64::Encode(const std::vector<char>& data) {
   if (data.size() > INT_MAX / 4) throw std::length_error("CBase64: too long");
-  Prepare(_encoded, _encodedCapacity, 4 * data.size());
   _encodedLength = 0;
+  Prepare(_encoded, _encodedCapacity, 4 * data.size());
   if (data.empty()) return;
   EncodeTo(data.data(), data.size(), _encoded.get());
   _encodedLength = static_cast<std::int32_t>(EncodedLength(data.size()));
@@ -95,6 +95,7 @@ void CBase64::Encode(const std::vector<char>& data) {
 
 void CBase64::Decode(const char* text) {
   const std::size_t length = std::strlen(text);
+  _decodedLength = 0;
   Prepare(_decoded, _decodedCapacity, length);
   _decodedLength = static_cast<std::int32_t>(::Decode(text, length, _decoded.get()));
 }

@@ -8,8 +8,6 @@
 
 namespace TarnXmlRpc {
 
-std::string XmlRpcValue::m_DoubleFormat = "%.15g";
-
 namespace {
 
 constexpr std::int32_t CODE_TYPE = -4303;

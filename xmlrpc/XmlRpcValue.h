@@ -136,7 +136,7 @@ class XmlRpcValue {
   static constexpr const char* const XML_ENDTAG_NAME[2] = {SET1_XML_ENDTAG_NAME, SET2_XML_ENDTAG_NAME};
 
   /// The printf format of doubles, in XML and in the INI rendering. Texts are cut to what the writers' buffers hold.
-  static std::string m_DoubleFormat;
+  inline static std::string m_DoubleFormat = "%.15g";
 
   XmlRpcValue() noexcept {}
   XmlRpcValue(bool value) noexcept : _type(TypeBoolean) { _value.asBool = value; }
@@ -152,6 +152,7 @@ class XmlRpcValue {
   /// Binary data.
   XmlRpcValue(const std::vector<char>& value);
   XmlRpcValue(const void*) = delete;
+  XmlRpcValue(const volatile void*) = delete;
   XmlRpcValue(unsigned) = delete;
   XmlRpcValue(unsigned long) = delete;
   XmlRpcValue(unsigned long long) = delete;
@@ -173,6 +174,7 @@ class XmlRpcValue {
   XmlRpcValue& operator=(const std::tm& value) { return *this = XmlRpcValue(value); }
   XmlRpcValue& operator=(const std::vector<char>& value) { return *this = XmlRpcValue(value); }
   XmlRpcValue& operator=(const void*) = delete;
+  XmlRpcValue& operator=(const volatile void*) = delete;
   XmlRpcValue& operator=(unsigned) = delete;
   XmlRpcValue& operator=(unsigned long) = delete;
   XmlRpcValue& operator=(unsigned long long) = delete;
@@ -231,8 +233,9 @@ class XmlRpcValue {
   /// the device's software compare.
   unsigned char getBinaryDataAt(int index) const;
 
-  /// The element at `index`; the non-const form grows the array to hold it. A negative index or INT_MAX throws as one
-  /// too large does (-4305).
+  /// The element at `index`; the non-const form grows the array to hold it, which moves the elements: references to
+  /// them and assignments like v[99] = v[0] need the array to have its size before. A negative index or INT_MAX throws
+  /// as one too large does (-4305).
   XmlRpcValue& operator[](int index);
   const XmlRpcValue& operator[](int index) const;
   /// The member of that name, which is made (invalid) when it is absent: reading an absent member creates it.
@@ -370,7 +373,7 @@ class XmlRpcValue {
   const XmlRpcValue* findMember(const std::string& name) const;
   void printContainer(std::FILE* stream, const char* name, const char* prefix) const;
   bool iniText(std::string& text) const;
-  std::size_t expectedXml(int set) const;
+  std::uint64_t expectedXml(int set) const;
   template <int set>
   void appendXml(std::string& out) const;
   std::string toXmlOfType(Type type, int set) const;

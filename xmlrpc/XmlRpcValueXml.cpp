@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <charconv>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <string_view>
 #include <type_traits>
@@ -18,7 +19,7 @@ namespace {
 int SetOf(int format) { return format == 1 ? 1 : 0; }
 
 /// `size` as what a writer reserves.
-int Hint(std::size_t size) { return static_cast<int>(std::min<std::size_t>(size, INT_MAX)); }
+int Hint(std::uint64_t size) { return static_cast<int>(std::min<std::uint64_t>(size, INT_MAX)); }
 
 /// What writing costs around the content, by tag set.
 struct Overhead {
@@ -203,7 +204,7 @@ void XmlWriter<set>::structure(const Value::Struct& members) {
 }
 
 /// What writing is expected to append, in bytes, the names of struct members left out.
-std::size_t XmlRpcValue::expectedXml(int set) const {
+std::uint64_t XmlRpcValue::expectedXml(int set) const {
   switch (_type) {
     case TypeBoolean:
       return booleanSize.size[set];
@@ -220,12 +221,12 @@ std::size_t XmlRpcValue::expectedXml(int set) const {
     case TypeBase64:
       return binarySize.size[set] + 2 * _value.asBinary->size();
     case TypeArray: {
-      std::size_t sum = arraySize.size[set];
+      std::uint64_t sum = arraySize.size[set];
       for (const XmlRpcValue& element : *_value.asArray) sum += element.expectedXml(set);
       return sum;
     }
     case TypeStruct: {
-      std::size_t sum = structSize.size[set];
+      std::uint64_t sum = structSize.size[set];
       for (const auto& member : *_value.asStruct) sum += member.second.expectedXml(set) + memberSize.size[set];
       return sum;
     }
@@ -234,10 +235,10 @@ std::size_t XmlRpcValue::expectedXml(int set) const {
   }
 }
 
-/// Appends this value's XML to `out`.
+/// Appends this value's XML to `out`, which is empty.
 template <int set>
 void XmlRpcValue::appendXml(std::string& out) const {
-  out.reserve(out.size() + expectedXml(set));
+  out.reserve(static_cast<std::size_t>(Hint(expectedXml(set))));
   XmlWriter<set> writer(out);
   writer.write(*this);
   writer.finish();
