@@ -50,8 +50,8 @@ inline XmlRpcValue Struct(std::mt19937& random) {
 }
 
 /// An array that takes about `size` bytes.
-inline XmlRpcValue Array(std::size_t size, const Maker& maker) {
-  std::mt19937 random(1);
+inline XmlRpcValue Array(std::size_t size, const Maker& maker, unsigned seed = 1) {
+  std::mt19937 random(seed);
   XmlRpcValue array;
   array.assertArray(0);
   for (std::size_t bytes = 0; bytes < size;) {

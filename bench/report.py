@@ -49,9 +49,6 @@ def speed_table(operation, found, sizes):
         cells = " | ".join(f"{ratios[peer][i]:.2f}" for peer in PEERS)
         print(f"| {document} | {own[document] / sizes[document]:.2f} | {cells} |")
     print("| **geometric mean** | | " + " | ".join(f"**{mean(ratios[peer]):.2f}**" for peer in PEERS) + " |")
-    growth = {document[:-5]: own[document] / sizes[document] / (own[document[:-5] + "/100KB"] / sizes[document[:-5] + "/100KB"])
-              for document in own if document.endswith("/10MB")}
-    print("\nTime per byte at 10 MB over 100 KB: " + ", ".join(f"{k} {v:.2f}" for k, v in growth.items()))
 
 
 def memory_table(folder, sizes):
@@ -69,4 +66,4 @@ with tempfile.TemporaryDirectory() as temporary:
     for kind in ("decode", "encode"):
         speed_table(kind, measured, lengths)
     memory_table(temporary, lengths)
-print("\n## Hostile documents\n\n```\n" + run(PROGRAMS / "Hostile_bench").rstrip() + "\n```")
+print("\n## Growth\n\n```\n" + run(PROGRAMS / "Growth_bench").rstrip() + "\n```")

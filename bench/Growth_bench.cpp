@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "bench/Documents.h"
 #include "xmlrpc/HttpHead.h"
 #include "xmlrpc/XmlRpcValue.h"
 
@@ -27,6 +28,7 @@ void ReadHeadInPieces(const std::string& whole) {
   constexpr std::size_t piece = 64;
   TarnXmlRpc::HttpHead head;
   std::string text;
+  text.reserve(whole.size());
   while (text.size() < whole.size()) {
     text.append(whole, text.size(), piece);
     head.read(text);
@@ -53,10 +55,65 @@ std::string FailedStructs(std::size_t size) {
   return array + Repeated(chain + Repeated("</value>", 200), size / (chain.size() + 1600));
 }
 
-}  // namespace
+/// Nanoseconds per byte of decoding and of encoding all of `documents`.
+std::pair<double, double> PerByte(const std::vector<std::string>& documents) {
+  std::size_t bytes = 0;
+  for (const std::string& document : documents) bytes += document.size();
+  std::vector<TarnXmlRpc::XmlRpcValue> values(documents.size());
+  for (std::size_t i = 0; i < documents.size(); ++i) {
+    int offset = 0;
+    values[i].fromXml(documents[i], &offset);
+  }
+  const double decoding = Milliseconds([&] {
+    for (const std::string& document : documents) Decode(document);
+  });
+  const double encoding = Milliseconds([&] {
+    for (const TarnXmlRpc::XmlRpcValue& value : values) value.toXml(0);
+  });
+  const double scale = 1e6 / static_cast<double>(bytes);
+  return {decoding * scale, encoding * scale};
+}
 
-/// Prints for each hostile document the time at one size and at twice that size.
-int main() {
+void PrintGrowth(const char* name, const std::vector<std::string>& many, const std::vector<std::string>& one) {
+  const auto base = PerByte(many);
+  const auto grown = PerByte(one);
+  std::printf("%-42s %6.2f %6.2f %6.2f   %6.2f %6.2f %6.2f\n", name, base.first, grown.first, grown.first / base.first,
+              base.second, grown.second, grown.second / base.second);
+}
+
+/// One document of 10 MB beside a hundred different ones of 100 KB: as much text, and as little of it that a processor
+/// could have learnt by heart. Then arrays inside arrays beside the same arrays side by side.
+void GrowthTable() {
+  using namespace documents;
+  std::printf("%-42s %-22s   %s\n", "ns per byte: base, grown, ratio", "decoding", "encoding");
+  const struct {
+    const char* name;
+    Maker maker;
+  } shapes[] = {{"ints", Int}, {"doubles", Double}, {"strings", String}, {"structs", Struct}, {"nested", Nested}};
+  for (const auto& shape : shapes) {
+    std::vector<std::string> many;
+    for (unsigned seed = 1; seed <= 100; ++seed) many.push_back(Array(100000, shape.maker, seed).toXml(0));
+    PrintGrowth(shape.name, many, {Array(10000000, shape.maker).toXml(0)});
+  }
+  const auto inside = [](std::mt19937& random) {
+    XmlRpcValue v = Int(random);
+    for (int level = 0; level < 31; ++level) {
+      XmlRpcValue outer;
+      outer[0] = std::move(v);
+      v = std::move(outer);
+    }
+    return v;
+  };
+  const auto beside = [](std::mt19937& random) {
+    XmlRpcValue v;
+    for (int i = 0; i < 30; ++i) v[i][0] = Int(random);
+    return v;
+  };
+  PrintGrowth("32 arrays inside each other, not in one", {Array(10000000, beside).toXml(0)},
+              {Array(10000000, inside).toXml(0)});
+}
+
+void HostileTable() {
   const struct {
     const char* name;
     std::size_t size;
@@ -113,5 +170,14 @@ int main() {
     const double second = Milliseconds([&] { row.use(twice); });
     std::printf("%-42s %10.3f %10.3f %6.2f\n", row.name, first, second, second / first);
   }
+}
+
+}  // namespace
+
+/// Prints how the time grows with the document, for the usual shapes and for hostile ones.
+int main() {
+  GrowthTable();
+  std::printf("\n");
+  HostileTable();
   return 0;
 }
