@@ -1,0 +1,125 @@
+#!/usr/bin/env python3
+"""Sends one discovery command into the network and shows who answers.
+
+As a module it is the PC's side of the demo and the end-to-end tests.
+"""
+
+import argparse
+import socket
+import struct
+import time
+
+# How a command travels: by name of the way, the address family, where requests go.
+WAYS = {"broadcast": (socket.AF_INET, "255.255.255.255", 5562),
+        "ipv4": (socket.AF_INET, "224.0.5.128", 5563),
+        "ipv6": (socket.AF_INET6, "ff12::12", 5564)}
+KEYS = {"SID": "system id", "OAN": "application", "OVN": "vendor", "SAN": "sub-application", "SVN": "sub-vendor",
+        "LOC": "device name", "MKC": "model code", "SNR": "serial number", "ASK": "DHCP", "IPA": "IP address",
+        "SNM": "subnet mask", "GWA": "gateway", "MAA": "MAC address", "EXTSID": "extended id", "EXTAPPVER": "firmware"}
+
+
+class Caller:
+    """The sockets that one way needs on `interface`: one to send from, and where the answers come in. The answer to a
+    request by IPv4 multicast goes to the group, whoever asked: a second socket, a member of it, hears that."""
+
+    def __init__(self, way, interface):
+        self.family, self.group, self.port = WAYS[way]
+        self.sender = socket.socket(self.family, socket.SOCK_DGRAM)
+        self.listener = self.sender
+        index = socket.if_nametoindex(interface)
+        if way == "broadcast":
+            self.sender.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+            self.sender.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, interface.encode())
+        elif way == "ipv4":
+            member = struct.pack("4s4si", socket.inet_aton(self.group), bytes(4), index)
+            self.sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, member)
+            self.sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
+            self.listener = socket.socket(self.family, socket.SOCK_DGRAM)
+            self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            self.listener.bind((self.group, self.port))
+            self.listener.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, member)
+        else:
+            self.sender.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_IF, index)
+            self.sender.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_LOOP, 0)
+
+    def send(self, datagram):
+        self.sender.sendto(datagram, (self.group, self.port))
+
+    def receive(self, seconds):
+        """The next datagram and its sender's address, or (None, None) when none came in `seconds`."""
+        self.listener.settimeout(seconds)
+        try:
+            datagram, sender = self.listener.recvfrom(65536)
+        except (TimeoutError, BlockingIOError):
+            return None, None
+        return datagram, sender[0]
+
+    def drain(self):
+        """Forgets what has come in so far."""
+        while self.receive(0)[0] is not None:
+            pass
+
+    def ask(self, datagram, seconds):
+        """Sends, and takes the first answer: the datagram, or None after `seconds`."""
+        self.drain()
+        self.send(datagram)
+        return self.receive(seconds)[0]
+
+    def ask_all(self, datagram, seconds):
+        """Sends, and takes every answer of the next `seconds`: pairs of datagram and sender's address."""
+        self.drain()
+        self.send(datagram)
+        answers = []
+        end = time.monotonic() + seconds
+        while (left := end - time.monotonic()) > 0:
+            datagram, sender = self.receive(left)
+            if datagram is not None:
+                answers.append((datagram, sender))
+        return answers
+
+    def close(self):
+        self.listener.close()
+        self.sender.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+
+def printable(foreign):
+    """Bytes from the network as one harmless line for a terminal: what is no printable ASCII shows as \\xNN."""
+    return "".join(chr(c) if 0x20 <= c < 0x7f and c != 0x5c else f"\\x{c:02x}" for c in foreign)
+
+
+def table(answer):
+    """An identity record as lines of "meaning  value"; any other answer as the one line it is."""
+    if not answer.startswith(b"SID:"):
+        return [printable(answer.rstrip(b"\r\n"))]
+    pairs = (field.partition(b":")[::2] for field in answer.rstrip(b"\r\n").split(b"\t"))
+    return [f"{KEYS.get(key, key):<16} {printable(value)}" for key, value in
+            ((printable(key), value) for key, value in pairs)]
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("command", nargs="*", default=["DEVICEIDENT?"], help="command word and arguments (DEVICEIDENT?)")
+    parser.add_argument("--way", choices=WAYS, default="broadcast", help="how to send it (%(default)s)")
+    parser.add_argument("--interface", default="eth0", help="where to send it (%(default)s)")
+    parser.add_argument("--seconds", type=float, default=2.0, help="how long to wait for answers (%(default)s)")
+    options = parser.parse_args()
+    try:
+        with Caller(options.way, options.interface) as caller:
+            answers = caller.ask_all("\t".join(options.command).encode() + b"\r\n", options.seconds)
+    except OSError as cause:
+        parser.exit(2, f"{parser.prog}: cannot ask on {options.interface}: {cause} (--interface names another)\n")
+    for answer, sender in answers:
+        print(f"from {sender}:", *table(answer), sep="\n  ")
+    if not answers:
+        print(f"no answer in {options.seconds:g} s")
+    return 0 if answers else 1
+
+
+if __name__ == "__main__":
+    raise SystemExit(main())

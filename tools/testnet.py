@@ -1,0 +1,189 @@
+"""A private Ethernet for the demo and the end-to-end tests: hosts are network namespaces on one bridge.
+
+Works only inside scripts/sandbox, so that nothing on the real machine is touched. Every host has one interface, eth0.
+"""
+
+import contextlib
+import ctypes
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+import xmlrpc.client
+
+TOOLS = pathlib.Path(__file__).resolve().parent
+INTERFACE = "eth0"
+_CLONE_NEWNET = 0x40000000
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def eventually(check, seconds=5.0):
+    """What `check()` returns once that is true, or its last result after `seconds`."""
+    end = time.monotonic() + seconds
+    while not (result := check()) and time.monotonic() < end:
+        time.sleep(0.02)
+    return result
+
+
+def _enter(path):
+    with open(path, encoding="ascii") as space:
+        if _libc.setns(space.fileno(), _CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), f"setns {path}")
+
+
+class Host:
+    """One machine of the network. Its processes end with it."""
+
+    def __init__(self, name, address=None):
+        self.name = name
+        self._processes = []
+        subprocess.run(["ip", "netns", "add", name], check=True)
+        with self.inside():
+            for place in ("default", "all"):   # an address serves at once instead of after a second of probing
+                pathlib.Path(f"/proc/sys/net/ipv6/conf/{place}/accept_dad").write_text("0", encoding="ascii")
+        self.run("ip", "link", "set", "lo", "up")
+        self.plug_in(address)
+
+    def plug_in(self, address=None):
+        """Gives the host an eth0, a new one if it had one, with `address` ("192.168.1.2/24")."""
+        port = f"p-{self.name}"
+        subprocess.run(["ip", "link", "del", port], check=False, stderr=subprocess.DEVNULL)
+        subprocess.run(["ip", "link", "add", port, "type", "veth", "peer", "name", INTERFACE, "netns", self.name],
+                       check=True)
+        subprocess.run(["ip", "link", "set", port, "master", "lan", "up"], check=True)
+        self.run("ip", "link", "set", INTERFACE, "up")
+        if address:
+            self.set_address(address)
+
+    def set_address(self, address, gateway=None):
+        """Sets eth0 to exactly `address`, with a default route over `gateway` or none."""
+        self.run("ip", "-4", "addr", "flush", "dev", INTERFACE)
+        self.run("ip", "addr", "add", address, "brd", "+", "dev", INTERFACE)
+        if gateway:
+            self.run("ip", "route", "add", "default", "via", gateway)
+
+    @contextlib.contextmanager
+    def inside(self):
+        """Within it, sockets that this thread opens are sockets of the host, and stay so."""
+        with open("/proc/thread-self/ns/net", encoding="ascii") as home:
+            _enter(f"/run/netns/{self.name}")
+            try:
+                yield self
+            finally:
+                if _libc.setns(home.fileno(), _CLONE_NEWNET) != 0:
+                    raise OSError(ctypes.get_errno(), "setns home")
+
+    def command(self, *words):
+        return ["nsenter", f"--net=/run/netns/{self.name}", *words]
+
+    def run(self, *words, check=True):
+        """Runs a command on the host; its standard output."""
+        return subprocess.run(self.command(*words), check=check, stdout=subprocess.PIPE, text=True).stdout
+
+    def interface(self):
+        """eth0 as `ip` tells it: "address" is the MAC, "addr_info" its addresses."""
+        return json.loads(self.run("ip", "-j", "addr", "show", "dev", INTERFACE))[0]
+
+    def start(self, *words, **options):
+        """Starts a program on the host. It is ended, if need be, by stop() or close()."""
+        process = subprocess.Popen(self.command(*words), **options)
+        self._processes.append(process)
+        return process
+
+    def stop(self, process):
+        if process in self._processes:
+            self._processes.remove(process)
+        process.kill()
+        process.wait()
+        for stream in (process.stdin, process.stdout, process.stderr):
+            if stream:
+                stream.close()
+
+    def close(self):
+        for process in list(self._processes):
+            self.stop(process)
+        subprocess.run(["ip", "netns", "del", self.name], check=False)
+
+
+class Network:
+    """The bridge and what is plugged into it."""
+
+    def __init__(self):
+        if "SANDBOX_HALT_MARK" not in os.environ:
+            sys.exit(f"{sys.argv[0]}: changes addresses and routes; start it with scripts/sandbox")
+        self.hosts = []
+        self.folder = tempfile.mkdtemp(prefix="testnet.")
+        subprocess.run(["ip", "link", "add", "lan", "type", "bridge", "mcast_snooping", "0"], check=True)
+        subprocess.run(["ip", "link", "set", "lan", "up"], check=True)
+
+    def host(self, name, address=None):
+        self.hosts.append(Host(name, address))
+        return self.hosts[-1]
+
+    def close(self):
+        for host in self.hosts:
+            host.close()
+        subprocess.run(["ip", "link", "del", "lan"], check=False)
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+
+class Service:
+    """The simulated device service on a host, and the way to tell it what to do."""
+
+    def __init__(self, host, *options):
+        self.host = host
+        self.options = options
+        self._process = None
+        self.start()
+
+    def start(self):
+        """Starts it, unless it runs."""
+        if self._process:
+            return
+        self._process = self.host.start(sys.executable, str(TOOLS / "device_service.py"), *self.options,
+                                        stdout=subprocess.PIPE, text=True)
+        if "listening" not in (line := self._process.stdout.readline()):
+            raise RuntimeError(f"the device service did not start: {line!r}")
+
+    def stop(self):
+        self.host.stop(self._process)
+        self._process = None
+
+    def __getattr__(self, method):
+        """service.Calls(...) is the control method "Test.Calls"."""
+        def call(*arguments):
+            with self.host.inside(), xmlrpc.client.ServerProxy("http://127.0.0.1:1200") as proxy:
+                return getattr(proxy.Test, method)(*arguments)
+        return call
+
+
+def start_dnsmasq(host, folder, low, high, *options):
+    """A DHCP server (dnsmasq) on `host` that leases `low` to `high`."""
+    process = host.start(
+        "dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--port=0", f"--interface={INTERFACE}", "--bind-interfaces",
+        "--dhcp-authoritative", "--no-ping", f"--dhcp-range={low},{high},255.255.255.0,1h",
+        f"--dhcp-leasefile={folder}/{host.name}.leases", *options, stderr=subprocess.DEVNULL)
+    _until_it_listens(host)
+    return process
+
+
+def start_udhcpd(host, folder, low, high, *options):
+    """The same with busybox udhcpd; `options` are lines of its configuration."""
+    path = pathlib.Path(folder, f"{host.name}.conf")
+    leases = path.with_suffix(".leases")
+    leases.touch()
+    path.write_text("\n".join([f"start {low}", f"end {high}", f"interface {INTERFACE}", f"lease_file {leases}",
+                               f"pidfile {path.with_suffix('.pid')}", "option subnet 255.255.255.0",
+                               "option lease 3600", *options, ""]), encoding="ascii")
+    process = host.start("udhcpd", "-f", "-a", "50", str(path), stderr=subprocess.DEVNULL)
+    _until_it_listens(host)
+    return process
+
+
+def _until_it_listens(host):
+    if not eventually(lambda: ":0043 " in host.run("cat", "/proc/net/udp")):
+        raise RuntimeError(f"the DHCP server on {host.name} did not start")
