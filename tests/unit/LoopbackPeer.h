@@ -14,6 +14,7 @@
 inline int CountDescriptors() {
   DIR* const directory = opendir("/proc/self/fd");
   int count = 0;
+  if (directory == nullptr) return count;
   while (readdir(directory) != nullptr) ++count;
   closedir(directory);
   return count;
