@@ -260,7 +260,8 @@ bool XmlReader::surveyedValue(size_t start, size_t& at, int depth) {
     const bool success = content<set>(nullptr, p, depth);
     if (_tooDeep) return false;
     if (success) p = pastValueEnd<set>(p);
-    outcome.set(success, p, static_cast<size_t>(_deepest - depth + 1));
+    const int levels = _deepest - depth + 1;
+    outcome.set(success, p, static_cast<std::uint32_t>(levels));
     _deepest = std::max(_deepest, deepestOutside);
   } else if (!enterKnown(outcome, depth)) {
     return false;
@@ -476,7 +477,7 @@ bool XmlReader::array(Value* out, size_t& at, int depth) {
   if (out != nullptr) out->assertTypeOrInvalid(Value::TypeArray);
   if (!empty) {
     ++_openArrays;
-    if (_surveying) {
+    if (out == nullptr) {
       surveyElements(p, depth + 1);
     } else {
       buildElements(*out->_value.asArray, p, depth + 1);
@@ -551,7 +552,7 @@ template <int set>
 bool XmlReader::structure(Value* out, size_t& at, int depth) {
   size_t p = at;
   bool success = false;
-  if (_surveying) {
+  if (out == nullptr) {
     success = surveyMembers<set>(p, depth + 1);
   } else {
     out->assertTypeOrInvalid(Value::TypeStruct);

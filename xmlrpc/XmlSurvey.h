@@ -72,9 +72,9 @@ class XmlSurvey {
     bool known() const { return code != Unknown; }
     bool failed() const { return code == Failed; }
     std::size_t end() const { return code - 2; }
-    void set(bool success, std::size_t end, std::size_t levelCount) {
+    void set(bool success, std::size_t end, std::uint32_t levelCount) {
       code = success ? static_cast<std::uint32_t>(end + 2) : Failed;
-      levels = static_cast<std::uint32_t>(levelCount);
+      levels = levelCount;
     }
   };
   struct Place {
