@@ -3,11 +3,13 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-/// Replay FOLDER: hands each file below FOLDER to the fuzz target it is linked with, in the ordinary build.
+/// Replay FOLDER: hands the fuzz target that it is linked with each file below FOLDER, then 20,000 random inputs, the
+/// same each time. So the properties are checked in the ordinary build too, where no fuzzer is.
 int main(int argc, char** argv) {
   int count = 0;
   if (argc == 2) {
@@ -18,6 +20,12 @@ int main(int argc, char** argv) {
       LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
       ++count;
     }
+  }
+  std::mt19937 random(1);
+  for (int i = 0; i < 20000; ++i) {
+    std::vector<std::uint8_t> bytes(random() % 48);
+    for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
   }
   std::printf("%d inputs replayed\n", count);
   return count > 0 ? 0 : 1;
