@@ -48,12 +48,13 @@ class Host:
         self.run("ip", "link", "set", "lo", "up")
         self.plug_in(address)
 
-    def plug_in(self, address=None):
-        """Gives the host an eth0, a new one if it had one, with `address` ("192.168.1.2/24")."""
+    def plug_in(self, address=None, index=None):
+        """Gives the host an eth0, a new one if it had one, with `address` ("192.168.1.2/24"); `index` sets its own."""
         port = f"p-{self.name}"
         subprocess.run(["ip", "link", "del", port], check=False, stderr=subprocess.DEVNULL)
-        subprocess.run(["ip", "link", "add", port, "type", "veth", "peer", "name", INTERFACE, "netns", self.name],
-                       check=True)
+        given = ["index", str(index)] if index else []
+        subprocess.run(["ip", "-n", self.name, "link", "add", INTERFACE, *given, "type", "veth",
+                        "peer", "name", port, "netns", str(os.getpid())], check=True)
         subprocess.run(["ip", "link", "set", port, "master", "lan", "up"], check=True)
         self.run("ip", "link", "set", INTERFACE, "up")
         if address:
