@@ -1,9 +1,9 @@
 #pragma once
 
-#include <dirent.h>
 #include <sys/socket.h>
 
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -12,21 +12,15 @@
 #include "net/CTCP.h"
 
 inline int CountDescriptors() {
-  DIR* const directory = opendir("/proc/self/fd");
-  int count = 0;
-  if (directory == nullptr) return count;
-  while (readdir(directory) != nullptr) ++count;
-  closedir(directory);
-  return count;
+  using Entries = std::filesystem::directory_iterator;
+  return static_cast<int>(std::distance(Entries("/proc/self/fd"), Entries()));
 }
 
 /// What came up to and including `end`, or before the client went away.
 inline std::string ReadUpTo(int connection, std::string_view end) {
   std::string text;
-  char byte = 0;
-  while (text.size() < end.size() || text.substr(text.size() - end.size()) != end) {
+  for (char byte = 0; text.size() < end.size() || text.substr(text.size() - end.size()) != end; text += byte) {
     if (recv(connection, &byte, 1, 0) != 1) break;
-    text.push_back(byte);
   }
   return text;
 }
@@ -36,8 +30,7 @@ inline void Write(int connection, std::string_view text) { send(connection, text
 inline void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(30)); }
 
 /// A server on a free loopback port. Its thread runs the script on one connection after the other and closes each.
-class LoopbackPeer {
- public:
+struct LoopbackPeer {
   explicit LoopbackPeer(const std::function<void(int connection)>& script) {
     _listener.OpenPort(INADDR_LOOPBACK, 0, 8);
     _listener.GetPort(port);
