@@ -40,7 +40,7 @@ def mean(numbers):
 
 
 def speed_table(operation, found, sizes):
-    own = found[operation, "tarn"]
+    own = dict(sorted(found[operation, "tarn"].items(), key=lambda item: (item[0].split("/")[0], sizes[item[0]])))
     print(f"\n## {operation}: time of the peer over ours\n")
     print("| document | ns per byte | " + " | ".join(PEERS) + " |")
     print("|---" * (len(PEERS) + 2) + "|")

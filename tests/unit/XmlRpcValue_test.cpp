@@ -8,6 +8,9 @@
 #include <random>
 #include <sstream>
 
+#include "xmlrpc/XmlRpcClient.h"
+#include "xmlrpc/XmlRpcClientTransportHTTP.h"
+#include "xmlrpc/XmlRpcUtil.h"
 #include "xmlrpc/XmlRpcValue.h"
 
 using namespace TarnXmlRpc;
@@ -312,9 +315,9 @@ TEST(Reading, GetsThroughHostileDocuments) {
   }
 }
 
-/// Runs `action` again and again, each time with a later allocation failing, until none does; `check` looks at what the
-/// failure left. Nothing may be lost on the way.
-void FailEach(const std::function<void()>& action, const std::function<bool()>& check) {
+/// Runs `action` with ever later allocations failing until none does; each failure loses no block and passes `check`.
+template <typename Action, typename Check>
+void FailEach(const Action& action, const Check& check) {
   bool failed = true;
   for (long n = 0; failed; ++n) {
     const long before = blocks;
@@ -342,6 +345,18 @@ TEST(FailingAllocations, LoseNothingAndLeaveNothingHalf) {
   XmlRpcValue copy = old;
   FailEach([&] { copy = value; }, [&] { return copy == old; });
   FailEach([&] { copy.toXml(1); }, [&] { return copy == value; });
+
+  struct Echo : XmlRpcClientTransportHTTP {
+    int execute(const std::string& request, std::string& answer) override {
+      const std::size_t start = request.find("<param>") + 7, end = request.rfind("</param>");
+      XmlRpcUtil::generateResponse(answer, request.substr(start, end - start));
+      return 0;
+    }
+  } transport;
+  XmlRpcValue result;
+  const auto call = [&] { EXPECT_EQ(0, XmlRpcClient(&transport).execute("method", value, result)); };
+  FailEach(call, [&] { return !result.valid(); });
+  EXPECT_EQ(value, result);
 }
 
 }  // namespace
