@@ -120,7 +120,7 @@ void HostileTable() {
     std::string (*make)(std::size_t size);
     void (*use)(const std::string&);
   } rows[] = {
-      {"failed structs in nested arrays", 2000000, FailedStructs, Decode},
+      {"failed structs in nested arrays", 8000000, FailedStructs, Decode},
       {"members that all lead to one long list", 2000000,
        [](std::size_t size) {
          return array + Repeated(jump, size / 102) + "<name>n</name><value>1</value></member>" +
