@@ -20,14 +20,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 static long blocks = 0, allocationsLeft = -1;  // allocated and not freed; before one fails, negative for never
 
-void* operator new(std::size_t size) {
+// Not inlined: g++ takes malloc() and free() in sight for a mismatched pair.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   void* const block = allocationsLeft == 0 ? nullptr : std::malloc(size == 0 ? 1 : size);
   if (block == nullptr) throw std::bad_alloc();
   if (allocationsLeft > 0) --allocationsLeft;
   ++blocks;
   return block;
 }
-void operator delete(void* block) noexcept {
+[[gnu::noinline]] void operator delete(void* block) noexcept {
   blocks -= block == nullptr ? 0 : 1;
   std::free(block);
 }
