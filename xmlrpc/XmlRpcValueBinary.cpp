@@ -6,7 +6,6 @@ namespace TarnXmlRpc {
 
 namespace {
 
-constexpr std::int32_t CODE_TYPE = -4303;
 constexpr std::int32_t CODE_NO_BINARY = -4325;
 constexpr std::int32_t CODE_BINARY_RANGE = -4326;
 
@@ -15,7 +14,7 @@ constexpr std::int32_t CODE_BINARY_RANGE = -4326;
 }  // namespace
 
 const std::vector<char>& XmlRpcValue::getBinaryData() const {
-  if (_type != TypeBase64) throw XmlRpcException("type error", CODE_TYPE);
+  assertTypeOrInvalid(TypeBase64);
   return *_value.asBinary;
 }
 
