@@ -170,12 +170,17 @@ bool XmlReader::run(const Read& read, XmlRpcValue& value, size_t& at) {
 }
 
 void XmlReader::beginSurvey() {
-  _survey.begin(_text.size());
-  for (Finders& finders : _finders) {
-    finders.valueEnd.index();
-    finders.name.index();
-    finders.nameEnd.index();
+  _survey.beginTags(_text.size());
+  for (Finders& finders : _finders) finders.each([](TagFinder& finder) { finder.beginIndex(); });
+  for (size_t at = _text.find('<'); at != npos; at = _text.find('<', at + 1)) {
+    if (valueTagAt(at) >= 0 || StandsAt(_text, at, Tags<0>::member) || StandsAt(_text, at, Tags<1>::member)) {
+      _survey.addTag(at);
+    } else {
+      for (Finders& finders : _finders) finders.each([at](TagFinder& finder) { finder.addToIndex(at); });
+    }
   }
+  for (Finders& finders : _finders) finders.each([](TagFinder& finder) { finder.endIndex(); });
+  _survey.begin();
   _lastFailed = npos;
   _openArrays = 0;
   _mustSurvey = false;

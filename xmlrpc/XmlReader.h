@@ -35,6 +35,13 @@ class XmlReader {
 
   struct Finders {
     TagFinder valueEnd, name, nameEnd;
+
+    template <typename Action>
+    void each(const Action& action) {
+      action(valueEnd);
+      action(name);
+      action(nameEnd);
+    }
   };
 
   template <typename Read>

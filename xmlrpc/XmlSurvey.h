@@ -2,7 +2,7 @@
 
 // What the value reader remembers about a document, so that its time stays linear. Internal to the library.
 
-#include <algorithm>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -13,15 +13,52 @@
 
 namespace TarnXmlRpc {
 
+/// Numbers the places of tags in a text. A tag has at least four characters, so that each four bytes of text need one
+/// bit only.
+class TagNumbers {
+ public:
+  void begin(std::size_t textSize) { _blocks.assign(textSize / blockBytes + 1, Block()); }
+  bool begun() const { return !_blocks.empty(); }
+  void add(std::size_t at) { _blocks[at / blockBytes].tags |= bit(at); }
+
+  /// Ends the adding and returns how many there are.
+  std::size_t count() {
+    std::size_t total = 0;
+    for (Block& block : _blocks) {
+      block.before = static_cast<std::uint32_t>(total);
+      total += std::bitset<64>(block.tags).count();
+    }
+    return total;
+  }
+
+  /// How many tags stand in front of the four bytes that `at`, a place in the text or its end, belongs to.
+  std::size_t before(std::size_t at) const {
+    const Block& block = _blocks[at / blockBytes];
+    return block.before + std::bitset<64>(block.tags & (bit(at) - 1)).count();
+  }
+
+ private:
+  static constexpr std::size_t shortestTag = 4;  // "<va>", "<me>"
+  static constexpr std::size_t blockBytes = 64 * shortestTag;
+  struct Block {
+    std::uint64_t tags = 0;
+    std::uint32_t before = 0;  // in all blocks in front of this one
+  };
+
+  static std::uint64_t bit(std::size_t at) { return std::uint64_t{1} << (at % blockBytes / shortestTag); }
+
+  std::vector<Block> _blocks;
+};
+
 /// Looks for one tag from many places of one text. While the places only move forward, each byte is looked at once;
-/// after index(), a look from anywhere takes a bounded number of steps.
+/// after the index is made, a look from anywhere takes a bounded number of steps.
 class TagFinder {
  public:
   explicit TagFinder(std::string_view text, std::string_view tag) : _text(text), _tag(tag) {}
 
-  /// The first place of the tag at or after `from`, or npos.
-  std::size_t find(std::size_t from) {
-    if (!_firstOfBlock.empty()) return indexed(from);
+  /// The first place of the tag at or after `from`, or npos. Rarely called: kept out of the code around its callers.
+  [[gnu::noinline]] std::size_t find(std::size_t from) {
+    if (_numbers.begun()) return indexed(from);
     if (from < _from || from > _found) {
       _found = _text.find(_tag, from);
       _from = from;
@@ -29,32 +66,29 @@ class TagFinder {
     return _found;
   }
 
-  void index() {
-    for (std::size_t at = _text.find(_tag); at != std::string_view::npos; at = _text.find(_tag, at + 1)) {
-      for (; _firstOfBlock.size() * blockSize <= at; _firstOfBlock.push_back(_places.size())) {
-      }
-      _places.push_back(at);
-    }
-    _firstOfBlock.push_back(_places.size());
+  void beginIndex() { _numbers.begin(_text.size()); }
+  /// Adds `at` to the index if the tag stands there. Each place once, in their order.
+  void addToIndex(std::size_t at) {
+    if (!StandsAt(_text, at, _tag)) return;
+    _numbers.add(at);
+    _places.push_back(static_cast<std::uint32_t>(at));
   }
+  void endIndex() { _numbers.count(); }
 
  private:
-  static constexpr std::size_t blockSize = 64;
-
   std::size_t indexed(std::size_t from) const {
-    const std::size_t block = std::min(from / blockSize, _firstOfBlock.size() - 1);
-    for (std::size_t i = _firstOfBlock[block]; i < _places.size(); ++i) {
-      if (_places[i] >= from) return _places[i];
-    }
-    return std::string_view::npos;
+    if (from > _text.size()) return std::string_view::npos;
+    std::size_t number = _numbers.before(from);
+    if (number < _places.size() && _places[number] < from) ++number;
+    return number < _places.size() ? _places[number] : std::string_view::npos;
   }
 
   std::string_view _text;
   std::string_view _tag;
   std::size_t _from = 1;  // what find() knows: from _from on the first one is at _found; nothing at first
   std::size_t _found = 0;
-  std::vector<std::size_t> _places;
-  std::vector<std::size_t> _firstOfBlock;  // for each block of the text, the first place in it or after it
+  TagNumbers _numbers;
+  std::vector<std::uint32_t> _places;
 };
 
 /// The outcome of reading from each start tag of a document: whether a value or a list that goes on there can be read,
@@ -82,11 +116,15 @@ class XmlSurvey {
     Outcome rest;   // of the array elements, or struct members, from this one on
   };
 
-  void begin(std::size_t size) { _places.resize(size / shortestTag + 1); }
+  // Every start tag of a value or member is added, then the survey begins.
+
+  void beginTags(std::size_t textSize) { _numbers.begin(textSize); }
+  void addTag(std::size_t at) { _numbers.add(at); }
+  void begin() { _places.resize(_numbers.count()); }
   bool begun() const { return !_places.empty(); }
 
-  /// `at` is where a value or member start tag stands; no two can share a place, as the shortest has four characters.
-  Place& at(std::size_t at) { return _places[at / shortestTag]; }
+  /// `at` is where a start tag stands that was added.
+  Place& at(std::size_t at) { return _places[_numbers.before(at)]; }
 
   /// SkipBlanks() that looks at a long stretch only once for each place it is entered at.
   std::size_t skipBlanks(std::string_view text, std::size_t at) {
@@ -98,9 +136,9 @@ class XmlSurvey {
   }
 
  private:
-  static constexpr std::size_t shortestTag = 4;  // "<va>", "<me>"
   static constexpr std::size_t longStretch = 16;
 
+  TagNumbers _numbers;
   std::vector<Place> _places;
   std::unordered_map<std::size_t, std::size_t> _blanks;
 };
