@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <tuple>
+#include <utility>
 
 #include "xmlrpc/CBase64.h"
 #include "xmlrpc/Locale.h"
@@ -32,26 +34,31 @@ struct Tags {
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
 
+/// The digit that `c` is, else a number above 9.
+unsigned Digit(char c) { return static_cast<unsigned char>(c) - static_cast<unsigned>('0'); }
+
+/// The number that the digits from `p` on make, at most `limit`.
+[[gnu::noinline]] std::uint64_t SaturatedNumber(const char* p, std::uint64_t limit) {
+  std::uint64_t number = 0;
+  for (; Digit(*p) <= 9; ++p) number = number <= limit / 10 ? std::min(number * 10 + Digit(*p), limit) : limit;
+  return number;
+}
+
 /// What a 64-bit strtol(text + at, ..., 10) gives: blanks, a sign, digits; saturated. False if there is no digit; else
 /// `at` is moved past the number. `text` is followed by a NUL.
-bool ScanInteger(std::string_view text, size_t& at, std::int64_t& number) {
+inline bool ScanInteger(std::string_view text, size_t& at, std::int64_t& number) {
   const char* p = text.data() + SkipBlanks(text, at);
   const bool negative = *p == '-';
   if (*p == '-' || *p == '+') ++p;
   const char* const digits = p;
   std::uint64_t magnitude = 0;
-  for (; IsDigit(*p) && p - digits < 18; ++p) magnitude = magnitude * 10 + static_cast<std::uint64_t>(*p - '0');
+  for (; Digit(*p) <= 9; ++p) magnitude = magnitude * 10 + Digit(*p);
   if (p == digits) return false;
-  constexpr std::uint64_t limit = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + 1;
-  for (; IsDigit(*p); ++p) {  // beyond 18 digits it may be too long
-    const std::uint64_t digit = static_cast<std::uint64_t>(*p - '0');
-    magnitude = magnitude <= limit / 10 ? std::min(magnitude * 10 + digit, limit) : limit;
+  if (p - digits > std::numeric_limits<std::int64_t>::digits10) {  // it may not have fitted
+    magnitude = SaturatedNumber(
+        digits, static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + (negative ? 1 : 0));
   }
-  if (!negative) {
-    number = static_cast<std::int64_t>(std::min(magnitude, limit - 1));
-  } else {
-    number = magnitude >= limit ? std::numeric_limits<std::int64_t>::min() : -static_cast<std::int64_t>(magnitude);
-  }
+  number = static_cast<std::int64_t>(negative ? 0 - magnitude : magnitude);
   at = static_cast<size_t>(p - text.data());
   return true;
 }
@@ -169,6 +176,12 @@ bool XmlReader::run(const Read& read, XmlRpcValue& value, size_t& at) {
   return true;
 }
 
+/// The tag set of the value start tag that stands at `at`, or -1.
+[[gnu::always_inline]] inline int XmlReader::valueTagAt(size_t at) const {
+  if (StandsAt(_text, at, Tags<0>::value)) return 0;
+  return StandsAt(_text, at, Tags<1>::value) ? 1 : -1;
+}
+
 void XmlReader::beginSurvey() {
   _survey.beginTags(_text.size());
   for (Finders& finders : _finders) finders.each([](TagFinder& finder) { finder.beginIndex(); });
@@ -219,10 +232,27 @@ inline size_t XmlReader::nearLess(size_t at) const {
   return found == npos ? npos : at + found;
 }
 
-/// The tag set of the value start tag that stands at `at`, or -1.
-int XmlReader::valueTagAt(size_t at) const {
-  if (StandsAt(_text, at, Tags<0>::value)) return 0;
-  return StandsAt(_text, at, Tags<1>::value) ? 1 : -1;
+template <int set>
+[[gnu::always_inline]] inline bool XmlReader::valueOfSet(Value* out, size_t start, size_t& at, int depth) {
+  if (_surveying) return surveyedValue<set>(start, at, depth);
+  // Each enclosing array that ends before a malformed value lets the next one try the same place again.
+  if (start == _lastFailed || (_survey.begun() && _survey.at(start).value.failed())) return false;
+  size_t p = start + Tags<set>::value.size();
+  if (!content<set>(out, p, depth)) {
+    _lastFailed = start;
+    return false;
+  }
+  at = p;
+  return true;
+}
+
+/// Reads the value whose start tag of set `set` stands at `start`.
+[[gnu::always_inline]] inline bool XmlReader::valueOf(int set, Value* out, size_t start, size_t& at, int depth) {
+  if (depth > Value::MaximumDepth) {
+    _tooDeep = true;
+    return false;
+  }
+  return set == 0 ? valueOfSet<0>(out, start, at, depth) : valueOfSet<1>(out, start, at, depth);
 }
 
 /// Reads one value. `out` is null while surveying.
@@ -232,31 +262,8 @@ bool XmlReader::value(Value* out, size_t& at, int depth) {
   return set >= 0 && valueOf(set, out, start, at, depth);
 }
 
-/// Reads the value whose start tag of set `set` stands at `start`.
-bool XmlReader::valueOf(int set, Value* out, size_t start, size_t& at, int depth) {
-  if (depth > Value::MaximumDepth) {
-    _tooDeep = true;
-    return false;
-  }
-  return set == 0 ? valueOfSet<0>(out, start, at, depth) : valueOfSet<1>(out, start, at, depth);
-}
-
 template <int set>
-bool XmlReader::valueOfSet(Value* out, size_t start, size_t& at, int depth) {
-  if (_surveying) return surveyedValue<set>(start, at, depth);
-  // Each enclosing array that ends before a malformed value lets the next one try the same place again.
-  if (start == _lastFailed || (_survey.begun() && _survey.at(start).value.failed())) return false;
-  size_t p = start + Tags<set>::value.size();
-  if (!content<set>(out, p, depth)) {
-    _lastFailed = start;
-    return false;
-  }
-  at = pastValueEnd<set>(p);
-  return true;
-}
-
-template <int set>
-bool XmlReader::surveyedValue(size_t start, size_t& at, int depth) {
+[[gnu::noinline]] bool XmlReader::surveyedValue(size_t start, size_t& at, int depth) {
   XmlSurvey::Outcome& outcome = _survey.at(start).value;
   if (!outcome.known()) {
     const int deepestOutside = _deepest;
@@ -264,7 +271,6 @@ bool XmlReader::surveyedValue(size_t start, size_t& at, int depth) {
     size_t p = start + Tags<set>::value.size();
     const bool success = content<set>(nullptr, p, depth);
     if (_tooDeep) return false;
-    if (success) p = pastValueEnd<set>(p);
     const int levels = _deepest - depth + 1;
     outcome.set(success, p, static_cast<std::uint32_t>(levels));
     _deepest = std::max(_deepest, deepestOutside);
@@ -283,12 +289,22 @@ bool XmlReader::enterKnown(const XmlSurvey::Outcome& outcome, int depth) {
   return !_tooDeep;
 }
 
-/// The place just past the value's end tag, wherever that is; `at` itself if there is none.
+/// The place just past the value's end tag, wherever that is; `at` itself if there is none. Mostly the type's own end
+/// tag, of `typeEndLength` bytes, stands between.
 template <int set>
-size_t XmlReader::pastValueEnd(size_t at) {
+inline size_t XmlReader::pastValueEnd(size_t at, size_t typeEndLength) {
   constexpr std::string_view tag = Tags<set>::valueEnd;
   if (StandsAt(_text, at, tag)) return at + tag.size();
-  const size_t next = nearLess(at + 1);  // mostly one end tag comes before it, the type's own
+  // One byte longer than the value's, it cannot hide another: that would have to begin with the slash.
+  const size_t next = at + typeEndLength;
+  const bool nothingBetween = typeEndLength <= tag.size() + 1 && StandsAt(_text, at, "</");
+  return nothingBetween && StandsAt(_text, next, tag) ? next + tag.size() : pastFarValueEnd<set>(at);
+}
+
+template <int set>
+[[gnu::noinline]] size_t XmlReader::pastFarValueEnd(size_t at) {
+  constexpr std::string_view tag = Tags<set>::valueEnd;
+  const size_t next = nearLess(at + 1);
   if (StandsAt(_text, next, tag)) return next + tag.size();
   const size_t found = _finders[set].valueEnd.find(at);
   return found == npos ? at : found + tag.size();
@@ -326,33 +342,39 @@ XmlReader::Tag XmlReader::nextTag(size_t& at) {
   }
 }
 
-/// Reads what follows the value's start tag, its end tag left out.
+/// Reads what follows the value's start tag.
 template <int set>
 bool XmlReader::content(Value* out, size_t& at, int depth) {
   const size_t afterTag = at;
+  const auto read = [&](Value::Type type) {
+    const size_t typeEndLength = at - afterTag + 1;  // an end tag has a slash more
+    if (!ofType<set>(type, out, at, depth)) return false;
+    at = pastValueEnd<set>(at, typeEndLength);
+    return true;
+  };
   switch (nextTag<set>(at)) {
     case Tag::Boolean:
-      return ofType<set>(Value::TypeBoolean, out, at, depth);
+      return read(Value::TypeBoolean);
     case Tag::Int:
-      return ofType<set>(Value::TypeInt, out, at, depth);
+      return read(Value::TypeInt);
     case Tag::Int64:
-      return ofType<set>(Value::TypeInt64, out, at, depth);
+      return read(Value::TypeInt64);
     case Tag::Double:
-      return ofType<set>(Value::TypeDouble, out, at, depth);
+      return read(Value::TypeDouble);
     case Tag::DateTime:
-      return ofType<set>(Value::TypeDateTime, out, at, depth);
+      return read(Value::TypeDateTime);
     case Tag::Base64:
-      return ofType<set>(Value::TypeBase64, out, at, depth);
+      return read(Value::TypeBase64);
     case Tag::Array:
-      return ofType<set>(Value::TypeArray, out, at, depth);
+      return read(Value::TypeArray);
     case Tag::Struct:
-      return ofType<set>(Value::TypeStruct, out, at, depth);
+      return read(Value::TypeStruct);
     case Tag::ValueEnd:
       at = afterTag;  // nothing but white space in the value: that is its text
-      return ofType<set>(Value::TypeString, out, at, depth);
+      return read(Value::TypeString);
     case Tag::None:
     case Tag::String:
-      return ofType<set>(Value::TypeString, out, at, depth);
+      return read(Value::TypeString);
     case Tag::Unknown:
       break;
   }
@@ -577,7 +599,8 @@ bool XmlReader::buildMembers(Value::Struct& members, size_t& at, int depth) {
     const std::string_view name = memberName<set>(at);
     // Members mostly come in the map's own order, as our own writer sends them: hence the hint.
     const size_t before = members.size();
-    const auto place = members.try_emplace(members.end(), std::string(name));
+    const auto place = members.emplace_hint(members.end(), std::piecewise_construct, std::forward_as_tuple(name),
+                                            std::forward_as_tuple());
     Value surplus;  // the first of two members of one name stays
     if (!value(members.size() == before ? &surplus : &place->second, at, depth)) return false;
     skipTag(at, Tags<set>::memberEnd);

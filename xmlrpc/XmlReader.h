@@ -62,7 +62,9 @@ class XmlReader {
   template <int set>
   Tag nextTag(std::size_t& at);
   template <int set>
-  std::size_t pastValueEnd(std::size_t at);
+  std::size_t pastValueEnd(std::size_t at, std::size_t typeEndLength);
+  template <int set>
+  std::size_t pastFarValueEnd(std::size_t at);
 
   bool boolean(Value* out, std::size_t& at);
   bool integer(Value* out, std::size_t& at);
