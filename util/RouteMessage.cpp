@@ -48,20 +48,17 @@ void ReadAttribute(unsigned type, const std::uint8_t* value, RouteMessage_NameOf
 }  // namespace
 
 RouteDump RouteMessage_ScanDatagram(const std::uint8_t* datagram, std::size_t size, std::size_t* routes) {
-  RouteDump state = RouteDump::Continues;
   std::size_t at = 0;
+  bool hasEnded = false;
   do {
     nlmsghdr header = {};
     if (!ReadHeader(datagram + at, size - at, &header) || header.nlmsg_type == NLMSG_ERROR) return RouteDump::Malformed;
-    if ((header.nlmsg_flags & NLM_F_MULTI) == 0) state = RouteDump::Ended;
-    if (header.nlmsg_type == NLMSG_DONE) {
-      *routes = at;
-      return RouteDump::Ended;
-    }
-    at += Step(header.nlmsg_len, size - at);
-  } while (at < size);
-  *routes = size;
-  return state;
+    const bool isRoute = header.nlmsg_type != NLMSG_DONE;
+    hasEnded = !isRoute || (header.nlmsg_flags & NLM_F_MULTI) == 0;
+    if (isRoute) at += Step(header.nlmsg_len, size - at);
+  } while (!hasEnded && at < size);
+  *routes = at;
+  return hasEnded ? RouteDump::Ended : RouteDump::Continues;
 }
 
 RouteInfo RouteMessage_Read(const std::uint8_t* message, std::size_t size, RouteMessage_NameOfIndex nameOfIndex) {

@@ -22,9 +22,9 @@ using RouteMessage_NameOfIndex = char* (*)(unsigned index, char* name);
 
 enum class RouteDump { Continues, Ended, Malformed };
 
-/// Looks through one datagram of a dump. `routes` becomes the number of its leading bytes that hold routes: the message
-/// that ends the dump and what is behind it count no more. Malformed (`routes` untouched) is a message that does not
-/// fit, or an error.
+/// Looks through one datagram of a dump, up to the message that ends it: NLMSG_DONE, which is no route, or one that is
+/// no part of a dump, the last route then. `routes` becomes the number of leading bytes that hold routes. Malformed
+/// (`routes` untouched) is a message that does not fit, or an error, before the end.
 RouteDump RouteMessage_ScanDatagram(const std::uint8_t* datagram, std::size_t size, std::size_t* routes);
 
 /// Reads the message of `size` bytes, its netlink header included. Only an IPv4 route of the main table is read; any

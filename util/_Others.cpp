@@ -179,6 +179,7 @@ int ul_PrintApplicationProperties(ul_Pr_Handler handler, const char* suffix) {
 }
 
 std::string ul_FormatDuration(double seconds, bool milliseconds, bool microseconds, bool nanoseconds) {
+  if (!(seconds > 0) || std::isinf(seconds)) return "";
   std::string text;
   // Appends one unit unless it is zero with nothing before it; the number without a limit, as a double may be large.
   const auto append = [&text](double count, const char* unit) {
@@ -193,9 +194,10 @@ std::string ul_FormatDuration(double seconds, bool milliseconds, bool microsecon
     const char* name;
   } units[] = {{86400, "d"}, {3600, "h"}, {60, "min"}, {1, "s"}};
   for (const auto& unit : units) {
-    const double count = std::trunc(rest / unit.seconds);
-    append(count, unit.name);
-    rest -= count * unit.seconds;
+    // Not by a quotient, which a long duration may have rounded up.
+    const double below = std::fmod(rest, unit.seconds);
+    append((rest - below) / unit.seconds, unit.name);
+    rest = below;
   }
   const struct {
     bool wanted;

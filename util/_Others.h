@@ -42,5 +42,5 @@ int ul_FinalTerminalPipe();
 int ul_PrintApplicationProperties(ul_Pr_Handler handler, const char* suffix);
 
 /// `seconds` as "1d 2h 3min 4s 5ms 6us 7ns", each number truncated: from the first unit that is not zero on, so empty
-/// for zero and for what is negative. The units below a second only where they are asked for.
+/// for zero and for what is negative, infinite or no number. The units below a second only where they are asked for.
 std::string ul_FormatDuration(double seconds, bool milliseconds, bool microseconds, bool nanoseconds);

@@ -36,14 +36,11 @@ std::int32_t Low32(std::int64_t value) { return static_cast<std::int32_t>(value)
 
 }  // namespace
 
-AbsTime_US ul_GetAbsTime_US(bool realtime) {
-  const std::timespec now = ReadClock(realtime);
-  return ToMicroseconds(now.tv_sec, now.tv_nsec);
-}
+AbsTime_US ul_GetAbsTime_US(bool realtime) { return ul_GetTime_USFromNS(ul_GetAbsTime_NS(realtime)); }
 
 AbsTime_NS ul_GetAbsTime_NS(bool realtime) {
   const std::timespec now = ReadClock(realtime);
-  return {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec)};
+  return {Low32(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec)};
 }
 
 AbsTime_NS ul_GetTime_NSFromUS(AbsTime_US time) {

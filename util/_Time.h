@@ -10,15 +10,15 @@
 /// wall clock. 0 means cleared, no time set.
 using AbsTime_US = std::uint64_t;
 
-/// The same as seconds and nanoseconds (0 to 999,999,999 when normalised). The seconds are the low 32 bits of the
-/// clock's: from 2038 on those of the wall clock are negative.
+/// The same as seconds and nanoseconds (0 to 999,999,999 when normalised).
 struct AbsTime_NS {
   std::int32_t seconds;
   std::int32_t nanoseconds;
 };
 
 /// The time of CLOCK_REALTIME if `realtime`, else of CLOCK_MONOTONIC. What is finer than the unit is cut off, never
-/// rounded.
+/// rounded. The seconds are the low 32 bits of the clock's, with their sign: from 2038 on those of the wall clock are
+/// negative, in both forms; differences hold.
 AbsTime_US ul_GetAbsTime_US(bool realtime);
 AbsTime_NS ul_GetAbsTime_NS(bool realtime);
 

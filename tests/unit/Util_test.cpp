@@ -141,6 +141,7 @@ TEST(FormatDuration, StartsAtTheFirstUnitThatIsNotZero) {
   EXPECT_EQ("1h 0min 0s", ul_FormatDuration(3600.9, false, false, false));
   EXPECT_EQ("250us", ul_FormatDuration(0.00025, true, true, false));
   EXPECT_EQ("1s 500ms 0ns", ul_FormatDuration(1.5, true, false, true));
+  EXPECT_EQ("18582494360528d 23h 57min 52s", ul_FormatDuration(1605527512749705472.0, false, false, false));
 }
 
 TEST(Shell, WordReachesACommandUnchangedWhateverItHolds) {
@@ -253,7 +254,7 @@ TEST(RouteMessage, EndOfTheDumpIsSeenInAnyMessageAndIsNoRoute) {
   const std::tuple<std::vector<std::uint8_t>, RouteDump, std::size_t> cases[] = {
       {Dump({route, route}, 2 * one), RouteDump::Continues, 2 * one},
       {Dump({route, end, error}, 3 * one), RouteDump::Ended, one},  // what is behind the end does not count
-      {Dump({single}, one), RouteDump::Ended, one},                 // no part of a dump
+      {Dump({single, error}, 2 * one), RouteDump::Ended, one},      // no part of a dump
       {Dump({route, error}, 2 * one), RouteDump::Malformed, 99},
       {Dump({route, route}, 2 * one - 1), RouteDump::Malformed, 99},
       {Dump({tooShort}, one), RouteDump::Malformed, 99},
