@@ -10,16 +10,6 @@ constexpr std::uint64_t MICROSECONDS_PER_SECOND = 1000000;
 constexpr std::uint32_t NANOSECONDS_PER_SECOND = 1000000000;
 constexpr float MICROSECONDS_PER_SECOND_FLOAT = 1000000.0F;
 
-std::timespec ReadClock(bool realtime) {
-  std::timespec now = {};  // stands as the reading if the clock cannot be read
-  clock_gettime(realtime ? CLOCK_REALTIME : CLOCK_MONOTONIC, &now);
-  return now;
-}
-
-std::uint64_t ToMicroseconds(std::int64_t seconds, std::int64_t nanoseconds) {
-  return static_cast<std::uint64_t>(seconds) * MICROSECONDS_PER_SECOND + static_cast<std::uint64_t>(nanoseconds / 1000);
-}
-
 /// `value` without its fraction, as the bits that are to be added to a time: a negative one subtracts by wrapping.
 std::uint64_t Truncated(long double value) {
   constexpr long double limit = 9223372036854775808.0L;  // 2^63
@@ -39,7 +29,8 @@ std::int32_t Low32(std::int64_t value) { return static_cast<std::int32_t>(value)
 AbsTime_US ul_GetAbsTime_US(bool realtime) { return ul_GetTime_USFromNS(ul_GetAbsTime_NS(realtime)); }
 
 AbsTime_NS ul_GetAbsTime_NS(bool realtime) {
-  const std::timespec now = ReadClock(realtime);
+  std::timespec now = {};  // stands as the reading if the clock cannot be read
+  clock_gettime(realtime ? CLOCK_REALTIME : CLOCK_MONOTONIC, &now);
   return {Low32(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec)};
 }
 
@@ -48,7 +39,10 @@ AbsTime_NS ul_GetTime_NSFromUS(AbsTime_US time) {
           static_cast<std::int32_t>(time % MICROSECONDS_PER_SECOND * 1000)};
 }
 
-AbsTime_US ul_GetTime_USFromNS(AbsTime_NS time) { return ToMicroseconds(time.seconds, time.nanoseconds); }
+AbsTime_US ul_GetTime_USFromNS(AbsTime_NS time) {
+  return static_cast<AbsTime_US>(time.seconds) * MICROSECONDS_PER_SECOND +
+         static_cast<AbsTime_US>(time.nanoseconds / 1000);
+}
 
 int ul_Sleep_US(int, std::uint64_t microseconds) {
   constexpr auto longest = static_cast<std::uint64_t>(std::numeric_limits<std::time_t>::max());

@@ -18,7 +18,7 @@ struct AbsTime_NS {
 
 /// The time of CLOCK_REALTIME if `realtime`, else of CLOCK_MONOTONIC. What is finer than the unit is cut off, never
 /// rounded. The seconds are the low 32 bits of the clock's, with their sign: from 2038 on those of the wall clock are
-/// negative, in both forms; differences hold.
+/// negative, in both forms.
 AbsTime_US ul_GetAbsTime_US(bool realtime);
 AbsTime_NS ul_GetAbsTime_NS(bool realtime);
 

@@ -31,16 +31,15 @@ struct Tags {
   static constexpr std::string_view nameEnd = XmlRpcValue::XML_ENDTAG_NAME[set];
 };
 
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
-
 /// The digit that `c` is, else a number above 9.
 unsigned Digit(char c) { return static_cast<unsigned char>(c) - static_cast<unsigned>('0'); }
+bool IsDigit(char c) { return Digit(c) <= 9; }
+char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
 
 /// The number that the digits from `p` on make, at most `limit`.
 [[gnu::noinline]] std::uint64_t SaturatedNumber(const char* p, std::uint64_t limit) {
   std::uint64_t number = 0;
-  for (; Digit(*p) <= 9; ++p) number = number <= limit / 10 ? std::min(number * 10 + Digit(*p), limit) : limit;
+  for (; IsDigit(*p); ++p) number = number <= limit / 10 ? std::min(number * 10 + Digit(*p), limit) : limit;
   return number;
 }
 
@@ -52,7 +51,7 @@ inline bool ScanInteger(std::string_view text, size_t& at, std::int64_t& number)
   if (*p == '-' || *p == '+') ++p;
   const char* const digits = p;
   std::uint64_t magnitude = 0;
-  for (; Digit(*p) <= 9; ++p) magnitude = magnitude * 10 + Digit(*p);
+  for (; IsDigit(*p); ++p) magnitude = magnitude * 10 + Digit(*p);
   if (p == digits) return false;
   if (p - digits > std::numeric_limits<std::int64_t>::digits10) {  // it may not have fitted
     magnitude = SaturatedNumber(
@@ -295,7 +294,7 @@ template <int set>
 inline size_t XmlReader::pastValueEnd(size_t at, size_t typeEndLength) {
   constexpr std::string_view tag = Tags<set>::valueEnd;
   if (StandsAt(_text, at, tag)) return at + tag.size();
-  // One byte longer than the value's, it cannot hide another: that would have to begin with the slash.
+  // At most one byte longer than the value's end tag, it hides none: that one would have to begin with the slash.
   const size_t next = at + typeEndLength;
   const bool nothingBetween = typeEndLength <= tag.size() + 1 && StandsAt(_text, at, "</");
   return nothingBetween && StandsAt(_text, next, tag) ? next + tag.size() : pastFarValueEnd<set>(at);

@@ -22,7 +22,7 @@ class TagNumbers {
   void add(std::size_t at) { _blocks[at / blockBytes].tags |= bit(at); }
 
   /// Ends the adding and returns how many there are.
-  std::size_t count() {
+  std::size_t finish() {
     std::size_t total = 0;
     for (Block& block : _blocks) {
       block.before = static_cast<std::uint32_t>(total);
@@ -73,7 +73,7 @@ class TagFinder {
     _numbers.add(at);
     _places.push_back(static_cast<std::uint32_t>(at));
   }
-  void endIndex() { _numbers.count(); }
+  void endIndex() { _numbers.finish(); }
 
  private:
   std::size_t indexed(std::size_t from) const {
@@ -120,7 +120,7 @@ class XmlSurvey {
 
   void beginTags(std::size_t textSize) { _numbers.begin(textSize); }
   void addTag(std::size_t at) { _numbers.add(at); }
-  void begin() { _places.resize(_numbers.count()); }
+  void begin() { _places.resize(_numbers.finish()); }
   bool begun() const { return !_places.empty(); }
 
   /// `at` is where a start tag stands that was added.
