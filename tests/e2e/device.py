@@ -7,7 +7,7 @@ import shutil
 import sys
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
 
 import ddp_query  # noqa: E402
 import testnet  # noqa: E402

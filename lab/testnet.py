@@ -15,7 +15,7 @@ import tempfile
 import time
 import xmlrpc.client
 
-TOOLS = pathlib.Path(__file__).resolve().parent
+LAB = pathlib.Path(__file__).resolve().parent
 INTERFACE = "eth0"
 _CLONE_NEWNET = 0x40000000
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -145,7 +145,7 @@ class Service:
         """Starts it, unless it runs."""
         if self._process:
             return
-        self._process = self.host.start(sys.executable, str(TOOLS / "device_service.py"), *self.options,
+        self._process = self.host.start(sys.executable, str(LAB / "device_service.py"), *self.options,
                                         stdout=subprocess.PIPE, text=True)
         if "listening" not in (line := self._process.stdout.readline()):
             raise RuntimeError(f"the device service did not start: {line!r}")
