@@ -5,8 +5,10 @@ import pathlib
 import subprocess
 import sys
 
-import ddp_query
 import testnet
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "e2e"))
+import ddp_query  # noqa: E402
 
 WAY_NAMES = {"broadcast": "broadcast", "ipv4": "IPv4 multicast", "ipv6": "IPv6 multicast"}
 FIFO = "/tmp/tsl_app/FIFO_T_C2H_AET"

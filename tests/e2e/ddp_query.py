@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Sends one discovery command into the network and shows who answers.
 
-As a module it is the PC's side of the demo and the end-to-end tests.
+The protocol read once more, without the code of the daemon and of the tool: as a module it is the PC of the
+end-to-end tests.
 """
 
 import argparse
