@@ -1,0 +1,114 @@
+#include "tool/Csv.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
+#include <utility>
+
+namespace tarnddp {
+namespace {
+
+constexpr std::string_view byteOrderMark = "\xef\xbb\xbf";
+
+class Reader {
+ public:
+  explicit Reader(std::string_view text) : _text(text) {
+    if (_text.substr(0, byteOrderMark.size()) == byteOrderMark) _text.remove_prefix(byteOrderMark.size());
+  }
+
+  bool AtEnd() const { return _at == _text.size(); }
+
+  /// The next row. False if it is malformed: Error() tells.
+  bool ReadRow(CsvRow& row) {
+    row.line = _line;
+    do {
+      row.fields.emplace_back();
+      if (!ReadField(row.fields.back())) return false;
+    } while (Take(','));
+    TakeLineEnd();
+    return true;
+  }
+
+  const std::string& Error() const { return _error; }
+
+ private:
+  bool ReadField(std::string& field) {
+    if (Take('"')) return ReadQuoted(field);
+    const std::size_t end = std::min(_text.find_first_of(",\r\n", _at), _text.size());
+    field = _text.substr(_at, end - _at);
+    _at = end;
+    return field.find('"') == std::string::npos || Fail(_line, "a quote inside a field that does not begin with one");
+  }
+
+  bool ReadQuoted(std::string& field) {
+    const int begin = _line;
+    for (;;) {
+      if (AtEnd()) return Fail(begin, "a quoted field without end");
+      if (_text[_at] == '"') {
+        ++_at;
+        if (!Take('"')) break;
+        field += '"';
+      } else if (const std::size_t start = _at; TakeLineEnd()) {
+        field += _text.substr(start, _at - start);
+      } else {
+        field += _text[_at++];
+      }
+    }
+    return AtEnd() || std::string_view(",\r\n").find(_text[_at]) != std::string_view::npos ||
+           Fail(_line, "text after a quoted field");
+  }
+
+  bool Take(char c) {
+    if (AtEnd() || _text[_at] != c) return false;
+    ++_at;
+    return true;
+  }
+
+  bool TakeLineEnd() {
+    const bool carriageReturn = Take('\r');
+    if (!Take('\n') && !carriageReturn) return false;
+    ++_line;
+    return true;
+  }
+
+  bool Fail(int line, const char* what) {
+    _error = "line " + std::to_string(line) + ": " + what;
+    return false;
+  }
+
+  std::string_view _text;
+  std::size_t _at = 0;
+  int _line = 1;
+  std::string _error;
+};
+
+}  // namespace
+
+std::string ParseCsv(std::string_view text, std::vector<CsvRow>& rows) {
+  std::vector<CsvRow> found;
+  Reader reader(text);
+  while (!reader.AtEnd()) {
+    CsvRow row;
+    if (!reader.ReadRow(row)) return reader.Error();
+    if (row.fields.size() > 1 || !row.fields[0].empty()) found.push_back(std::move(row));
+  }
+  rows.insert(rows.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
+  return {};
+}
+
+std::string CsvLine(const std::vector<std::string>& fields) {
+  std::string line;
+  for (const std::string& field : fields) {
+    if (&field != &fields.front()) line += ',';
+    if (field.find_first_of(",\"\r\n") == std::string::npos) {
+      line += field;
+      continue;
+    }
+    line += '"';
+    for (const char c : field) line.append(c == '"' ? 2 : 1, c);
+    line += '"';
+  }
+  return line + "\r\n";
+}
+
+}  // namespace tarnddp
