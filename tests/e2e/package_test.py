@@ -1,0 +1,62 @@
+"""The Debian packages of a build: installed, run, upgraded over themselves, removed, without a trace left."""
+
+import glob
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
+sys.argv.insert(1, "/usr/sbin/tarnddpd")   # for device.py: the daemon is the installed one
+
+from device import IDENT, DeviceTest  # noqa: E402
+import unittest  # noqa: E402
+
+PLACES = ("/usr", "/var")   # all that the packages and dpkg itself write, beside /etc
+
+
+def run(*words):
+    return subprocess.run(words, check=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True).stdout
+
+
+def cover(place):
+    """What is written below `place` from now on stays in this sandbox."""
+    layers = tempfile.mkdtemp(dir="/run")
+    for name in ("upper", "work"):
+        os.mkdir(f"{layers}/{name}")
+    run("mount", "-t", "overlay", "-o", f"lowerdir={place},upperdir={layers}/upper,workdir={layers}/work", "none", place)
+
+
+def files():
+    """Every file where packages put some, but for what dpkg itself keeps."""
+    found = run("find", "/etc", "/usr", "-xdev", "(", "-type", "f", "-o", "-type", "l", ")")
+    return {line for line in found.splitlines() if not line.startswith(("/etc/ld.so", "/etc/mtab"))}
+
+
+class Packages(DeviceTest):
+    @classmethod
+    def setUpClass(cls):
+        for place in PLACES:
+            cover(place)
+        run("cpack", "--config", f"{BUILD}/CPackConfig.cmake", "-B", "/tmp/packages")
+        cls.packages = glob.glob("/tmp/packages/*.deb")
+        cls.before = files()
+        run("dpkg", "-i", *cls.packages)
+        super().setUpClass()   # starts the daemon
+
+    def test_life_of_the_packages(self):
+        self.assertIn("ExecStart=/usr/sbin/tarnddpd ", pathlib.Path(
+            "/usr/lib/systemd/system/tarnddpd.service").read_text(encoding="ascii"))
+        self.assertTrue(self.ask(IDENT).startswith(b"SID:0\t"))
+        run("dpkg", "-i", *self.packages)   # while it runs
+        self.assertTrue(self.ask(IDENT).startswith(b"SID:0\t"))
+        run("dpkg", "-P", *(os.path.basename(path).split("_")[0] for path in self.packages))
+        self.assertEqual(files(), self.before)
+
+
+if __name__ == "__main__":
+    if os.geteuid() != 0 or "0 4294967295" not in " ".join(open("/proc/self/uid_map", encoding="ascii").read().split()):
+        print("skipped: dpkg needs all user ids, which an ordinary user's sandbox does not have")
+        sys.exit(77)
+    unittest.main()
