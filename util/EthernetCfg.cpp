@@ -56,6 +56,12 @@ bool IsInitialized() {
   return false;
 }
 
+/// Tells that the kernel refused something, and why (errno). Always false.
+bool Refused(const char* what) {
+  ul_PrStdOut(nullptr, 1, "Error: %s: %s\n", what, std::strerror(errno));
+  return false;
+}
+
 bool GetAddress(unsigned long what, in_addr* address) {
   ifreq request = RequestFor(ifName);
   if (ioctl(skfd, what, &request) < 0) return false;
@@ -83,56 +89,56 @@ bool ParseAddress(const char* text, in_addr* address) {
 
 bool IsGiven(const char* text) { return text != nullptr && *text != '\0'; }
 
-bool GetAddressText(unsigned long what, const char* name, char* text) {
+bool GetAddressText(unsigned long what, const char* failure, char* text) {
   in_addr address = {};
-  if (!GetAddress(what, &address)) {
-    ul_PrStdOut(nullptr, 1, "Error: get %s: %s\n", name, std::strerror(errno));
-    return false;
-  }
+  if (!GetAddress(what, &address)) return Refused(failure);
   inet_ntop(AF_INET, &address, text, TEXT_SIZE);
   return true;
 }
 
 bool GetMacText(char* text) {
   ifreq request = RequestFor(ifName);
-  if (ioctl(skfd, SIOCGIFHWADDR, &request) < 0) {
-    ul_PrStdOut(nullptr, 1, "Error: get mac address: %s\n", std::strerror(errno));
-    return false;
-  }
+  if (ioctl(skfd, SIOCGIFHWADDR, &request) < 0) return Refused("get mac address");
   std::array<unsigned char, 6> mac = {};
   std::memcpy(mac.data(), request.ifr_hwaddr.sa_data, mac.size());
   std::snprintf(text, TEXT_SIZE, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
   return true;
 }
 
-bool SetMask(const char* text, in_addr* mask) {
-  if (ParseAddress(text, mask) && SetAddress(SIOCSIFNETMASK, *mask)) return true;
-  ul_PrStdOut(nullptr, 1, "Error: Could not configure subnet mask: %s\n", std::strerror(errno));
-  return false;
+bool SetFromText(unsigned long what, const char* text, in_addr* address) {
+  return ParseAddress(text, address) && SetAddress(what, *address);
 }
 
-bool SetIp(const char* text, in_addr* ip) {
-  if (ParseAddress(text, ip) && SetAddress(SIOCSIFADDR, *ip)) return true;
-  ul_PrStdOut(nullptr, 1, "Error: set ip address: %s\n", std::strerror(errno));
-  return false;
+/// The mask that the kernel gives to a new address: that of its class.
+in_addr ClassMask(in_addr address) {
+  const in_addr_t host = ntohl(address.s_addr);
+  return {htonl(IN_CLASSA(host) ? IN_CLASSA_NET : IN_CLASSB(host) ? IN_CLASSB_NET : IN_CLASSC_NET)};
 }
 
-/// Mask before address, each if given. A new address gets the mask of its class from the kernel, whatever was set
-/// before, so the mask is set once more if that is another one.
-bool SetMaskAndIp(const char* maskText, const char* ipText, in_addr* mask, in_addr* ip) {
-  if (IsGiven(maskText) && !SetMask(maskText, mask)) return false;
-  if (!IsGiven(ipText)) return true;
-  if (!SetIp(ipText, ip)) return false;
+/// Sets the wanted mask once more if a new address has lost it to that of its class. Not a zero one, with which every
+/// address would count as a neighbour and the kernel refuse the default route: then the mask of the class stays. The
+/// kernel ignores an address that is not new, so there a zero mask in force is replaced here.
+bool CorrectMask(in_addr wanted) {
   in_addr inForce = {};
-  if (!IsGiven(maskText) || !GetAddress(SIOCGIFNETMASK, &inForce) || inForce.s_addr == mask->s_addr) return true;
-  return SetMask(maskText, mask);
+  in_addr ip = {};
+  if (!GetAddress(SIOCGIFNETMASK, &inForce)) return true;
+  if (wanted.s_addr != 0) return inForce.s_addr == wanted.s_addr || SetAddress(SIOCSIFNETMASK, wanted);
+  return inForce.s_addr != 0 || !GetAddress(SIOCGIFADDR, &ip) || SetAddress(SIOCSIFNETMASK, ClassMask(ip));
+}
+
+/// Mask before address, each if given.
+bool SetMaskAndIp(const char* maskText, const char* ipText, in_addr* mask, in_addr* ip) {
+  const bool hasMask = IsGiven(maskText);
+  if (hasMask && !SetFromText(SIOCSIFNETMASK, maskText, mask)) return Refused("Could not configure subnet mask");
+  if (IsGiven(ipText) && !SetFromText(SIOCSIFADDR, ipText, ip)) return Refused("set ip address");
+  return !hasMask || CorrectMask(*mask) || Refused("Could not configure subnet mask");
 }
 
 void SetBroadcast(const char* text, in_addr mask, in_addr ip) {
   in_addr broadcast = {};
   broadcast.s_addr = ~mask.s_addr | ip.s_addr;
   if ((IsGiven(text) && !ParseAddress(text, &broadcast)) || !SetAddress(SIOCSIFBRDADDR, broadcast)) {
-    ul_PrStdOut(nullptr, 1, "Error: set broadcast address: %s\n", std::strerror(errno));
+    Refused("set broadcast address");
   }
 }
 
@@ -290,10 +296,10 @@ int EthernetCfg_Final() {
 
 bool EthernetCfg_GetActSettings(char* ip, char* mask, char* broadcast, char* gateway, char*, char* mac, bool* valid) {
   bool result = IsInitialized();
-  if (broadcast != nullptr) result = GetAddressText(SIOCGIFBRDADDR, "broadcast address", broadcast) && result;
+  if (broadcast != nullptr) result = GetAddressText(SIOCGIFBRDADDR, "get broadcast address", broadcast) && result;
   if (mac != nullptr) result = GetMacText(mac) && result;
-  if (ip != nullptr) result = GetAddressText(SIOCGIFADDR, "ip address", ip) && result;
-  if (mask != nullptr) result = GetAddressText(SIOCGIFNETMASK, "subnet mask", mask) && result;
+  if (ip != nullptr) result = GetAddressText(SIOCGIFADDR, "get ip address", ip) && result;
+  if (mask != nullptr) result = GetAddressText(SIOCGIFNETMASK, "get subnet mask", mask) && result;
   if (valid != nullptr) *valid = true;
   if (gateway != nullptr) get_gatewayip(gateway);
   return result;
@@ -321,9 +327,7 @@ bool set_flag(const char* interface, short flags) {
   ifreq request = {};
   if (!GetFlags(interface, &request)) return false;
   request.ifr_flags = static_cast<short>(request.ifr_flags | flags);
-  if (ioctl(skfd, SIOCSIFFLAGS, &request) >= 0) return true;
-  ul_PrStdOut(nullptr, 1, "Error: Could not configure interface flag: %s\n", std::strerror(errno));
-  return false;
+  return ioctl(skfd, SIOCSIFFLAGS, &request) >= 0 || Refused("Could not configure interface flag");
 }
 
 unsigned char* ConverMacAddressStringIntoByte(const char* text, unsigned char out[6]) {

@@ -26,9 +26,10 @@ bool EthernetCfg_GetActSettings(char* ip, char* mask, char* broadcast, char* gat
 /// Sets mask, address and broadcast address, replaces the default route and the resolver file, brings the interface up.
 /// Null or empty leaves `ip` and `mask` as they are and makes `broadcast` what follows from the two given (zero for one
 /// not given); null leaves `gateway` and `nameserver` alone, while an empty text replaces the default route (by none)
-/// and the file. True if the interface came up with the settings; what happened to broadcast address, routes and file
-/// does not count. Nothing is rolled back. On an interface without an address the mask cannot be set, which is a
-/// failure. After a failure the interface is up, without its broadcast flag as far as the kernel lets that go.
+/// and the file. A mask of 0.0.0.0 ends as that of the address's class, as no default route could be set beside it.
+/// True if the interface came up with the settings; what happened to broadcast address, routes and file does not count.
+/// Nothing is rolled back. On an interface without an address the mask cannot be set, which is a failure. After a
+/// failure the interface is up, and without its broadcast flag where the kernel allows that.
 bool EthernetCfg_SetActSettings(const char* ip, const char* mask, const char* broadcast, const char* gateway,
                                 const char* nameserver);
 

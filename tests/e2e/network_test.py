@@ -101,6 +101,7 @@ class StaticAddress(Alone):
                 ("10.1.2.3/16", True, ("10.1.2.3", "255.255.0.0", "10.1.0.1", "10.1.0.53")),
                 ("192.168.1.9/25", False, ("192.168.1.9", "255.255.255.128", "", "")),
                 (f"{DEVICE}/20", True, ("", "255.255.240.0", "192.168.1.3", "")),
+                ("10.77.0.50/8", True, ("10.77.0.50", "0.0.0.0", "10.0.0.1", "10.1.0.53")),   # the mask of its class
                 ("10.1.2.5/8", False, ("10.1.2.5", "", "-4", "9.9.9.9")),   # no gateway, says the command
                 ("10.1.2.6/8", False, ("10.1.2.6", "", "10.0.0.1; touch /tmp/injected", "$(touch /tmp/injected)"))):
             with self.subTest(ip=ip, mask=mask, gateway=gateway):
@@ -238,7 +239,7 @@ class DHCP(Alone):
                 ("another transaction", offer[:7] + b"\1" + offer[8:], None, None),
                 ("239 bytes", reply(OFFER_TAIL, 239), None, None),
                 ("240 bytes as the ACK, the REQUEST's type behind", offer, reply(ok, 240), None),
-                ("243 bytes as the ACK, the REQUEST's options behind", offer, reply(ok), 0),
+                ("243 bytes as the ACK, the REQUEST's options behind", offer, reply(ok), 24),   # no mask
                 ("another cookie, another client", offer[:28] + bytes(16) + offer[44:236] + bytes(4) + offer[240:],
                  reply(ok + mask + b"\xff"), 24),
                 ("552 bytes, the mask last", offer, reply(ok + b"\0\1\0" + bytes(300) + mask, 552), 24),

@@ -83,6 +83,9 @@ TEST_F(Interface, AppliesMaskAddressAndBroadcastThenRouteAndResolver) {
       {"dev0", "10.1.2.3", "255.255.0.0", "10.1.0.255", "10.1.2.3/16 brd 10.1.0.255\n", ""},
       {"dev0", "10.1.2.3", nullptr, "", "10.1.2.3/8 brd 255.255.255.255\n", ""},
       {"dev0", "", "255.255.0.0", nullptr, "192.168.77.2/16 brd 0.0.255.255\n", ""},
+      {"dev0", "172.16.2.3", "0.0.0.0", "", "172.16.2.3/16 brd 255.255.255.255\n", ""},  // the mask of the class
+      {"dev0", "192.168.77.2", "0.0.0.0", "0.0.0.0", "192.168.77.2/24\n", ""},  // which the kernel does not set here
+      {"dev0", "", "0.0.0.0", "0.0.0.0", "192.168.77.2/24\n", ""},
       {"dev0", "10.1.2.3", "255.255.0.0", "x", "10.1.2.3/16 brd 10.1.255.255\n",
        "Error: set broadcast address: Invalid argument\n"},
       {"dev0", "10.1.2.3", "x", nullptr, start, maskError + "Invalid argument\n"},
@@ -94,7 +97,7 @@ TEST_F(Interface, AppliesMaskAddressAndBroadcastThenRouteAndResolver) {
     ASSERT_TRUE(EthernetCfg_Init(interface));
     const bool done = address != start;
     EXPECT_EQ(done, EthernetCfg_SetActSettings(ip, mask, broadcast, "192.168.77.1", "10.1.0.2"));
-    EXPECT_EQ(address, Output("ip -4 -o address show dev dev0 | cut -d' ' -f7-9"));
+    EXPECT_EQ(address, Output("ip -4 -o address show dev dev0 | cut -d' ' -f7-9 | sed 's/ scope.*//'"));
     EXPECT_EQ(printed + (done ? "route add default gw 192.168.77.1\n" : ""), Printed());
     EXPECT_EQ(done ? "nameserver 10.1.0.2\nroute del default\nroute add default gw 192.168.77.1\n" : "", Changes());
     if (interface == std::string("dev0")) Run("ip link show dev0 | grep -q ,UP");  // after a failure as well
