@@ -147,7 +147,13 @@ void ReplaceDefaultRoute(const char* gateway) {
   const std::string command = "route add default gw " + ul_ShellWord(gateway) + "\n";
   ul_RunCommand(command);
   ul_PrStdOut(nullptr, 1, "%s", command.c_str());
-  std::snprintf(DefGateway, sizeof(DefGateway), "%s", gateway);
+}
+
+/// Last of all, as any text of the caller's may lie in the buffer itself.
+void RememberGateway(const char* gateway) {
+  const std::size_t length = strnlen(gateway, sizeof(DefGateway) - 1);
+  std::memmove(DefGateway, gateway, length);
+  DefGateway[length] = '\0';
 }
 
 bool GetFlags(const char* interface, ifreq* request) {
@@ -320,6 +326,7 @@ bool EthernetCfg_SetActSettings(const char* ip, const char* mask, const char* br
   }
   if (gateway != nullptr) ReplaceDefaultRoute(gateway);
   if (nameserver != nullptr) ConfigureNameserver(nameserver, nullptr, nullptr);
+  if (gateway != nullptr) RememberGateway(gateway);
   return set_flag(ifName, IFF_UP | IFF_RUNNING);
 }
 

@@ -29,7 +29,8 @@ bool EthernetCfg_GetActSettings(char* ip, char* mask, char* broadcast, char* gat
 /// and the file. A mask of 0.0.0.0 ends as that of the address's class, as no default route could be set beside it.
 /// True if the interface came up with the settings; what happened to broadcast address, routes and file does not count.
 /// Nothing is rolled back. On an interface without an address the mask cannot be set, which is a failure. After a
-/// failure the interface is up, and without its broadcast flag where the kernel allows that.
+/// failure the interface is up, and without its broadcast flag where the kernel allows that. Any text may be
+/// DefGateway, or lie in it, and counts as it was at the call.
 bool EthernetCfg_SetActSettings(const char* ip, const char* mask, const char* broadcast, const char* gateway,
                                 const char* nameserver);
 

@@ -134,6 +134,16 @@ TEST_F(Interface, RouteCommandAndResolverFileMayFail) {
   EXPECT_EQ("nameserver 10.1.0.2\nnameserver 10.1.0.4\nroute del default\n", Changes());
 }
 
+TEST_F(Interface, AnyTextMayLieInTheGatewayThatWasAppliedLast) {
+  const char* const remembered = DefGateway;
+  for (const char* gateway : {"10.168.77.1", remembered, remembered + 1}) {
+    const std::string text = gateway, before = DefGateway;
+    EXPECT_TRUE(EthernetCfg_SetActSettings(nullptr, nullptr, nullptr, gateway, DefGateway));
+    EXPECT_EQ(text, DefGateway);
+    EXPECT_EQ("nameserver " + before + "\nroute del default\nroute add default gw " + text + "\n", Changes());
+  }
+}
+
 TEST_F(Interface, OnlyOurOwnSocketIsClosedAndLongNamesAreCut) {
   EXPECT_EQ(0, EthernetCfg_Final());
   const int stranger = dup(1);  // takes the number of our socket
