@@ -18,8 +18,8 @@ bool EthernetCfg_Init(const char* interface);
 int EthernetCfg_Final();
 
 /// Reads every setting whose pointer is not null; `mac` is "00:1b:c4:0a:ff:05", `*valid` becomes true always, and
-/// `nameserver` is never written. False if one could not be read: its buffer is then untouched. A missing default
-/// gateway is no failure; it leaves `gateway` untouched.
+/// `nameserver` is never written. False if one could not be read: its buffer is then untouched. The gateway does not
+/// count: without a default route it reads "0.0.0.0", and it is untouched where get_gatewayip() fails.
 bool EthernetCfg_GetActSettings(char* ip, char* mask, char* broadcast, char* gateway, char* nameserver, char* mac,
                                 bool* valid);
 
@@ -46,8 +46,10 @@ unsigned char* ConverMacAddressStringIntoByte(const char* text, unsigned char ou
 /// file is readable for all (0644), an existing one keeps its mode.
 bool ConfigureNameserver(const char* first, const char* second, const char* third);
 
-/// Writes the default gateway of the main table into `gateway`: 1, or 0 (`gateway` untouched) if there is none, or -1,
-/// told on standard error, if the kernel did not give its table of up to 8192 bytes within a second. Needs no
+/// Writes the default gateway of the main table into `gateway` and returns 1. Without a default route that is "0.0.0.0",
+/// as the routes of the other tables, which the kernel dumps as well, count as a route to nowhere
+/// (RouteMessage_FindDefaultGateway()); only a dump that has none of them gives 0, `gateway` untouched. -1, told on
+/// standard error, if the kernel did not give its table of up to 8192 bytes within a second. Needs no
 /// EthernetCfg_Init().
 int get_gatewayip(char* gateway);
 
