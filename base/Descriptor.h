@@ -36,3 +36,14 @@ inline int GateDescriptor(int descriptor) {
   }
   return descriptor;
 }
+
+/// A new pipe, both ends through the gate, the read end first. False with errno, and nothing open, if it cannot be had.
+inline bool OpenPipe(int (&ends)[2]) {
+  if (pipe2(ends, O_CLOEXEC) != 0) return false;
+  for (int& end : ends) end = GateDescriptor(end);
+  if (ends[0] >= 0 && ends[1] >= 0) return true;
+  for (const int end : ends) {
+    if (end >= 0) CloseKeepingErrno(end);
+  }
+  return false;
+}

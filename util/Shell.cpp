@@ -2,14 +2,14 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <utility>
 
 #include "base/Descriptor.h"
 
@@ -74,6 +74,42 @@ class HarmlessStream {
   int before_ = -1;
 };
 
+/// Starts a shell for `command` with `output` as its standard output: its process id, or -1 with errno.
+pid_t StartShell(const std::string& command, int output) {
+  const HarmlessStream errors(STDERR_FILENO);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  sigset_t pipeSignal;
+  sigemptyset(&pipeSignal);
+  sigaddset(&pipeSignal, SIGPIPE);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  posix_spawnattr_setsigdefault(&attributes, &pipeSignal);
+  std::string line = command;
+  char name[] = "sh";
+  char option[] = "-c";
+  char* const arguments[] = {name, option, line.data(), nullptr};
+  pid_t shell = -1;
+  const int failure = posix_spawn(&shell, "/bin/sh", &actions, &attributes, arguments, environ);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (failure == 0) return shell;
+  errno = failure;
+  return -1;
+}
+
+std::string ReadToEnd(int descriptor) {
+  std::string text;
+  std::array<char, 512> piece = {};
+  for (;;) {
+    const ssize_t size = read(descriptor, piece.data(), piece.size());
+    if (size > 0) text.append(piece.data(), static_cast<std::size_t>(size));
+    if (size == 0 || (size < 0 && errno != EINTR)) return text;
+  }
+}
+
 }  // namespace
 
 std::string ul_ShellWord(const std::string& text) {
@@ -104,17 +140,13 @@ int ul_RunCommand(const std::string& command) {
 }
 
 bool ul_ReadCommand(const std::string& command, std::string& output) {
-  if (IsTooLong(command)) return false;
-  std::FILE* stream = nullptr;
-  {
-    const CaughtPipeSignal caught;
-    stream = popen(command.c_str(), "re");
+  int ends[2] = {-1, -1};
+  if (IsTooLong(command) || !OpenPipe(ends)) return false;
+  const pid_t shell = StartShell(command, ends[1]);
+  CloseKeepingErrno(ends[1]);
+  if (shell > 0) output = ReadToEnd(ends[0]);
+  CloseKeepingErrno(ends[0]);
+  while (shell > 0 && waitpid(shell, nullptr, 0) < 0 && errno == EINTR) {
   }
-  if (stream == nullptr) return false;
-  std::string text;
-  std::array<char, 512> piece = {};
-  while (const std::size_t size = std::fread(piece.data(), 1, piece.size(), stream)) text.append(piece.data(), size);
-  pclose(stream);
-  output = std::move(text);
-  return true;
+  return shell > 0;
 }

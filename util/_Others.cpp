@@ -137,14 +137,10 @@ AbsTime_US ul_Pr_GetLastPrintTime() { return console.lastPrintTime; }
 int ul_InitTerminalPipe() {
   if (console.terminalPipe[READ_END] >= 0) return console.terminalPipe[READ_END];
   int ends[2] = {-1, -1};
-  if (pipe(ends) != 0) return -1;
-  ends[READ_END] = GateDescriptor(ends[READ_END]);
-  ends[WRITE_END] = GateDescriptor(ends[WRITE_END]);
+  if (!OpenPipe(ends)) return -1;
   // This sets descriptor flags, not the O_NONBLOCK of the same value: the write end blocks and loses close-on-exec.
-  if (ends[READ_END] < 0 || ends[WRITE_END] < 0 || fcntl(ends[WRITE_END], F_SETFD, 0x800) != 0) {
-    for (const int end : ends) {
-      if (end >= 0) CloseKeepingErrno(end);
-    }
+  if (fcntl(ends[WRITE_END], F_SETFD, 0x800) != 0) {
+    for (const int end : ends) CloseKeepingErrno(end);
     return -1;
   }
   std::copy(std::begin(ends), std::end(ends), console.terminalPipe);

@@ -172,6 +172,28 @@ TEST(Shell, RunsNoLongerCommandThan1023BytesAndEachWithThePipeSignalAtItsDefault
   }
 }
 
+TEST(Shell, CommandThatIsReadNeverWaitsForAStoppedReaderAndTheStandardDescriptorsAreLeftAlone) {
+  int full[2] = {};
+  std::string output;
+  ASSERT_EQ(0, pipe2(full, O_CLOEXEC | O_NONBLOCK));
+  while (write(full[1], &full, sizeof full) > 0) continue;
+  fcntl(full[1], F_SETFL, 0);
+  int saved[3] = {};
+  for (int stream = 0; stream < 3; ++stream) saved[stream] = fcntl(stream, F_DUPFD_CLOEXEC, 10);
+  alarm(20);  // a command that waits would wait for ever
+  dup2(full[1], STDERR_FILENO);
+  EXPECT_TRUE(ul_ReadCommand("echo noise >&2; echo heard", output));
+  for (int stream = 0; stream < 3; ++stream) close(stream);
+  std::string open;
+  const bool read = ul_ReadCommand("cd /proc/$PPID/fd && echo *", open);
+  alarm(0);
+  for (int stream = 0; stream < 3; ++stream) dup2(saved[stream], stream);
+  EXPECT_EQ("heard\n", output);
+  EXPECT_TRUE(read);
+  for (const char* standard : {" 0 ", " 1 ", " 2 "}) EXPECT_EQ(std::string::npos, (" " + open).find(standard)) << open;
+  for (const int descriptor : {full[0], full[1], saved[0], saved[1], saved[2]}) close(descriptor);
+}
+
 TEST(Time, FloatsAreTruncatedTowardZeroAndNeverOverflow) {
   const std::pair<long double, AbsTime_US> cases[] = {
       {1.9999999L, 1999999}, {-0.0000015L, static_cast<AbsTime_US>(-1)}, {-0.0000009L, 0},
