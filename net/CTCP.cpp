@@ -26,7 +26,7 @@ sockaddr_in MakeAddress(in_addr_t address, unsigned short port) {
   return made;
 }
 
-int NewSocket() { return GateDescriptor(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)); }
+int NewSocket() { return GateDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP)); }
 
 int Connect(int descriptor, const sockaddr_in& address) {
   return connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
@@ -164,7 +164,7 @@ bool CTCP::OpenPort(unsigned long address, unsigned short port, int connections)
 }
 
 bool CTCP::Accept() {
-  socket = GateDescriptor(accept(listenSocket, nullptr, nullptr));
+  socket = GateDescriptor(accept4(listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
   if (backlog == 1) CloseSocket(listenSocket);
   if (socket == -1) {
     ConsoleError("CTCP::Accept(): accept");

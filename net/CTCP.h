@@ -15,8 +15,10 @@ inline constexpr int STATUS_RECEIVE_TIMEOUT = -3560;  // nothing came in time; a
 
 /// One IPv4 TCP stream socket and, optionally, a listening one. Owns both descriptors: clear() and the destructor close
 /// what is open. A Call(), Accept() or OpenPort() stores its descriptor over the former one without closing it, so
-/// close first. One thread at a time. All times are milliseconds. Failures return false and leave the reason in errno,
-/// where a close that belongs to the failure does not change it.
+/// close first. Its own descriptors are 3 or higher and close-on-exec from the start; one of 1024 (FD_SETSIZE) or more,
+/// which select() could not hold, is closed again and counts as EMFILE. One thread at a time. All times are
+/// milliseconds. Failures return false and leave the reason in errno, where a close that belongs to the failure does
+/// not change it.
 class CTCP {
  public:
   CTCP() = default;
@@ -29,7 +31,8 @@ class CTCP {
   /// Bytes that the system took of the last Send().
   std::uint32_t sent = 0;
 
-  /// Takes over `descriptor`, whatever it is, as the connected socket.
+  /// Takes over `descriptor`, whatever it is, as the connected socket. On one of 1024 or more a timed wait fails with
+  /// EBADF.
   void SetSocket(int descriptor) { socket = descriptor; }
   /// The connected socket; -1 if there is none.
   int GetSocket() const { return socket; }

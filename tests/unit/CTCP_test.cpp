@@ -4,9 +4,26 @@
 #include <netinet/tcp.h>
 #include <pty.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 #include "base/ConsoleLine.h"
 #include "tests/unit/LoopbackPeer.h"
+
+namespace {
+
+int plainBirths = 0;  // sockets that another thread's fork() could take along, until the gate has closed that
+
+}  // namespace
+
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+  if ((type & SOCK_CLOEXEC) == 0) ++plainBirths;
+  return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+}
+
+extern "C" int accept(int listening, sockaddr* address, socklen_t* size) {
+  ++plainBirths;
+  return accept4(listening, address, size, 0);
+}
 
 namespace {
 
@@ -79,6 +96,17 @@ TEST(CTCP, SaysWhyItFailedAndPrintsOnlyWhereItShould) {
   EXPECT_TRUE(CTCP::GetDeviceIP("lo", address) && address == htonl(INADDR_LOOPBACK)) << address;
   EXPECT_FALSE(CTCP::GetDeviceIP("a name far longer than any interface", address));
   EXPECT_EQ(CountDescriptors(), before + 2) << "the probe's sockets stay open";
+}
+
+TEST(CTCP, SocketsAreCloseOnExecFromBirth) {
+  plainBirths = 0;
+  unsigned long address = 0;
+  CTCP::GetDeviceIP("lo", address);
+  Listener server(5);
+  CTCP clients[2];
+  EXPECT_TRUE(clients[0].Call(LOOPBACK, server.port) && server.Accept());
+  EXPECT_TRUE(clients[1].Call(LOOPBACK, server.port, 1000));
+  EXPECT_EQ(0, plainBirths);
 }
 
 TEST(CTCP, TimedReceiveTellsItsOutcomesApart) {
