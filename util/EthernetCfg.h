@@ -11,7 +11,8 @@
 extern char DefGateway[1024];
 
 /// Remembers the name of the interface and opens the socket that the calls below work on. False if `interface` is null
-/// or the socket cannot be opened. A second call without EthernetCfg_Final() leaves the first socket open for good.
+/// or the socket cannot be opened, a descriptor of 1024 or more counting as EMFILE here and below. A second call
+/// without EthernetCfg_Final() leaves the first socket open for good.
 bool EthernetCfg_Init(const char* interface);
 
 /// Closes that socket: 0, or -1 with errno. A second call closes nothing: -1, EBADF.
@@ -46,8 +47,8 @@ unsigned char* ConverMacAddressStringIntoByte(const char* text, unsigned char ou
 /// file is readable for all (0644), an existing one keeps its mode.
 bool ConfigureNameserver(const char* first, const char* second, const char* third);
 
-/// Writes the default gateway of the main table into `gateway` and returns 1. Without a default route that is "0.0.0.0",
-/// as the routes of the other tables, which the kernel dumps as well, count as a route to nowhere
+/// Writes the default gateway of the main table into `gateway` and returns 1. Without a default route that is
+/// "0.0.0.0", as the routes of the other tables, which the kernel dumps as well, count as a route to nowhere
 /// (RouteMessage_FindDefaultGateway()); only a dump that has none of them gives 0, `gateway` untouched. -1, told on
 /// standard error, if the kernel did not give its table of up to 8192 bytes within a second. Needs no
 /// EthernetCfg_Init().

@@ -13,5 +13,6 @@ std::string ul_ShellWord(const std::string& text);
 int ul_RunCommand(const std::string& command);
 
 /// Runs `command` as ul_RunCommand() does and puts what it wrote to its standard output into `output`. False, `output`
-/// untouched, if it could not be started or is too long; its exit status does not matter.
+/// untouched, errno telling why, if it could not be started, is too long or finds no descriptor below 1024 free
+/// (EMFILE); its exit status does not matter.
 bool ul_ReadCommand(const std::string& command, std::string& output);

@@ -32,7 +32,8 @@ void ul_Configure_Pr_AddHandler(ul_Pr_Handler handler);
 AbsTime_US ul_Pr_GetLastPrintTime();
 
 /// Opens the terminal pipe and returns its read end, also when it is open already; -1 with errno if it cannot be
-/// opened. The pipe stays this module's. Its write end blocks, and is inherited by commands.
+/// opened, where a descriptor of 1024 or more counts as EMFILE. The pipe stays this module's. Its read end is
+/// close-on-exec; its write end blocks, and is inherited by commands.
 int ul_InitTerminalPipe();
 /// Closes the terminal pipe if it is open. Returns 1.
 int ul_FinalTerminalPipe();
