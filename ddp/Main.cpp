@@ -38,17 +38,11 @@ void SurviveBrokenPipes() {
   sigaction(SIGPIPE, &action, nullptr);
 }
 
-/// A gateway may be given as a host name: the commands that look it up must not hold the loop on a dead resolver.
-void LimitNameLookups() {
-  setenv("RES_OPTIONS", "timeout:1 attempts:1 ndots:15", 0);  // a name with dots is not asked for twice
-  setenv("LOCALDOMAIN", "", 0);
-}
-
 void AddMulticastRoute() {
   char command[1024];
   std::snprintf(command, sizeof command, "route add -net 224.0.0.0 netmask 224.0.0.0 %s\n",
                 ul_ShellWord(InterfaceName).c_str());
-  ul_RunCommand(command);
+  ul_RunRoute(command);
 }
 
 /// Goes on in a child without a terminal; ends the process on failure. Exits are immediate: nothing that is to be done
@@ -104,7 +98,6 @@ int main(int argc, char** argv) {
   std::set_terminate([] { std::abort(); });  // without a word, for which a stopped reader would have to wait
   OpenStandardStreams();
   SurviveBrokenPipes();
-  LimitNameLookups();
 
   ReadOptions(argc, argv);
   Print("Starting Tessel01 DDP Server");

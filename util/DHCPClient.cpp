@@ -65,7 +65,7 @@ void AddBroadcastRoute(const char* interface) {
   if (!SetRoute) return;
   const std::string command = "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(NameOf(interface));
   ul_PrStdOut(nullptr, 1, "DHCP Client - %s\n", command.c_str());
-  ul_RunCommand(command);
+  ul_RunRoute(command);
   ul_PrStdOut(nullptr, 1, "DHCP Client - %s\n", command.c_str());
   SetRoute = false;
 }

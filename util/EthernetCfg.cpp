@@ -143,9 +143,9 @@ void SetBroadcast(const char* text, in_addr mask, in_addr ip) {
 }
 
 void ReplaceDefaultRoute(const char* gateway) {
-  ul_RunCommand("route del default");
+  ul_RunRoute("route del default");
   const std::string command = "route add default gw " + ul_ShellWord(gateway) + "\n";
-  ul_RunCommand(command);
+  ul_RunRoute(command);
   ul_PrStdOut(nullptr, 1, "%s", command.c_str());
 }
 

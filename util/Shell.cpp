@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <vector>
 
 #include "base/Descriptor.h"
 
@@ -74,8 +75,8 @@ class HarmlessStream {
   int before_ = -1;
 };
 
-/// Starts a shell for `command` with `output` as its standard output: its process id, or -1 with errno.
-pid_t StartShell(const std::string& command, int output) {
+/// Starts a shell for `command` with that standard output and environment: its process id, or -1 with errno.
+pid_t StartShell(const std::string& command, int output, char* const* environment) {
   const HarmlessStream errors(STDERR_FILENO);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -92,12 +93,36 @@ pid_t StartShell(const std::string& command, int output) {
   char option[] = "-c";
   char* const arguments[] = {name, option, line.data(), nullptr};
   pid_t shell = -1;
-  const int failure = posix_spawn(&shell, "/bin/sh", &actions, &attributes, arguments, environ);
+  const int failure = posix_spawn(&shell, "/bin/sh", &actions, &attributes, arguments, environment);
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (failure == 0) return shell;
   errno = failure;
   return -1;
+}
+
+/// Waits for the end of a shell that was started; its status, or -1 with errno.
+int Await(pid_t shell) {
+  int status = -1;
+  while (waitpid(shell, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return status;
+}
+
+/// Ours, with short look-ups of host names: the caller waits for `route`, which may ask a silent name server for a
+/// gateway, and for a name with dots once more in each domain of the search list.
+std::vector<char*> EnvironmentOfRoute() {
+  static char options[] = "RES_OPTIONS=timeout:1 attempts:1 ndots:15";
+  static char domain[] = "LOCALDOMAIN=";
+  std::vector<char*> variables;
+  for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+    variables.push_back(*variable);
+  }
+  if (std::getenv("RES_OPTIONS") == nullptr) variables.push_back(options);
+  if (std::getenv("LOCALDOMAIN") == nullptr) variables.push_back(domain);
+  variables.push_back(nullptr);
+  return variables;
 }
 
 std::string ReadToEnd(int descriptor) {
@@ -139,14 +164,23 @@ int ul_RunCommand(const std::string& command) {
   return std::system(command.c_str());
 }
 
+int ul_RunRoute(const std::string& command) {
+  if (IsTooLong(command)) return -1;
+  pid_t shell = -1;
+  {
+    const HarmlessStream output(STDOUT_FILENO);
+    shell = StartShell(command, STDOUT_FILENO, EnvironmentOfRoute().data());
+  }
+  return shell < 0 ? -1 : Await(shell);
+}
+
 bool ul_ReadCommand(const std::string& command, std::string& output) {
   int ends[2] = {-1, -1};
   if (IsTooLong(command) || !OpenPipe(ends)) return false;
-  const pid_t shell = StartShell(command, ends[1]);
+  const pid_t shell = StartShell(command, ends[1], environ);
   CloseKeepingErrno(ends[1]);
   if (shell > 0) output = ReadToEnd(ends[0]);
   CloseKeepingErrno(ends[0]);
-  while (shell > 0 && waitpid(shell, nullptr, 0) < 0 && errno == EINTR) {
-  }
+  if (shell > 0) Await(shell);
   return shell > 0;
 }

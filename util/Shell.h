@@ -12,6 +12,11 @@ std::string ul_ShellWord(const std::string& text);
 /// standard output or error that has no room now. One longer than 1023 bytes is not run: -1, E2BIG.
 int ul_RunCommand(const std::string& command);
 
+/// The same for a command of route(8), which may have to look up a host name: in its environment alone, RES_OPTIONS and
+/// LOCALDOMAIN (resolv.conf(5)), where unset, make it wait 1 s for a name server and ask once. A terminal's interrupt
+/// reaches this process too while it waits.
+int ul_RunRoute(const std::string& command);
+
 /// Runs `command` as ul_RunCommand() does and puts what it wrote to its standard output into `output`. False, `output`
 /// untouched, errno telling why, if it could not be started, is too long or finds no descriptor below 1024 free
 /// (EMFILE); its exit status does not matter.

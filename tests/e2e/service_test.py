@@ -84,13 +84,14 @@ class Answers(DeviceTest):
         """One shell line, only if direct and while the service is connected, the answer is always the same; `halt`."""
         self.attach()
         mark = pathlib.Path(self.net.folder, "executed")
-        line = f'grep SigIgn /proc/self/status >{mark}; echo a "$0" >>{mark}; ls -l /proc/self/fd >>{mark}'
+        line = (f'grep SigIgn /proc/self/status >{mark}; echo a "$0" "${{RES_OPTIONS-}}${{LOCALDOMAIN-}}" >>{mark};'
+                f' ls -l /proc/self/fd >>{mark}')
         for way in ("broadcast", "ipv4"):
             self.assertIsNone(self.ask(request("EXECUTECOMMAND!", line), way, QUIET))
         self.assertFalse(mark.exists())
         self.assertEqual(self.ask(request("EXECUTECOMMAND!", line)), NACK)
         ignored, echoed, *listing = mark.read_text(encoding="ascii").splitlines()
-        self.assertEqual(echoed, "a sh")
+        self.assertEqual(echoed, "a sh ", "what is for `route` alone is in the environment")
         self.assertFalse(int(ignored.split()[1], 16) & 1 << (signal.SIGPIPE - 1), "SIGPIPE is ignored in commands")
         self.assertFalse([entry for entry in listing if "socket:" in entry or "FIFO" in entry], "a descriptor leaked")
         mark.unlink()
