@@ -1,0 +1,160 @@
+#include "tool/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <utility>
+
+#include "tool/Output.h"
+
+namespace tarnddp {
+namespace {
+
+constexpr const char* Overview =
+    R"(tarnddp finds measurement devices on the local network and configures one. It needs neither root nor a service.
+
+Usage: tarnddp [scan] [OPTIONS]                    find the devices
+       tarnddp set-ip DEVICE ADDRESS/PREFIX        give a device a fixed address
+       tarnddp dhcp DEVICE on|off                  switch its DHCP on or off
+       tarnddp apply PLAN.csv                      set many devices as a plan says
+       tarnddp trace DEVICE                        show its trace output
+       tarnddp halt DEVICE                         shut it down
+       tarnddp send DEVICE WORD [ARGUMENT...]      pass a command on to its service
+       tarnddp COMMAND --help                      the options of each
+       tarnddp --help | --version
+
+DEVICE is a MAC address in any spelling, the last four or more digits of one (as a label shows them), a serial number,
+a name, or the address that the device answers from.
+
+Examples:
+  tarnddp                                          a table of all devices
+  tarnddp scan --expect 10 --json                  for a script; ends as soon as ten devices were heard
+  tarnddp scan --watch                             what comes and goes
+  tarnddp set-ip ff05 192.168.1.20/24 --gateway 192.168.1.1
+  tarnddp scan --csv >plan.csv; tarnddp apply plan.csv
+
+Exit status: 0 done; 1 not, or not wholly, as asked; 2 wrong usage or refused; 3 no interface to send by; 130 interrupted.
+)";
+
+void AddCommon(CLI::App& app, CommonOptions& options) {
+  app.add_option("--interface", options.interfaces, "Ask only on this interface (may be given again)")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+  app.add_option("--time", options.seconds, "How long answers are collected (2 s)")
+      ->type_name("SECONDS")
+      ->check([](const std::string& text) {
+        double seconds = 0;
+        const bool fits = CLI::detail::lexical_cast(text, seconds) && seconds >= 0.1 && seconds <= 3600;
+        return fits ? std::string() : "is " + text + ", not a number from 0.1 to 3600";
+      });
+}
+
+void AddDevice(CLI::App& app, std::string& device) {
+  app.add_option("DEVICE", device, "MAC address or the end of one, serial number, name, or answering address")
+      ->required()
+      ->type_name("");
+}
+
+template <typename Options>
+void AddDryRun(CLI::App& app, Options& options) {
+  app.add_flag("--dry-run", options.dryRun, "Show what would be sent and send no change");
+  app.add_flag("--json", options.json, "Print the result as JSON");
+}
+
+void Declare(CLI::App& app, ScanOptions& options) {
+  app.description("Finds the devices and prints them as a table.");
+  CLI::Option* expect =
+      app.add_option("--expect", options.expect, "End as soon as N devices were heard; fewer is a failure")
+          ->type_name("N")
+          ->check(CLI::Range(1, 1000000));
+  CLI::Option* watch =
+      app.add_flag("--watch", options.watch, "Ask every 2 s until Ctrl-C; tell what comes, changes and goes");
+  CLI::Option* json = app.add_flag("--json", options.json, "Print one JSON object a line");
+  app.add_flag("--csv", options.csv, "Print a plan for \"tarnddp apply\"")->excludes(watch)->excludes(json);
+  expect->excludes(watch);
+}
+
+void Declare(CLI::App& app, SetIPOptions& options) {
+  app.description("Gives a device a fixed address.");
+  AddDevice(app, options.device);
+  app.add_option("ADDRESS/PREFIX", options.address, "For instance 192.168.1.20/24")->required()->type_name("");
+  app.add_option("--gateway", options.gateway, "Default gateway (the present one, if it is in the new network)")
+      ->type_name("ADDRESS");
+  app.add_option("--dns", options.dns, "Name server (none)")->type_name("ADDRESS");
+  app.add_flag("--force", options.force, "Do what is only unwise");
+  AddDryRun(app, options);
+}
+
+void Declare(CLI::App& app, DhcpOptions& options) {
+  app.description("Switches the DHCP of a device on or off.");
+  AddDevice(app, options.device);
+  app.add_option_function<std::string>(
+         "STATE", [&options](const std::string& state) { options.on = state == "on"; }, "on or off")
+      ->required()
+      ->type_name("")
+      ->check(CLI::IsMember({"on", "off"}));
+  AddDryRun(app, options);
+}
+
+void Declare(CLI::App& app, ApplyOptions& options) {
+  app.description("Sets devices as a plan says: a table with the columns of \"tarnddp scan --csv\".");
+  app.add_option("PLAN.csv", options.plan, "The file")->required()->type_name("");
+  app.add_flag("--yes", options.yes, "Do not ask");
+  AddDryRun(app, options);
+}
+
+void Declare(CLI::App& app, TraceOptions& options) {
+  app.description("Shows the trace output of a device until Ctrl-C.");
+  AddDevice(app, options.device);
+}
+
+void Declare(CLI::App& app, HaltOptions& options) {
+  app.description("Shuts a device down. Only its power switch starts it again.");
+  AddDevice(app, options.device);
+  app.add_flag("--yes", options.yes, "Do not ask");
+}
+
+void Declare(CLI::App& app, SendOptions& options) {
+  app.description("Passes a command on to the service of a device. There is no answer to it.");
+  AddDevice(app, options.device);
+  app.add_option("WORD", options.word, "The command word")->required()->type_name("");
+  app.add_option("ARGUMENT", options.arguments, "Its arguments (behind -- if one begins with -)")->type_name("");
+}
+
+template <typename Options>
+Command Read(const std::string& name, std::vector<std::string> words) {
+  Options options;
+  CLI::App app("", "tarnddp " + name);
+  Declare(app, options);
+  AddCommon(app, options);
+  std::reverse(words.begin(), words.end());  // as CLI11 takes a list of words
+  try {
+    app.parse(words);
+  } catch (const CLI::CallForHelp&) {
+    return Ending{app.help(), StatusDone};
+  } catch (const CLI::Error& error) {
+    return Ending{std::string(error.what()) + " (see tarnddp " + name + " --help)", StatusUsage};
+  }
+  return options;
+}
+
+}  // namespace
+
+Command ReadCommandLine(std::vector<std::string> words) {
+  static const std::map<std::string, std::function<Command(const std::string&, std::vector<std::string>)>> readers = {
+      {"scan", Read<ScanOptions>},   {"set-ip", Read<SetIPOptions>}, {"dhcp", Read<DhcpOptions>},
+      {"apply", Read<ApplyOptions>}, {"trace", Read<TraceOptions>},  {"halt", Read<HaltOptions>},
+      {"send", Read<SendOptions>}};
+  if (!words.empty() && (words[0] == "--help" || words[0] == "-h")) return Ending{Overview, StatusDone};
+  if (!words.empty() && words[0] == "--version") return Ending{"tarnddp " TARNDDP_VERSION "\n", StatusDone};
+  if (words.empty() || (!words[0].empty() && words[0][0] == '-')) words.insert(words.begin(), "scan");
+  const auto reader = readers.find(words[0]);
+  if (reader == readers.end()) {
+    return Ending{"there is no command \"" + words[0] + "\" (see tarnddp --help)", StatusUsage};
+  }
+  words.erase(words.begin());
+  return reader->second(reader->first, std::move(words));
+}
+
+}  // namespace tarnddp

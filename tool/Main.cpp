@@ -1,0 +1,38 @@
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "tool/CommandLine.h"
+#include "tool/Output.h"
+#include "tool/System.h"
+
+namespace tarnddp {
+namespace {
+
+int Run(const Ending& ending) {
+  if (ending.status == StatusDone) {
+    Print(ending.text);
+  } else {
+    Say(ending.text);
+  }
+  return ending.status;
+}
+int Run(const ScanOptions& options) { return Scan(options); }
+int Run(const SetIPOptions& options) { return SetIP(options); }
+int Run(const DhcpOptions& options) { return Dhcp(options); }
+int Run(const ApplyOptions& options) { return Apply(options); }
+int Run(const TraceOptions& options) { return Trace(options); }
+int Run(const HaltOptions& options) { return Halt(options); }
+int Run(const SendOptions& options) { return Send(options); }
+
+}  // namespace
+}  // namespace tarnddp
+
+int main(int argc, char** argv) {
+  tarnddp::PrepareProcess();
+  tarnddp::HandleInterrupts();
+  const tarnddp::Command command = tarnddp::ReadCommandLine(std::vector<std::string>(argv + (argc > 0), argv + argc));
+  const int status = std::visit([](const auto& options) { return tarnddp::Run(options); }, command);
+  tarnddp::ShowStatus({});
+  return status == tarnddp::StatusDone && !tarnddp::IsOutputGood() ? tarnddp::StatusNotDone : status;
+}

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tool/Device.h"
+#include "tool/System.h"
+
+// The sockets: they ask and collect, and decide nothing.
+
+namespace tarnddp {
+
+using Clock = std::chrono::steady_clock;
+using Time = Clock::time_point;
+
+constexpr std::uint16_t PortBroadcast = 5562;
+constexpr std::uint16_t PortIPv4 = 5563;
+constexpr std::uint16_t PortIPv6 = 5564;
+
+/// Something that came in. `source.way` is the socket that heard it: what was sent to an answering address by unicast
+/// is answered on the same way again. On Way::IPv4 (the group) requests and answers of others come too.
+struct Datagram {
+  Source source;
+  std::uint16_t port = 0;  ///< the sender's
+  std::string bytes;
+};
+
+/// Why an interface, or one way on it, could not be used.
+struct Unusable {
+  std::string interface;
+  std::string reason;
+};
+
+/// The sockets on some interfaces. Owns them. One thread.
+class Network {
+ public:
+  /// Opens on the interfaces named, or, if none is, on every one that is up, can multicast and is not loopback.
+  explicit Network(const std::vector<std::string>& named);
+  ~Network();
+  Network(const Network&) = delete;
+  Network& operator=(const Network&) = delete;
+
+  /// The interfaces that are used, by at least one way.
+  const std::vector<Interface>& Used() const;
+  /// What was wanted and cannot be used at all; what of the used ones lacks a way; none of it is fatal by itself.
+  const std::vector<Unusable>& Failures() const;
+  const std::vector<Unusable>& MissingWays() const;
+  /// Whether anything can be sent as asked for: no interface named is among the failures, and at least one is used. If
+  /// not, the exit status is 3.
+  bool IsUsable() const;
+  /// The smallest receive buffer that a socket got, in bytes, and what was asked for.
+  int ReceiveBuffer() const;
+  static int ReceiveBufferWanted();
+
+  /// Sends `datagram` to all devices: one datagram for each way and interface. False if not one could be sent.
+  bool SendToAll(std::string_view datagram);
+
+  /// Sends `datagram` the way back that an answer came: to the link-local address; by unicast to port 5562 if it came
+  /// by broadcast; else to the group. False, with the reason in `error`, if it could not be sent.
+  bool Send(const Source& to, std::string_view datagram, std::string* error = nullptr);
+  /// The same by unicast to `port` of that address, whatever the way.
+  bool SendToPort(const Source& to, std::uint16_t port, std::string_view datagram, std::string* error = nullptr);
+
+  /// The next datagram; nothing when none came until `deadline` or, with a KeepOnInterrupt, after Ctrl-C.
+  std::optional<Datagram> Receive(Time deadline);
+  /// The next one that `matches`; what does not is dropped.
+  std::optional<Datagram> Await(Time deadline, const std::function<bool(const Datagram&)>& matches);
+
+ private:
+  struct Sockets;
+  std::unique_ptr<Sockets> sockets;
+};
+
+/// The request for an identity record, with its line end.
+constexpr const char* IdentityRequest = "DEVICEIDENT?\r\n";
+
+struct Collection {
+  double seconds = 2;  ///< how long answers are collected
+  int expect = 0;      ///< ends 0.3 s after so many devices; 0: the whole time
+};
+
+/// Asks by all ways on all interfaces of `network` (at once, after 0.25 s and after 0.75 s) and adds every answer to
+/// `devices` until the time is over. `onProgress`, if any, is called after each change and at least every 0.1 s. False
+/// if nothing could be sent.
+bool Collect(Network& network, const Collection& how, Devices& devices, const std::function<void()>& onProgress = {});
+
+}  // namespace tarnddp

@@ -1,0 +1,70 @@
+#include "tool/Output.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+#include "tool/System.h"
+#include "tool/Text.h"
+
+namespace tarnddp {
+namespace {
+
+bool outputFailed = false;
+bool statusStands = false;
+
+void Write(std::FILE* file, std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), file);
+  std::fflush(file);
+}
+
+}  // namespace
+
+void Print(std::string_view text) {
+  if (outputFailed) return;
+  ShowStatus({});
+  errno = 0;
+  Write(stdout, text);
+  if (std::ferror(stdout) == 0) return;
+  outputFailed = true;
+  if (errno != EPIPE) Say(std::string("standard output: ") + std::strerror(errno));
+}
+
+bool IsOutputGood() { return !outputFailed; }
+
+void Say(std::string_view text) {
+  ShowStatus({});
+  Write(stderr, "tarnddp: " + Shown(text) + "\n");
+}
+
+void ShowStatus(std::string_view text) {
+  if (text.empty() && !statusStands) return;
+  if (!IsErrorTerminal()) return;
+  std::string line = "\r\x1b[K";
+  if (!text.empty()) {
+    const int columns = OutputTerminal().value_or(TerminalSize{80, 24}).columns;
+    std::string shown = Shown(text);
+    if (Width(shown) >= columns) shown = Fitted(shown, std::max(columns - 1, 1));
+    line += shown;
+  }
+  statusStands = !text.empty();
+  Write(stderr, line);
+}
+
+bool Confirm(std::string_view question) {
+  ShowStatus({});
+  Write(stderr, Shown(question) + " [y/N] ");
+  std::string answer;
+  if (!std::getline(std::cin, answer)) {
+    Write(stderr, "\n");
+    return false;
+  }
+  std::transform(answer.begin(), answer.end(), answer.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return answer == "y" || answer == "yes";
+}
+
+}  // namespace tarnddp

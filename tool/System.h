@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tool/Address.h"
+
+// All that depends on the operating system, sockets apart, which are Boost's. SystemLinux.cpp is the one file behind
+// it.
+
+namespace tarnddp {
+
+struct Subnet {
+  IPv4 address = 0;  ///< this PC's own
+  int prefix = 0;
+
+  bool operator==(const Subnet& other) const { return address == other.address && prefix == other.prefix; }
+};
+
+/// A network interface of this PC.
+struct Interface {
+  std::string name;
+  unsigned index = 0;
+  bool isUp = false;
+  bool hasLink = false;  ///< a cable, for instance
+  bool isLoopback = false;
+  bool canMulticast = false;
+  std::vector<Subnet> subnets;  ///< its IPv4 addresses; requests leave by the first
+  std::string linkLocal;        ///< its IPv6 link-local address without zone, empty if it has none that serves
+
+  bool operator==(const Interface& other) const;
+};
+
+/// All interfaces, in the system's order. Empty if they cannot be read.
+std::vector<Interface> ListInterfaces();
+
+/// How an interface treats a datagram whose sender is not where the routes would look for it.
+enum class ReversePath { Accepts, NeedsAnyRoute, NeedsRouteHere };
+ReversePath ReversePathOf(const std::string& interface);
+
+/// The name of the interface by which this PC would send to `address`; empty without a route.
+std::string RouteInterface(IPv4 address);
+
+/// The MAC address, as "00:1b:c4:0a:ff:05", that the neighbour table has for `address`; nothing if it has none.
+std::optional<std::string> NeighbourMac(IPv4 address);
+
+/// Has all that an IPv4 socket sends leave by an interface, whatever the routes say. Needs no privilege. False with
+/// errno if the system refuses.
+bool SendThrough(int socket, unsigned index);
+
+/// Has an IPv4 socket hear `group` on that interface, and no group that another socket joined. False with errno.
+bool JoinGroup(int socket, IPv4 group, unsigned index);
+
+/// Opens what is missing of standard input, output and error, so that no socket ever takes their place, and has a
+/// closed pipe reported as an error of writing. To be called first.
+void PrepareProcess();
+
+/// Columns and rows of the terminal that standard output is; nothing if it is none.
+struct TerminalSize {
+  int columns = 0;
+  int rows = 0;
+};
+std::optional<TerminalSize> OutputTerminal();
+bool IsErrorTerminal();
+bool IsInputTerminal();
+
+/// Ctrl-C, and a request to end, ends the process at once with status 130, unless a KeepOnInterrupt lives: then
+/// WasInterrupted() says that it came, and the owner ends in order. The second one ends the process even so.
+void HandleInterrupts();
+bool WasInterrupted();
+class KeepOnInterrupt {
+ public:
+  KeepOnInterrupt();
+  ~KeepOnInterrupt();
+  KeepOnInterrupt(const KeepOnInterrupt&) = delete;
+  KeepOnInterrupt& operator=(const KeepOnInterrupt&) = delete;
+};
+
+/// The wall clock as RFC 3339 has it, with milliseconds and the offset of local time; and the time of day, "14:03:59".
+std::string DateTimeNow();
+std::string TimeOfDayNow();
+
+}  // namespace tarnddp

@@ -1,0 +1,250 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+
+#include "tool/Output.h"
+#include "tool/System.h"
+
+namespace tarnddp {
+namespace {
+
+IPv4 Number(const sockaddr* address) {
+  sockaddr_in internet = {};
+  std::memcpy(&internet, address, sizeof internet);
+  return ntohl(internet.sin_addr.s_addr);
+}
+
+void TakeAddress(Interface& interface, const ifaddrs& entry) {
+  if (entry.ifa_addr == nullptr) return;
+  if (entry.ifa_addr->sa_family == AF_INET && entry.ifa_netmask != nullptr) {
+    interface.subnets.push_back({Number(entry.ifa_addr), PrefixOfMask(Number(entry.ifa_netmask)).value_or(32)});
+  } else if (entry.ifa_addr->sa_family == AF_INET6 && interface.linkLocal.empty()) {
+    sockaddr_in6 internet = {};
+    std::memcpy(&internet, entry.ifa_addr, sizeof internet);
+    char text[INET6_ADDRSTRLEN] = "";
+    if (!IN6_IS_ADDR_LINKLOCAL(&internet.sin6_addr)) return;
+    inet_ntop(AF_INET6, &internet.sin6_addr, text, sizeof text);
+    interface.linkLocal = text;
+  }
+}
+
+int ReadNumber(const std::string& path) {
+  int number = 0;
+  std::ifstream(path) >> number;
+  return number;
+}
+
+/// The interface number in the kernel's answer to a question for a route; 0 if it has none.
+unsigned OutputInterface(const char* message, std::size_t length) {
+  nlmsghdr header = {};
+  rtmsg route = {};
+  if (length < NLMSG_SPACE(sizeof route)) return 0;
+  std::memcpy(&header, message, sizeof header);
+  std::memcpy(&route, message + NLMSG_HDRLEN, sizeof route);
+  if (header.nlmsg_type != RTM_NEWROUTE || route.rtm_type != RTN_UNICAST) return 0;
+  length = std::min<std::size_t>(length, header.nlmsg_len);
+  for (std::size_t at = NLMSG_SPACE(sizeof route); at + sizeof(rtattr) <= length;) {
+    rtattr attribute = {};
+    unsigned index = 0;
+    std::memcpy(&attribute, message + at, sizeof attribute);
+    if (attribute.rta_len < sizeof attribute || at + attribute.rta_len > length) return 0;
+    if (attribute.rta_type == RTA_OIF && attribute.rta_len == RTA_LENGTH(sizeof index)) {
+      std::memcpy(&index, message + at + RTA_LENGTH(0), sizeof index);
+      return index;
+    }
+    at += RTA_ALIGN(attribute.rta_len);
+  }
+  return 0;
+}
+
+volatile std::sig_atomic_t interrupts = 0;
+volatile std::sig_atomic_t keepers = 0;
+
+void OnInterrupt(int /*signal*/) {
+  interrupts = interrupts + 1;
+  if (keepers > 0 && interrupts == 1) return;
+  if (isatty(STDERR_FILENO) != 0 && write(STDERR_FILENO, "\n", 1) < 0) _exit(StatusInterrupted);
+  _exit(StatusInterrupted);
+}
+
+std::string Local(const char* format, const std::timespec& now) {
+  std::tm parts = {};
+  char text[64] = "";
+  localtime_r(&now.tv_sec, &parts);
+  std::strftime(text, sizeof text, format, &parts);
+  return text;
+}
+
+std::timespec Now() {
+  std::timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now;
+}
+
+}  // namespace
+
+bool Interface::operator==(const Interface& other) const {
+  return name == other.name && index == other.index && isUp == other.isUp && hasLink == other.hasLink &&
+         isLoopback == other.isLoopback && canMulticast == other.canMulticast && subnets == other.subnets &&
+         linkLocal == other.linkLocal;
+}
+
+std::vector<Interface> ListInterfaces() {
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) return {};
+  const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, freeifaddrs);
+  std::map<unsigned, Interface> byIndex;
+  for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+    // An IPv4 address may stand under a label, "eth0:1", of the interface.
+    const unsigned index = if_nametoindex(std::string(entry->ifa_name, std::strcspn(entry->ifa_name, ":")).c_str());
+    char name[IF_NAMESIZE] = "";
+    if (index == 0 || if_indextoname(index, name) == nullptr) continue;
+    Interface& interface = byIndex[index];
+    interface.name = name;
+    interface.index = index;
+    interface.isUp = (entry->ifa_flags & IFF_UP) != 0;
+    interface.hasLink = (entry->ifa_flags & IFF_RUNNING) != 0;
+    interface.isLoopback = (entry->ifa_flags & IFF_LOOPBACK) != 0;
+    interface.canMulticast = (entry->ifa_flags & IFF_MULTICAST) != 0;
+    TakeAddress(interface, *entry);
+  }
+  std::vector<Interface> interfaces;
+  for (auto& [index, interface] : byIndex) interfaces.push_back(std::move(interface));
+  return interfaces;
+}
+
+ReversePath ReversePathOf(const std::string& interface) {
+  const std::string folder = "/proc/sys/net/ipv4/conf/";
+  // The stricter of the two counts, as ip-sysctl has it.
+  switch (std::max(ReadNumber(folder + "all/rp_filter"), ReadNumber(folder + interface + "/rp_filter"))) {
+    case 1:
+      return ReversePath::NeedsRouteHere;
+    case 2:
+      return ReversePath::NeedsAnyRoute;
+    default:
+      return ReversePath::Accepts;
+  }
+}
+
+std::string RouteInterface(IPv4 address) {
+  struct {
+    nlmsghdr header;
+    rtmsg route;
+    rtattr attribute;
+    std::uint32_t destination;
+  } question = {};
+  question.header.nlmsg_len = sizeof question;
+  question.header.nlmsg_type = RTM_GETROUTE;
+  question.header.nlmsg_flags = NLM_F_REQUEST;
+  question.route.rtm_family = AF_INET;
+  question.route.rtm_dst_len = 32;
+  question.attribute.rta_type = RTA_DST;
+  question.attribute.rta_len = RTA_LENGTH(sizeof question.destination);
+  question.destination = htonl(address);
+  const int socketNumber = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+  if (socketNumber < 0) return {};
+  std::array<char, 4096> answer = {};
+  ssize_t length = send(socketNumber, &question, sizeof question, 0);
+  if (length > 0) length = recv(socketNumber, answer.data(), answer.size(), 0);
+  close(socketNumber);
+  char name[IF_NAMESIZE] = "";
+  const unsigned index = length > 0 ? OutputInterface(answer.data(), static_cast<std::size_t>(length)) : 0;
+  return index != 0 && if_indextoname(index, name) != nullptr ? name : "";
+}
+
+std::optional<std::string> NeighbourMac(IPv4 address) {
+  constexpr unsigned complete = 2;
+  std::ifstream table("/proc/net/arp");
+  std::string line;
+  std::getline(table, line);  // the headings
+  while (std::getline(table, line)) {
+    std::istringstream fields(line);
+    std::string neighbour, kind, mac;
+    unsigned flags = 0;
+    fields >> neighbour >> kind >> std::hex >> flags >> mac;
+    if ((flags & complete) != 0 && ParseIPv4(neighbour) == address) return ParseMac(mac);
+  }
+  return std::nullopt;
+}
+
+bool SendThrough(int socket, unsigned index) {
+  const std::uint32_t unicast = htonl(index);
+  ip_mreqn multicast = {};
+  multicast.imr_ifindex = static_cast<int>(index);
+  return setsockopt(socket, IPPROTO_IP, IP_UNICAST_IF, &unicast, sizeof unicast) == 0 &&
+         setsockopt(socket, IPPROTO_IP, IP_MULTICAST_IF, &multicast, sizeof multicast) == 0;
+}
+
+bool JoinGroup(int socket, IPv4 group, unsigned index) {
+  const int others = 0;
+  ip_mreqn membership = {};
+  membership.imr_multiaddr.s_addr = htonl(group);
+  membership.imr_ifindex = static_cast<int>(index);
+  return setsockopt(socket, IPPROTO_IP, IP_MULTICAST_ALL, &others, sizeof others) == 0 &&
+         setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;
+}
+
+void PrepareProcess() {
+  for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+    if (fcntl(number, F_GETFD) >= 0) continue;
+    // The lowest free number is this one. Writing to a closed stream stays an error: the device is opened to be read.
+    if (open("/dev/null", O_RDONLY) != number) std::abort();
+  }
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
+std::optional<TerminalSize> OutputTerminal() {
+  winsize size = {};
+  if (isatty(STDOUT_FILENO) == 0) return std::nullopt;
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return TerminalSize{80, 24};
+  return TerminalSize{size.ws_col, size.ws_row};
+}
+
+bool IsErrorTerminal() { return isatty(STDERR_FILENO) != 0; }
+bool IsInputTerminal() { return isatty(STDIN_FILENO) != 0; }
+
+void HandleInterrupts() {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action = {};
+    sigaction(number, nullptr, &action);
+    if (action.sa_handler == SIG_IGN) continue;  // started in the background, or with nohup
+    action = {};
+    action.sa_handler = OnInterrupt;
+    sigaction(number, &action, nullptr);
+  }
+}
+
+bool WasInterrupted() { return interrupts > 0; }
+KeepOnInterrupt::KeepOnInterrupt() { keepers = keepers + 1; }
+KeepOnInterrupt::~KeepOnInterrupt() { keepers = keepers - 1; }
+
+std::string DateTimeNow() {
+  const std::timespec now = Now();
+  std::string offset = Local("%z", now);
+  if (offset.size() == 5) offset.insert(3, ":");
+  char fraction[8] = "";
+  std::snprintf(fraction, sizeof fraction, ".%03d", static_cast<int>(now.tv_nsec / 1000000));
+  return Local("%Y-%m-%dT%H:%M:%S", now) + fraction + offset;
+}
+
+std::string TimeOfDayNow() { return Local("%H:%M:%S", Now()); }
+
+}  // namespace tarnddp

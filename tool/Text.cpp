@@ -1,0 +1,94 @@
+#include "tool/Text.h"
+
+#include <utf8.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+
+namespace tarnddp {
+namespace {
+
+struct Range {
+  std::uint32_t first, last;
+};
+
+template <typename Ranges>
+bool IsIn(const Ranges& ranges, std::uint32_t c) {
+  return std::any_of(std::begin(ranges), std::end(ranges), [c](Range r) { return r.first <= c && c <= r.last; });
+}
+
+/// C0, DEL, C1; line and paragraph separators; the marks that turn the direction of text.
+bool DrivesTerminal(std::uint32_t c) {
+  constexpr Range ranges[] = {{0, 0x1f},        {0x7f, 0x9f},     {0x2028, 0x2029}, {0x61c, 0x61c},
+                              {0x200e, 0x200f}, {0x202a, 0x202e}, {0x2066, 0x2069}};
+  return IsIn(ranges, c);
+}
+
+/// Accents that stand on the letter before, and what joins or selects.
+bool TakesNoColumn(std::uint32_t c) {
+  constexpr Range ranges[] = {{0x300, 0x36f},   {0x483, 0x489},   {0x591, 0x5bd},   {0x610, 0x61a},    {0x64b, 0x65f},
+                              {0x1ab0, 0x1aff}, {0x1dc0, 0x1dff}, {0x200b, 0x200d}, {0x2060, 0x2064},  {0x20d0, 0x20ff},
+                              {0xfe00, 0xfe0f}, {0xfe20, 0xfe2f}, {0xfeff, 0xfeff}, {0xe0100, 0xe01ef}};
+  return IsIn(ranges, c);
+}
+
+/// East Asian wide and full-width characters, and pictures.
+bool TakesTwoColumns(std::uint32_t c) {
+  constexpr Range ranges[] = {{0x1100, 0x115f},  {0x2e80, 0x303e},   {0x3041, 0xa4cf},   {0xa960, 0xa97c},
+                              {0xac00, 0xd7a3},  {0xf900, 0xfaff},   {0xfe30, 0xfe6f},   {0xff00, 0xff60},
+                              {0xffe0, 0xffe6},  {0x1f300, 0x1f64f}, {0x1f680, 0x1f6ff}, {0x1f900, 0x1f9ff},
+                              {0x20000, 0x3fffd}};
+  return IsIn(ranges, c);
+}
+
+int ColumnsOf(std::uint32_t c) { return TakesNoColumn(c) ? 0 : TakesTwoColumns(c) ? 2 : 1; }
+
+}  // namespace
+
+std::string Utf8(std::string_view foreign) {
+  if (utf8::is_valid(foreign.begin(), foreign.end())) return std::string(foreign);
+  std::string text;
+  for (const char c : foreign) utf8::append(static_cast<unsigned char>(c), std::back_inserter(text));
+  return text;
+}
+
+std::string Shown(std::string_view foreign) {
+  constexpr char digits[] = "0123456789abcdef";
+  const std::string text = Utf8(foreign);
+  std::string shown;
+  for (auto at = text.begin(); at != text.end();) {
+    const auto start = at;
+    if (!DrivesTerminal(utf8::unchecked::next(at))) {
+      shown.append(start, at);
+      continue;
+    }
+    std::for_each(start, at, [&](char c) {
+      const auto byte = static_cast<unsigned char>(c);
+      shown += {'\\', 'x', digits[byte >> 4U], digits[byte & 0xfU]};
+    });
+  }
+  return shown;
+}
+
+int Width(std::string_view shown) {
+  int columns = 0;
+  for (auto at = shown.begin(); at < shown.end();) columns += ColumnsOf(utf8::unchecked::next(at));
+  return columns;
+}
+
+std::string Fitted(std::string_view shown, int columns) {
+  if (columns <= 0) return {};
+  int left = columns - Width(shown);
+  if (left >= 0) return std::string(shown) + std::string(static_cast<std::size_t>(left), ' ');
+  auto at = shown.begin();
+  for (left = columns - 1; at < shown.end();) {
+    auto next = at;
+    left -= ColumnsOf(utf8::unchecked::next(next));
+    if (left < 0) break;
+    at = next;
+  }
+  return Fitted(std::string(shown.begin(), at) + "…", columns);
+}
+
+}  // namespace tarnddp

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// Text from the network on its way to a person. Pure.
+
+namespace tarnddp {
+
+/// `foreign` as UTF-8: as it is if it is UTF-8, else read as Latin-1, all of it.
+std::string Utf8(std::string_view foreign);
+
+/// What may be shown of bytes from the network, and the only form in which they are ever printed: Utf8(), with control
+/// characters, line and paragraph separators and direction marks as \xNN for each of their bytes. So no text can move
+/// the cursor, colour the line or turn its direction, and what is shown is one line.
+std::string Shown(std::string_view foreign);
+
+/// How many columns of a terminal `shown` takes.
+int Width(std::string_view shown);
+
+/// `shown` filled up with blanks to `columns`, or cut to as many with a "…" at its end.
+std::string Fitted(std::string_view shown, int columns);
+
+}  // namespace tarnddp
