@@ -14,6 +14,7 @@
 #include "base/Descriptor.h"
 #include "util/DHCPMessage.h"
 #include "util/EthernetCfg.h"
+#include "util/InterfaceName.h"
 #include "util/Shell.h"
 #include "util/_Others.h"
 #include "util/_Time.h"
@@ -47,23 +48,20 @@ void PrintError(const char* what) {
   ul_PrStdOut(nullptr, 1, "Error - Configure Network with DHCP - could not %s (%s)\n", what, std::strerror(errno));
 }
 
-/// The interface in a text. A null one is refused where it is opened, by which the calls below go.
-const char* NameOf(const char* interface) { return interface == nullptr ? "" : interface; }
-
 /// Reads the MAC address of the interface, or keeps the one from an earlier call.
 bool ReadMac(const char* interface) {
   if (!EthernetCfg_Init(interface)) return true;
   EthernetCfg_GetActSettings(nullptr, nullptr, nullptr, nullptr, nullptr, macText, nullptr);
   EthernetCfg_Final();
   if (macText[0] != '\0') return true;
-  ul_PrStdOut(nullptr, 1, "DHCP Client - ERROR: Could not read network settings of %s\n", NameOf(interface));
+  ul_PrStdOut(nullptr, 1, "DHCP Client - ERROR: Could not read network settings of %s\n", InterfaceName(interface));
   return false;
 }
 
 /// Once per process. The line is printed before and after it has run.
 void AddBroadcastRoute(const char* interface) {
   if (!SetRoute) return;
-  const std::string command = "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(NameOf(interface));
+  const std::string command = "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(InterfaceName(interface));
   ul_PrStdOut(nullptr, 1, "DHCP Client - %s\n", command.c_str());
   ul_RunRoute(command);
   ul_PrStdOut(nullptr, 1, "DHCP Client - %s\n", command.c_str());
@@ -202,10 +200,10 @@ bool Apply(const char* interface, const Settings& settings, unsigned* leaseSecon
 }  // namespace
 
 bool ul_ConfigureNetworkWithDHCP(const char* interface, int attempts, unsigned* leaseSeconds) {
-  ul_PrStdOut(nullptr, 1, "DHCP Client - DHCP request called for interface %s\n", NameOf(interface));
+  ul_PrStdOut(nullptr, 1, "DHCP Client - DHCP request called for interface %s\n", InterfaceName(interface));
   Call call;
   if (ReadMac(interface)) {
-    ul_PrStdOut(nullptr, 1, "DHCP Client - HW address of %s is %s\n", NameOf(interface), macText);
+    ul_PrStdOut(nullptr, 1, "DHCP Client - HW address of %s is %s\n", InterfaceName(interface), macText);
     AddBroadcastRoute(interface);
   } else {
     call.failed = true;

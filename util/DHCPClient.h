@@ -7,6 +7,6 @@
 /// the settings are applied: `*leaseSeconds` is then the lease in seconds, 0 if the server named none. Also true,
 /// `*leaseSeconds` untouched, if the interface could not be opened for them. What fails is told through ul_PrStdOut().
 /// The first call of the process adds a route for the broadcasts. An attempt without a MAC address, read now or by an
-/// earlier call, is a failure that closes descriptor 0. A socket of 1024 or more counts as EMFILE, a failed attempt. One
-/// thread at a time; never throws.
+/// earlier call, is a failure that closes descriptor 0. A socket of 1024 or more counts as EMFILE, a failed attempt.
+/// One thread at a time; never throws.
 bool ul_ConfigureNetworkWithDHCP(const char* interface, int attempts, unsigned* leaseSeconds);

@@ -1,16 +1,11 @@
 #include "util/EthernetCfg.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <net/route.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -20,33 +15,29 @@
 #include <cstring>
 #include <string>
 
-#include "base/ConsoleLine.h"
+#include "base/Blank.h"
 #include "base/Descriptor.h"
-#include "util/RouteMessage.h"
+#include "util/InterfaceName.h"
+#include "util/ResolverFile.h"
+#include "util/RouteSocket.h"
 #include "util/Shell.h"
 #include "util/_Others.h"
-#include "util/_Time.h"
 
 char DefGateway[1024];
 
 namespace {
 
 constexpr std::size_t TEXT_SIZE = 128;
-constexpr const char* RESOLVER_FILE = "/etc/resolf.conf";  // spelled so: the device's own programs read this file
-constexpr AbsTime_US LONGEST_DUMP_US = 1000000;
 
 int skfd = -1;
 bool skfdIsOpen = false;  // skfd keeps its number after the close, when it may be someone else's
 char ifName[32];
 
-// --- the interface, through ioctls ---
-
 /// A request for `interface`, of whose name it holds 16 bytes; the kernel takes the last one for the terminating NUL.
-/// Null is the empty name, which no interface has.
 ifreq RequestFor(const char* interface) {
   ifreq request = {};
-  if (interface == nullptr) return request;
-  std::memcpy(request.ifr_name, interface, strnlen(interface, sizeof(request.ifr_name)));
+  const char* const name = InterfaceName(interface);
+  std::memcpy(request.ifr_name, name, strnlen(name, sizeof(request.ifr_name)));
   return request;
 }
 
@@ -159,8 +150,7 @@ void RememberGateway(const char* gateway) {
 bool GetFlags(const char* interface, ifreq* request) {
   *request = RequestFor(interface);
   if (ioctl(skfd, SIOCGIFFLAGS, request) >= 0) return true;
-  ul_PrStdOut(nullptr, 1, "Error: %s: unknown interface: %s\n", interface == nullptr ? "" : interface,
-              std::strerror(errno));
+  ul_PrStdOut(nullptr, 1, "Error: %s: unknown interface: %s\n", InterfaceName(interface), std::strerror(errno));
   return false;
 }
 
@@ -177,98 +167,6 @@ void GiveUp() {
   }
   set_flag(ifName, IFF_UP | IFF_RUNNING);
 }
-
-// --- the resolver file ---
-
-/// Opens the file emptied; one that it creates is 0644 whatever the umask.
-int OpenResolverFile() {
-  const int existing = GateDescriptor(open(RESOLVER_FILE, O_WRONLY | O_TRUNC | O_CLOEXEC));
-  if (existing >= 0 || errno != ENOENT) return existing;
-  const int created = GateDescriptor(open(RESOLVER_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (created >= 0) fchmod(created, 0644);
-  return created;
-}
-
-// --- the routing table, through netlink ---
-
-using RouteBuffer = std::array<std::uint8_t, 8192>;
-
-bool SendDumpRequest(int descriptor, RouteBuffer& buffer) {
-  buffer.fill(0);
-  nlmsghdr header = {};
-  header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));  // the routing message behind it stays zero: any family
-  header.nlmsg_type = RTM_GETROUTE;
-  header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  header.nlmsg_pid = static_cast<std::uint32_t>(getpid());
-  std::memcpy(buffer.data(), &header, sizeof(header));
-  if (send(descriptor, buffer.data(), header.nlmsg_len, 0) >= 0) return true;
-  ConsoleLine(STDERR_FILENO, "Write To Socket Failed...\n");
-  return false;
-}
-
-/// Receives one datagram of the kernel's into `buffer` from `size` on, waiting until `deadline` for it; those of others
-/// are dropped. Returns its length, or -1 with errno.
-ssize_t ReceiveFromKernel(int descriptor, RouteBuffer& buffer, std::size_t size, AbsTime_US deadline) {
-  for (;;) {
-    const double left = ul_MathAbsTime_SubFloat_US(deadline, ul_GetAbsTime_US(false));
-    pollfd waiting = {descriptor, POLLIN, 0};
-    const int ready = left > 0 ? poll(&waiting, 1, static_cast<int>(left / 1000) + 1) : 0;
-    if (ready == 0) {
-      errno = ETIMEDOUT;
-      return -1;
-    }
-    if (ready < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    sockaddr_nl sender = {};
-    socklen_t senderSize = sizeof(sender);
-    const ssize_t received = recvfrom(descriptor, buffer.data() + size, buffer.size() - size, MSG_DONTWAIT,
-                                      reinterpret_cast<sockaddr*>(&sender), &senderSize);
-    if (received < 0 && errno == EAGAIN) continue;
-    if (received < 0 || sender.nl_pid == 0) return received;
-  }
-}
-
-/// Receives the whole dump into `buffer`, one datagram behind the other; `size` becomes the bytes that hold routes. A
-/// table that does not fit ends as malformed. Replies are not matched to the request: the socket is new and the kernel
-/// the only one heard.
-bool ReceiveDump(int descriptor, RouteBuffer& buffer, std::size_t* size) {
-  const AbsTime_US deadline = ul_GetAbsTime_US(false) + LONGEST_DUMP_US;
-  RouteDump state = RouteDump::Continues;
-  *size = 0;
-  while (state == RouteDump::Continues) {
-    const ssize_t received = ReceiveFromKernel(descriptor, buffer, *size, deadline);
-    if (received < 0) {
-      ConsoleError("SOCK READ: ");
-      break;
-    }
-    std::size_t routes = 0;
-    state = RouteMessage_ScanDatagram(buffer.data() + *size, static_cast<std::size_t>(received), &routes);
-    if (state == RouteDump::Malformed) {
-      errno = EBADMSG;
-      ConsoleError("Error in recieved packet");
-    }
-    *size += routes;
-  }
-  if (state == RouteDump::Ended) return true;
-  ConsoleLine(STDERR_FILENO, "Read From Socket Failed...\n");
-  return false;
-}
-
-int LookUpGateway(int descriptor, char* gateway) {
-  RouteBuffer buffer;
-  std::size_t size = 0;
-  if (!SendDumpRequest(descriptor, buffer) || !ReceiveDump(descriptor, buffer, &size)) return -1;
-  in_addr found = {};
-  if (!RouteMessage_FindDefaultGateway(buffer.data(), size, if_indextoname, &found)) return 0;
-  inet_ntop(AF_INET, &found, gateway, TEXT_SIZE);
-  return 1;
-}
-
-// --- MAC texts ---
-
-bool IsWhiteSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 /// The value of a hexadecimal digit, -1 if it is none.
 int HexDigit(char c) {
@@ -348,7 +246,7 @@ unsigned char* ConverMacAddressStringIntoByte(const char* text, unsigned char ou
     if (second >= 0) {
       value = value * 16 + second;
       ++text;
-    } else if (last && *text != '\0' && !IsWhiteSpace(*text)) {
+    } else if (last && *text != '\0' && !IsBlank(*text)) {
       return nullptr;
     }
     if (!last && *text++ != ':') return nullptr;
@@ -359,32 +257,19 @@ unsigned char* ConverMacAddressStringIntoByte(const char* text, unsigned char ou
 }
 
 bool ConfigureNameserver(const char* first, const char* second, const char* third) {
-  const int file = OpenResolverFile();
-  if (file < 0) return false;
-  bool written = false;
-  for (const char* nameserver : {first, second, third}) {
-    if (nameserver == nullptr) continue;
-    const std::string line = std::string("nameserver ") + nameserver + "\n";
-    written = write(file, line.data(), line.size()) > 0 || written;
-  }
-  close(file);
-  return written;
+  return ResolverFile_Write({first, second, third});
 }
 
 int get_gatewayip(char* gateway) {
-  const int descriptor = GateDescriptor(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE));
-  if (descriptor < 0) {
-    ConsoleError("Socket Creation: ");
-    return -1;
-  }
-  const int result = LookUpGateway(descriptor, gateway);
-  close(descriptor);
+  in_addr found = {};
+  const int result = RouteSocket_FindDefaultGateway(&found);
+  if (result == 1) inet_ntop(AF_INET, &found, gateway, TEXT_SIZE);
   return result;
 }
 
 bool ul_GetMACAddressString(const char* interface, char* out, bool* hasAddress) {
   std::string output;
-  if (!ul_ReadCommand("ifconfig " + ul_ShellWord(interface == nullptr ? "" : interface), output)) return false;
+  if (!ul_ReadCommand("ifconfig " + ul_ShellWord(InterfaceName(interface)), output)) return false;
   const std::string label = "HWaddr ";
   const std::size_t at = output.find(label);
   if (at == std::string::npos) return false;

@@ -9,10 +9,9 @@
 #include <string>
 #include <string_view>
 
-namespace TarnXmlRpc {
+#include "base/Blank.h"
 
-/// White space as isspace() has it in the "C" locale, whatever the program's locale is.
-constexpr bool IsBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+namespace TarnXmlRpc {
 
 inline std::size_t SkipBlanks(std::string_view text, std::size_t at) {
   while (at < text.size() && IsBlank(text[at])) ++at;

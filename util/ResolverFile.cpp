@@ -1,0 +1,38 @@
+#include "util/ResolverFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "base/Descriptor.h"
+
+namespace {
+
+constexpr const char* RESOLVER_FILE = "/etc/resolf.conf";  // kept so: not the system's resolv.conf
+
+/// Opens the file emptied; one that it creates is 0644 whatever the umask.
+int OpenResolverFile() {
+  const int existing = GateDescriptor(open(RESOLVER_FILE, O_WRONLY | O_TRUNC | O_CLOEXEC));
+  if (existing >= 0 || errno != ENOENT) return existing;
+  const int created = GateDescriptor(open(RESOLVER_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (created >= 0) fchmod(created, 0644);
+  return created;
+}
+
+}  // namespace
+
+bool ResolverFile_Write(std::initializer_list<const char*> nameservers) {
+  const int file = OpenResolverFile();
+  if (file < 0) return false;
+  bool written = false;
+  for (const char* nameserver : nameservers) {
+    if (nameserver == nullptr) continue;
+    const std::string line = std::string("nameserver ") + nameserver + "\n";
+    written = write(file, line.data(), line.size()) > 0 || written;
+  }
+  close(file);
+  return written;
+}
