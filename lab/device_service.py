@@ -2,8 +2,9 @@
 """Simulated device service: what the discovery daemon talks to on a device, for the demo and the tests.
 
 Holds the settings of an imaginary device and answers the four XML-RPC methods that the daemon calls, over HTTP/1.1 with
-connections that stay open. "RPCConf.SetNetwork" changes the settings, and each call is kept. How it behaves can be set
-by the options and, while it runs, by control methods, which are always answered at once:
+connections that stay open. "RPCConf.SetNetwork" changes the settings, and each call is kept. With --interface the
+settings are those of a real interface, and a change sets it. How it behaves can be set by the options and, while it
+runs, by control methods, which are always answered at once:
 
   Test.Behave({"slow": 0.7, "fault": 4, ...})  the options below of the same names; what is not named is off
   Test.Set({"DeviceName": "Bench 2", ...})     facts of the device, whatever their type
@@ -15,7 +16,10 @@ by the options and, while it runs, by control methods, which are always answered
 
 import argparse
 import collections
+import ipaddress
+import json
 import socketserver
+import subprocess
 import sys
 import threading
 import time
@@ -33,11 +37,36 @@ NETWORK = {
 NO_BEHAVIOUR = {"slow": 0.0, "silent": False, "fault": 0, "close": False, "only": ""}
 
 
-class DeviceService:
-    """The device's facts, the calls it got, and how it behaves."""
+def ip(*words):
+    return subprocess.run(["ip", *words], check=True, stdout=subprocess.PIPE, text=True).stdout
 
-    def __init__(self, facts, behaviour, verbose):
+
+def read_interface(interface):
+    """The facts of NETWORK that an interface tells."""
+    link, = json.loads(ip("-j", "addr", "show", "dev", interface))
+    routes = json.loads(ip("-j", "route", "show", "default", "dev", interface))
+    facts = {"MACAddress": link["address"], "GatewayAddress": routes[0].get("gateway", "") if routes else ""}
+    for info in link["addr_info"]:
+        if info["family"] == "inet":
+            network = ipaddress.ip_interface(f"{info['local']}/{info['prefixlen']}")
+            return {**facts, "IPAddress": str(network.ip), "SubnetMask": str(network.netmask)}
+    return {**facts, "IPAddress": "0.0.0.0", "SubnetMask": "0.0.0.0"}
+
+
+def set_interface(interface, facts):
+    address = ipaddress.ip_interface(f"{facts['IPAddress']}/{facts['SubnetMask']}")
+    ip("-4", "addr", "flush", "dev", interface)
+    ip("addr", "add", str(address), "brd", "+", "dev", interface)
+    if facts["GatewayAddress"] not in ("", "0.0.0.0"):
+        ip("route", "replace", "default", "via", facts["GatewayAddress"], "dev", interface)
+
+
+class DeviceService:
+    """The device's facts, the calls it got, and how it behaves. `interface` is None or what a change sets."""
+
+    def __init__(self, facts, behaviour, interface, verbose):
         self._start = facts, behaviour
+        self._interface = interface
         self._verbose = verbose
         self._changed = threading.Event()
         self.reset()
@@ -60,6 +89,8 @@ class DeviceService:
     def set_network(self, params):
         self.facts.update({name: value for name, value in params.items() if name in NETWORK})
         self.facts["DHCPActive"] = int(params.get("DHCPActive", 0))   # a boolean in the call, a number in the facts
+        if self._interface and not self.facts["DHCPActive"]:
+            set_interface(self._interface, self.facts)
         return {"MethodID": "RPCConf::SetNetwork", "iRet": 0}
 
     def get_global_sys_infos(self, _params):
@@ -147,6 +178,7 @@ def main():
     parser.add_argument("--port", type=int, default=1200, help="where to listen (%(default)s)")
     parser.add_argument("--set", metavar="NAME=VALUE", action="append", default=[], help="a fact, for instance "
                         "MACAddress=00:1b:c4:00:00:01; a number where the fact is one")
+    parser.add_argument("--interface", help="the network settings are this interface's, and a change sets it")
     parser.add_argument("--slow", type=float, default=0.0, metavar="S", help="answer after S seconds")
     parser.add_argument("--silent", action="store_true", help="take calls and never answer")
     parser.add_argument("--fault", type=int, default=0, metavar="CODE", help="answer with this fault")
@@ -155,13 +187,14 @@ def main():
     parser.add_argument("--verbose", action="store_true", help="print each call")
     options = parser.parse_args()
 
-    facts = {**GLOBAL_SYS_INFOS, **NETWORK}
+    facts = {**GLOBAL_SYS_INFOS, **NETWORK, **(read_interface(options.interface) if options.interface else {})}
     for name, separator, value in (setting.partition("=") for setting in options.set):
         if not separator or type(facts.get(name)) not in (str, int, float):
             parser.error(f"--set {name}: no such fact with one value (known: {', '.join(sorted(facts))})")
         facts[name] = type(facts[name])(value)
     behaviour = {name: getattr(options, name) for name in NO_BEHAVIOUR}
-    with Server((options.address, options.port), DeviceService(facts, behaviour, options.verbose)) as server:
+    service = DeviceService(facts, behaviour, options.interface, options.verbose)
+    with Server((options.address, options.port), service) as server:
         print(f"device service listening on {options.address}:{options.port}", flush=True)
         try:
             server.serve_forever()

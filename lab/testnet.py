@@ -17,6 +17,7 @@ import xmlrpc.client
 
 LAB = pathlib.Path(__file__).resolve().parent
 INTERFACE = "eth0"
+PIPE = pathlib.Path("/tmp/tsl_app/FIFO_T_C2H_AET")
 _CLONE_NEWNET = 0x40000000
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -38,8 +39,9 @@ def _enter(path):
 class Host:
     """One machine of the network. Its processes end with it."""
 
-    def __init__(self, name, address=None):
+    def __init__(self, name, address=None, mac=None):
         self.name = name
+        self._mac = mac
         self._processes = []
         subprocess.run(["ip", "netns", "add", name], check=True)
         with self.inside():
@@ -56,7 +58,7 @@ class Host:
         subprocess.run(["ip", "-n", self.name, "link", "add", INTERFACE, *given, "type", "veth",
                         "peer", "name", port, "netns", str(os.getpid())], check=True)
         subprocess.run(["ip", "link", "set", port, "master", "lan", "up"], check=True)
-        self.run("ip", "link", "set", INTERFACE, "up")
+        self.run("ip", "link", "set", INTERFACE, *(["address", self._mac] if self._mac else []), "up")
         if address:
             self.set_address(address)
 
@@ -121,8 +123,8 @@ class Network:
         subprocess.run(["ip", "link", "add", "lan", "type", "bridge", "mcast_snooping", "0"], check=True)
         subprocess.run(["ip", "link", "set", "lan", "up"], check=True)
 
-    def host(self, name, address=None):
-        self.hosts.append(Host(name, address))
+    def host(self, name, address=None, mac=None):
+        self.hosts.append(Host(name, address, mac))
         return self.hosts[-1]
 
     def close(self):
@@ -130,6 +132,33 @@ class Network:
             host.close()
         subprocess.run(["ip", "link", "del", "lan"], check=False)
         shutil.rmtree(self.folder, ignore_errors=True)
+
+
+class Device:
+    """A measurement device: a host that runs the daemon, with a trace pipe and a `halt` of its own, and with the
+    simulated service (`facts` are its settings, "DeviceName=Bench 1") unless `facts` is None."""
+
+    def __init__(self, net, name, address, daemon, facts=(), mac=None):
+        self.host = net.host(name, address, mac)
+        self.mac = self.host.interface()["address"]
+        self.halted = pathlib.Path(net.folder, name, "halted")
+        halt = self.halted.with_name("halt")
+        halt.parent.mkdir()
+        halt.write_text(f"#!/bin/sh\ntouch {self.halted}\n(sleep 0.3; ip link set {INTERFACE} down) &\n", encoding="ascii")
+        halt.chmod(0o755)
+        settings = [word for fact in facts or () for word in ("--set", fact)]
+        self.service = None if facts is None else Service(self.host, "--interface", INTERFACE, *settings)
+        os.makedirs(PIPE.parent, exist_ok=True)
+        self.daemon = self.host.start(
+            "unshare", "--mount", "sh", "-c", f'mount -t tmpfs pipe {PIPE.parent} && exec "$0" -nodaemon', daemon,
+            env={**os.environ, "PATH": f"{halt.parent}:{os.environ['PATH']}"}, stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL)
+
+    def trace(self, text):
+        """What a program of the device does that has something to tell."""
+        pipe = os.open(f"/proc/{self.daemon.pid}/root/{PIPE}", os.O_RDWR)
+        os.write(pipe, text)
+        os.close(pipe)
 
 
 class Service:
