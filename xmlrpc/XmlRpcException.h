@@ -7,6 +7,14 @@
 
 namespace TarnXmlRpc {
 
+// The codes that values throw with.
+inline constexpr std::int32_t CODE_TYPE_ERROR = -4303;    // access of another type
+inline constexpr std::int32_t CODE_NO_ARRAY = -4304;      // an array was expected
+inline constexpr std::int32_t CODE_ARRAY_RANGE = -4305;   // the array has no such element
+inline constexpr std::int32_t CODE_NO_STRUCT = -4306;     // a struct was expected
+inline constexpr std::int32_t CODE_NO_BINARY = -4325;     // binary data was expected
+inline constexpr std::int32_t CODE_BINARY_RANGE = -4326;  // the data has no such byte
+
 /// The library's one exception: a message and a signed 32-bit code. Thrown by value, caught by reference.
 class XmlRpcException : public std::exception {
  public:

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <climits>
-#include <cmath>
+#include <utility>
 
 #include "xmlrpc/XmlRpcUtil.h"
 
@@ -10,12 +10,7 @@ namespace TarnXmlRpc {
 
 namespace {
 
-constexpr std::int32_t CODE_TYPE = -4303;
-constexpr std::int32_t CODE_NO_ARRAY = -4304;
-constexpr std::int32_t CODE_ARRAY_RANGE = -4305;
-constexpr std::int32_t CODE_NO_STRUCT = -4306;
-
-[[noreturn]] void ThrowTypeError() { throw XmlRpcException("type error", CODE_TYPE); }
+[[noreturn]] void ThrowTypeError() { throw XmlRpcException("type error", CODE_TYPE_ERROR); }
 [[noreturn]] void ThrowNoArray() { throw XmlRpcException("type error: expected an array", CODE_NO_ARRAY); }
 [[noreturn]] void ThrowArrayRange() { throw XmlRpcException("range error: array index too large", CODE_ARRAY_RANGE); }
 [[noreturn]] void ThrowNoStruct() { throw XmlRpcException("type error: expected a struct", CODE_NO_STRUCT); }
@@ -39,6 +34,14 @@ XmlRpcValue::XmlRpcValue(const std::string& value) : _type(TypeString) { _value.
 XmlRpcValue::XmlRpcValue(const std::tm& value) : _type(TypeDateTime) { _value.asTime = new std::tm(value); }
 
 XmlRpcValue::XmlRpcValue(const std::vector<char>& value) : _type(TypeBase64) { _value.asBinary = new Binary(value); }
+
+XmlRpcValue::XmlRpcValue(std::string&& value) : _type(TypeString) {
+  _value.asString = new std::string(std::move(value));
+}
+
+XmlRpcValue::XmlRpcValue(std::vector<char>&& value) : _type(TypeBase64) {
+  _value.asBinary = new Binary(std::move(value));
+}
 
 XmlRpcValue::XmlRpcValue(const XmlRpcValue& other) : tagSet(other.tagSet), _type(other._type), _value(other._value) {
   switch (other._type) {
@@ -212,6 +215,11 @@ const XmlRpcValue& XmlRpcValue::operator[](int index) const {
   return (*_value.asArray)[static_cast<std::size_t>(index)];
 }
 
+const std::vector<XmlRpcValue>& XmlRpcValue::elements() const {
+  assertArray(0);
+  return *_value.asArray;
+}
+
 XmlRpcValue& XmlRpcValue::operator[](const char* name) { return (*this)[std::string(name == nullptr ? "" : name)]; }
 
 XmlRpcValue& XmlRpcValue::operator[](const std::string& name) {
@@ -219,7 +227,11 @@ XmlRpcValue& XmlRpcValue::operator[](const std::string& name) {
   return (*_value.asStruct)[name];
 }
 
-/// The member of that name, or null where there is none or this is no struct.
+const std::map<std::string, XmlRpcValue>& XmlRpcValue::members() const {
+  assertStruct();
+  return *_value.asStruct;
+}
+
 const XmlRpcValue* XmlRpcValue::findMember(const std::string& name) const {
   if (_type != TypeStruct) return nullptr;
   const auto found = _value.asStruct->find(name);

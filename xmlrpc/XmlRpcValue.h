@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "xmlrpc/XmlRpcException.h"
@@ -151,6 +152,8 @@ class XmlRpcValue {
   XmlRpcValue(const std::tm& value);
   /// Binary data.
   XmlRpcValue(const std::vector<char>& value);
+  XmlRpcValue(std::string&& value);
+  XmlRpcValue(std::vector<char>&& value);
   XmlRpcValue(const void*) = delete;
   XmlRpcValue(const volatile void*) = delete;
   XmlRpcValue(unsigned) = delete;
@@ -173,6 +176,8 @@ class XmlRpcValue {
   XmlRpcValue& operator=(const std::string& value) { return *this = XmlRpcValue(value); }
   XmlRpcValue& operator=(const std::tm& value) { return *this = XmlRpcValue(value); }
   XmlRpcValue& operator=(const std::vector<char>& value) { return *this = XmlRpcValue(value); }
+  XmlRpcValue& operator=(std::string&& value) { return *this = XmlRpcValue(std::move(value)); }
+  XmlRpcValue& operator=(std::vector<char>&& value) { return *this = XmlRpcValue(std::move(value)); }
   XmlRpcValue& operator=(const void*) = delete;
   XmlRpcValue& operator=(const volatile void*) = delete;
   XmlRpcValue& operator=(unsigned) = delete;
@@ -199,8 +204,7 @@ class XmlRpcValue {
   int countMembers() const;
 
   // Implicit conversion on access. The non-const forms give an invalid value the wanted type with empty storage and
-  // throw on any other mismatch; the const forms throw on every mismatch. Codes: -4303 type, -4304 no array, -4305
-  // array too short, -4306 no struct, -4325 no binary data, -4326 binary data too short.
+  // throw on any other mismatch; the const forms throw on every mismatch. The codes are in XmlRpcException.h.
 
   void assertTypeOrInvalid(Type t);
   void assertTypeOrInvalid(Type t) const;
@@ -227,23 +231,29 @@ class XmlRpcValue {
   std::tm& getDateTime();
   const std::tm& getDateTime() const;
 
-  /// Throws -4303 "type error" unless the value is binary data.
+  /// Throws CODE_TYPE_ERROR unless the value is binary data.
   const std::vector<char>& getBinaryData() const;
-  /// The byte at `index`. Throws -4303 as above; outside the data -4326 with the text "type error", which callers of
-  /// the device's software compare.
+  /// The byte at `index`. Throws as above; outside the data CODE_BINARY_RANGE, with the text "type error", kept for
+  /// compatibility.
   unsigned char getBinaryDataAt(int index) const;
 
   /// The element at `index`; the non-const form grows the array to hold it, which moves the elements: references to
   /// them and assignments like v[99] = v[0] need the array to have its size before. A negative index or INT_MAX throws
-  /// as one too large does (-4305).
+  /// as one too large does (CODE_ARRAY_RANGE).
   XmlRpcValue& operator[](int index);
   const XmlRpcValue& operator[](int index) const;
+  /// All elements, for loops; throws CODE_NO_ARRAY unless the value is an array.
+  const std::vector<XmlRpcValue>& elements() const;
   /// The member of that name, which is made (invalid) when it is absent: reading an absent member creates it.
   XmlRpcValue& operator[](const char* name);
   XmlRpcValue& operator[](const std::string& name);
+  /// All members by name, for loops; throws CODE_NO_STRUCT unless the value is a struct.
+  const std::map<std::string, XmlRpcValue>& members() const;
 
-  // Look-ups that never throw: false, or TypeInvalid, on anything but a struct that has the member.
+  // Look-ups that never throw: null, false or TypeInvalid on anything but a struct that has the member.
 
+  /// The member itself, valid until the struct changes.
+  const XmlRpcValue* findMember(const std::string& name) const;
   bool hasMember(const std::string& name) const;
   /// `out` is untouched when the result is false; it may be this value.
   bool getMember(const std::string& name, XmlRpcValue& out) const;
@@ -259,8 +269,9 @@ class XmlRpcValue {
 
   /// A struct with both "faultCode" and "faultString".
   bool IsFaultResponse() const;
-  /// 0 when this is no fault. Throws -4303 when the code is there but no int.
+  /// 0 when this is no fault. Throws CODE_TYPE_ERROR when the code is there but no int, as a server may send it.
   int GetFaultCode();
+  /// Empty when this is no fault. Throws CODE_TYPE_ERROR when the text is there but no string.
   std::string GetFaultString();
 
   bool Test() const { return true; }
@@ -334,6 +345,8 @@ class XmlRpcValue {
   void PrintIf(int condition, const char* name, const char* prefix) const;
   /// A compact form in one line without a line end.
   std::ostream& write(std::ostream& stream) const;
+  /// The same. Found for values alone, so that nothing else is printed by way of becoming one.
+  friend std::ostream& operator<<(std::ostream& stream, const XmlRpcValue& value) { return value.write(stream); }
 
  private:
   friend class XmlReader;
@@ -370,7 +383,6 @@ class XmlRpcValue {
   void deleteStorage() noexcept;
   Storage& inlineScalar(Type t);
   const Storage& inlineScalar(Type t) const;
-  const XmlRpcValue* findMember(const std::string& name) const;
   void printContainer(std::FILE* stream, const char* name, const char* prefix) const;
   bool iniText(std::string& text) const;
   std::uint64_t expectedXml(int set) const;

@@ -6,9 +6,6 @@ namespace TarnXmlRpc {
 
 namespace {
 
-constexpr std::int32_t CODE_NO_BINARY = -4325;
-constexpr std::int32_t CODE_BINARY_RANGE = -4326;
-
 [[noreturn]] void ThrowNoBinary() { throw XmlRpcException("type error: expected binary data", CODE_NO_BINARY); }
 
 }  // namespace

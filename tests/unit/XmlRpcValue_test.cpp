@@ -91,10 +91,12 @@ TEST(Value, AccessOfAnotherTypeOrPastTheEndThrowsAndChangesNothing) {
       {"-4303 type error",
        {[&] { number.getInt64(); }, [&] { invalid.getInt(); }, [&] { number.getBinaryData(); },
         [&] { fault.GetFaultCode(); }}},
-      {"-4304 type error: expected an array", {[&] { number[-1]; }, [&] { invalid.assertArray(0); }}},
+      {"-4304 type error: expected an array",
+       {[&] { number[-1]; }, [&] { invalid.assertArray(0); }, [&] { invalid.elements(); }}},
       {"-4305 range error: array index too large",
        {[&] { constArray.assertArray(4); }, [&] { constArray[3]; }, [&] { fresh[-1]; }, [&] { fresh[INT_MAX]; }}},
-      {"-4306 type error: expected a struct", {[&] { number["x"]; }, [&] { invalid.assertStruct(); }}},
+      {"-4306 type error: expected a struct",
+       {[&] { number["x"]; }, [&] { invalid.assertStruct(); }, [&] { array.members(); }}},
       {"-4325 type error: expected binary data",
        {[&] { number.assertBinaryData(1); }, [&] { invalid.assertBinaryData(0); }}},
       {"-4326 range error: index too large", {[&] { constData.assertBinaryData(4); }}},
@@ -122,6 +124,35 @@ TEST(Value, CopiesAreDeepAndMovesLeaveTheSourceInvalid) {
   EXPECT_TRUE(original.getTagSet() == 1 && !copy.valid() && copy.getTagSet() == 0);  // NOLINT: that is the promise
   original = 'c';
   EXPECT_TRUE(original == 99 && original.getTagSet() == 0);
+}
+
+template <typename T, typename = void>
+constexpr bool isPrinted = false;
+template <typename T>
+constexpr bool isPrinted<T, std::void_t<decltype(std::declval<std::ostream&>() << std::declval<T>())>> = true;
+static_assert(isPrinted<XmlRpcValue> && !isPrinted<std::tm>);  // nothing else, by way of becoming a value
+
+TEST(Value, IsReadWithoutACopyAndTakesOverTexts) {
+  const XmlRpcValue v = OneOfEach();
+  std::ostringstream all;
+  for (const XmlRpcValue& element : v.elements()) all << element << ' ';
+  for (const auto& [name, member] : v[5].members()) {
+    all << name.size() << member << ' ';
+    EXPECT_EQ(&member, v[5].findMember(name));
+  }
+  EXPECT_EQ("1 -5 1 0.5 Zm9vYmFyZm9vYmFyZm9vYmFyZm9v [a:" + text +
+                ",a name long enough to be there too:20240105T07:08:09] 1" + text + " 3420240105T07:08:09 ",
+            all.str());
+  EXPECT_EQ(nullptr, v.findMember("a"));
+  EXPECT_EQ(nullptr, v[5].findMember("b"));
+  std::string taken = text, assigned = text;
+  std::vector<char> bytes(100), more(100);
+  const void* const places[] = {taken.data(), assigned.data(), bytes.data(), more.data()};
+  XmlRpcValue values[] = {std::move(taken), 1, std::move(bytes), 1};
+  values[1] = std::move(assigned);
+  values[3] = std::move(more);
+  for (const int i : {0, 1}) EXPECT_EQ(places[i], values[i].getString().data()) << i;
+  for (const int i : {2, 3}) EXPECT_EQ(places[i], values[i].getBinaryData().data()) << i;
 }
 
 TEST(Value, SurvivesItsOwnParts) {
