@@ -5,6 +5,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/unit/FailingAllocations.h"
+#include "tests/unit/LoopbackPeer.h"
 #include "xmlrpc/XmlRpcValue.h"
 
 using TarnXmlRpc::XmlRpcValue;
@@ -57,6 +59,20 @@ TEST(IniFile, TakesNoOtherTypeAndThenLeavesTheFileAlone) {
     EXPECT_FALSE(value.toINIFile(path) || value.toINIFile(ini, "", "") || value.toINIFile(ini, nullptr, ""));
     EXPECT_EQ("before kept", Text() + " " + ini.GetValue("", "a"));
   }
+}
+
+TEST(IniFile, IsClosedAlsoWhenMemoryRunsOut) {
+  XmlRpcValue value, read(7);
+  value["a"]["b"] = std::string(100, 'x');
+  const int before = CountDescriptors();
+  const auto isClosed = [&] { return CountDescriptors() == before; };
+  const auto mustSucceed = [](bool done) {
+    if (!done) throw std::bad_alloc();  // as some of it does within SimpleIni
+  };
+  FailEach([&] { mustSucceed(value.toINIFile(path)); }, isClosed, true);
+  FailEach([&] { mustSucceed(read.fromINIFile(path)); }, isClosed, true);
+  EXPECT_EQ(Text(), "[a]\nb = " + std::string(100, 'x') + "\n");
+  EXPECT_EQ(value, read);
 }
 
 }  // namespace

@@ -4,10 +4,10 @@
 #include <climits>
 #include <cmath>
 #include <functional>
-#include <new>
 #include <random>
 #include <sstream>
 
+#include "tests/unit/FailingAllocations.h"
 #include "xmlrpc/XmlRpcClient.h"
 #include "xmlrpc/XmlRpcClientTransportHTTP.h"
 #include "xmlrpc/XmlRpcUtil.h"
@@ -17,25 +17,6 @@ using namespace TarnXmlRpc;
 
 /// tests/fuzz/Value_fuzz.cpp: reads what the bytes say, compares it with the literal rules and aborts if they differ.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-static long blocks = 0, allocationsLeft = -1;  // allocated and not freed; before one fails, negative for never
-
-// Not inlined: g++ takes malloc() and free() in sight for a mismatched pair.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const block = allocationsLeft == 0 ? nullptr : std::malloc(size == 0 ? 1 : size);
-  if (block == nullptr) throw std::bad_alloc();
-  if (allocationsLeft > 0) --allocationsLeft;
-  ++blocks;
-  return block;
-}
-[[gnu::noinline]] void operator delete(void* block) noexcept {
-  blocks -= block == nullptr ? 0 : 1;
-  std::free(block);
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void operator delete[](void* block) noexcept { operator delete(block); }
-void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
-void operator delete[](void* block, std::size_t) noexcept { operator delete(block); }
 
 namespace {
 
@@ -344,23 +325,6 @@ TEST(Reading, GetsThroughHostileDocuments) {
   for (const std::string& xml : documents) {
     XmlRpcValue value;
     EXPECT_NE("-", Read(xml, value).substr(0, 1));
-  }
-}
-
-/// Runs `action` with ever later allocations failing until none does; each failure loses no block and passes `check`.
-template <typename Action, typename Check>
-void FailEach(const Action& action, const Check& check) {
-  bool failed = true;
-  for (long n = 0; failed; ++n) {
-    const long before = blocks;
-    allocationsLeft = n;
-    try {
-      action();
-      failed = false;
-    } catch (const std::bad_alloc&) {
-    }
-    allocationsLeft = -1;
-    EXPECT_TRUE(failed ? before == blocks && check() : n > 0) << "after failure " << n;
   }
 }
 

@@ -17,10 +17,18 @@ bool Store(XmlRpcValue::Ini& ini, const char* section, const char* key, const ch
   return ini.SetValue(section, key, text, nullptr, true) >= 0;
 }
 
+struct Closer {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+/// Closed also when memory runs out in SimpleIni.
+using File = std::unique_ptr<std::FILE, Closer>;
+
+File Open(const std::string& name, const char* mode) { return File(std::fopen(name.c_str(), mode)); }
+
 /// Closes a file that was written; false if not everything reached it.
-bool CloseWritten(std::FILE* file) {
-  const bool written = std::ferror(file) == 0;
-  return std::fclose(file) == 0 && written;
+bool CloseWritten(File file) {
+  const bool written = std::ferror(file.get()) == 0;
+  return std::fclose(file.release()) == 0 && written;
 }
 
 }  // namespace
@@ -55,11 +63,11 @@ bool XmlRpcValue::toINIFile(Ini& ini, const char* section, const char* key) cons
 bool XmlRpcValue::toINIFile(const std::string& fileName) const {
   Ini ini;
   if (!toINIFile(ini, "", "")) return false;
-  std::FILE* file = std::fopen(fileName.c_str(), "wb");
+  File file = Open(fileName, "wb");
   if (file == nullptr) return false;
-  Ini::FileWriter writer(file);
+  Ini::FileWriter writer(file.get());
   const bool saved = ini.Save(writer) >= 0;
-  return CloseWritten(file) && saved;
+  return CloseWritten(std::move(file)) && saved;
 }
 
 bool XmlRpcValue::fromINIFile(Ini& ini) {
@@ -88,12 +96,12 @@ bool XmlRpcValue::fromINIFile(Ini& ini) {
 }
 
 bool XmlRpcValue::fromINIFile(const std::string& fileName) {
-  std::FILE* file = std::fopen(fileName.c_str(), "rb");
-  if (file == nullptr) return false;
   Ini ini;
-  const bool loaded = ini.LoadFile(file) >= 0;
-  std::fclose(file);
-  return loaded && fromINIFile(ini);
+  {
+    const File file = Open(fileName, "rb");
+    if (file == nullptr || ini.LoadFile(file.get()) < 0) return false;
+  }
+  return fromINIFile(ini);
 }
 
 }  // namespace TarnXmlRpc
