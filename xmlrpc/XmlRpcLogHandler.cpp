@@ -1,7 +1,12 @@
 #include "xmlrpc/XmlRpcLogHandler.h"
 
+#include <poll.h>
+#include <stdio_ext.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "base/ConsoleLine.h"
 
@@ -18,10 +23,25 @@ union WholeRun {
 WholeRun<DefaultLogHandler> defaultLogHandler;
 WholeRun<DefaultErrorHandler> defaultErrorHandler;
 
-/// Writes `msg` and a line break after what the program itself has printed so far.
+/// Writes out what the program itself has printed so far, if that cannot wait: neither for another thread that holds
+/// the stream, nor for the reader of a full pipe, which takes ConsoleLineLimit bytes at most once it is writable.
+void FlushWithoutWaiting(std::FILE* stream) {
+  if (ftrylockfile(stream) != 0) return;
+  const std::size_t pending = __fpending(stream);
+  pollfd output = {fileno(stream), POLLOUT, 0};
+  if (pending > 0 && pending <= ConsoleLineLimit && poll(&output, 1, 0) == 1 && output.revents == POLLOUT) {
+    std::fflush(stream);
+  }
+  funlockfile(stream);
+}
+
+/// Writes `msg`, cut to a line, and a line break; errno is left as it was.
 void WriteLine(std::FILE* stream, const char* msg) {
-  std::fflush(stream);
-  ConsoleLine(fileno(stream), std::string(msg) + '\n');
+  const int cause = errno;
+  FlushWithoutWaiting(stream);
+  errno = cause;
+  std::string line(std::string_view(msg).substr(0, ConsoleLineLimit - 1));
+  ConsoleLine(fileno(stream), line += '\n');
 }
 
 }  // namespace

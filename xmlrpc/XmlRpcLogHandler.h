@@ -30,8 +30,9 @@ void setVerbosity(int verbosity);
 
 }  // namespace TarnXmlRpc
 
-/// Writes each message and a line break to standard output, at once. A message for which a full pipe has no room is
-/// dropped, so that logging never blocks the program.
+/// Writes each message, cut to 4095 bytes, and a line break to standard output, at once. It never blocks: a message for
+/// which a full pipe has no room is dropped, and what the program itself has printed goes out before it only if it is
+/// at most 4096 bytes and there is room; else it follows when the program flushes it.
 class DefaultLogHandler : public TarnXmlRpc::XmlRpcLogHandler {
  public:
   void log(int level, const char* msg) override;

@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <future>
 
@@ -231,6 +233,52 @@ TEST(Log, GoesUpToTheVerbosityCutTo1022Characters) {
   XmlRpcUtil::error("%s", std::string(5000, 'x').c_str());
   EXPECT_EQ("1\nnow\n", testing::internal::GetCapturedStdout());
   EXPECT_EQ(std::string(1022, 'x') + "\n", testing::internal::GetCapturedStderr());
+}
+
+/// Standard output as a small pipe while it exists.
+struct StandardOutputPipe {
+  StandardOutputPipe() {
+    std::fflush(stdout);
+    EXPECT_EQ(0, pipe2(ends, O_NONBLOCK));
+    dup2(ends[1], STDOUT_FILENO);
+  }
+  ~StandardOutputPipe() {
+    dup2(console, STDOUT_FILENO);
+    for (const int descriptor : {console, ends[0], ends[1]}) close(descriptor);
+  }
+  void Fill() const {
+    while (write(ends[1], std::string(4096, '.').data(), 4096) > 0) continue;
+    fcntl(ends[1], F_SETFL, 0);
+  }
+  std::string Take() const {
+    std::string all;
+    char piece[4096];
+    for (ssize_t n; (n = read(ends[0], piece, sizeof piece)) > 0;) all.append(piece, static_cast<std::size_t>(n));
+    return all;
+  }
+  const int console = dup(STDOUT_FILENO);
+  int ends[2] = {};
+};
+
+TEST(Log, NeverBlocksAndKeepsItsLineBreak) {
+  alarm(60);  // ends a test that blocks
+  const StandardOutputPipe output;
+  const auto log = [](const std::string& text) { DefaultLogHandler().log(0, text.c_str()); };
+  std::printf("started ");
+  log(std::string(5000, 'x'));
+  EXPECT_EQ(output.Take(), "started " + std::string(4095, 'x') + "\n");
+
+  std::printf("kept");
+  output.Fill();
+  log("dropped");
+  EXPECT_EQ(output.Take().find_first_not_of('.'), std::string::npos);
+  flockfile(stdout);
+  std::thread([&] { log("passes"); }).join();
+  funlockfile(stdout);
+  EXPECT_EQ(output.Take(), "passes\n");
+  std::fflush(stdout);
+  EXPECT_EQ(output.Take(), "kept");
+  alarm(0);
 }
 
 }  // namespace
