@@ -1,6 +1,5 @@
 # The daemon as a device runs it: the program, its systemd unit and its manual page. The unit names the program by its
 # full path, which is known only when --prefix is.
-include(GNUInstallDirs)
 
 install(TARGETS tarnddpd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT daemon)
 install(FILES packaging/tarnddpd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT daemon)

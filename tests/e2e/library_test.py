@@ -1,7 +1,9 @@
 """The installed library, as a stranger's program finds it: usage: library_test.py BUILD_FOLDER SOURCE_FOLDER"""
 
+import ctypes
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -26,31 +28,46 @@ class InstalledLibrary(unittest.TestCase):
         cls.work = pathlib.Path(cls.folder.name)
         cls.prefix = cls.work / "installed"
         run("cmake", "--install", BUILD, "--component", "library", "--prefix", cls.prefix)
+        cache = (BUILD / "CMakeCache.txt").read_text()
+        cls.compiler = re.search(r"^CMAKE_CXX_COMPILER:\w+=(.*)$", cache, re.M).group(1)
+        cls.sanitized = re.search(r"^TARN_SANITIZE:BOOL=ON$", cache, re.M) is not None
+        cls.flags = ["-fsanitize=address,undefined"] if cls.sanitized else []
+
+        server = xmlrpc.server.SimpleXMLRPCServer(("127.0.0.1", 0), logRequests=False)
+        server.register_function(lambda params: {"name": f"channel {params['channel']}", "ok": True}, "describe")
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        cls.server = server
 
     @classmethod
     def tearDownClass(cls):
+        cls.server.shutdown()
+        cls.server.server_close()
         cls.folder.cleanup()
 
     def build(self, source):
         """Configures and builds the project in the folder source against the installed copy."""
-        compiler = re.search(r"^CMAKE_CXX_COMPILER:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.M).group(1)
-        sanitize = re.search(r"^TARN_SANITIZE:BOOL=ON$", (BUILD / "CMakeCache.txt").read_text(), re.M)
         out = self.work / ("build-" + source.name)
-        run("cmake", "-S", source, "-B", out, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={compiler}",
-            "-DCMAKE_CXX_FLAGS=" + ("-fsanitize=address,undefined" if sanitize else ""))
+        run("cmake", "-S", source, "-B", out, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={self.compiler}",
+            "-DCMAKE_CXX_FLAGS=" + " ".join(self.flags))
         run("cmake", "--build", out)
         return out
 
-    def test_a_program_calls_a_method_of_another_implementation(self):
-        server = xmlrpc.server.SimpleXMLRPCServer(("127.0.0.1", 0), logRequests=False)
-        server.register_function(lambda params: {"name": f"channel {params['channel']}", "ok": True}, "describe")
-        threading.Thread(target=server.serve_forever, daemon=True).start()
-        program = self.build(SOURCE / "examples" / "call") / "call"
+    def compile(self, source, pkgconfig, *options):
+        """Compiles one file with what pkg-config says, where only the folder pkgconfig is searched."""
+        flags = subprocess.run(["pkg-config", "--cflags", "--libs", "tarnxmlrpc"], capture_output=True, text=True,
+                               check=True, env={"PATH": "/usr/bin:/bin", "PKG_CONFIG_LIBDIR": str(pkgconfig)}).stdout
+        self.assertNotIn("simpleini", flags)
+        program = pkgconfig / "program"
+        run(self.compiler, "-std=c++17", *self.flags, *options, source, *flags.split(), "-o", program)
+        return program
+
+    def assert_calls(self, program):
         self.assertEqual(
-            run(program, "127.0.0.1", server.server_address[1]),
+            run(program, "127.0.0.1", self.server.server_address[1]),
             'result, TypeStruct, size = 2\nresult[name] = "channel 7", TypeString\nresult[ok] = true, TypeBoolean\n')
-        server.shutdown()
-        server.server_close()
+
+    def test_a_program_calls_a_method_of_another_implementation(self):
+        self.assert_calls(self.build(next(self.prefix.rglob("examples")) / "call") / "call")
 
     def test_the_code_in_the_manual_is_true(self):
         pieces = re.findall(r"^```cpp\n(.*?)^```$", (SOURCE / "docs" / "library.md").read_text(), re.M | re.S)
@@ -67,12 +84,41 @@ class InstalledLibrary(unittest.TestCase):
             (SOURCE / "examples" / "call" / "CMakeLists.txt").read_text().replace("call", "manual"))
         run(self.build(source) / "manual")
 
-    def test_pkg_config_is_enough_and_nobody_needs_simpleini(self):
-        flags = subprocess.run(["pkg-config", "--cflags", "--libs", "tarnxmlrpc"], capture_output=True, text=True,
-                               env={"PATH": "/usr/bin:/bin",
-                                    "PKG_CONFIG_PATH": str(next(self.prefix.rglob("pkgconfig")))}).stdout.split()
-        self.assertIn("-ltarnxmlrpc", flags)
-        self.assertNotIn("simpleini", " ".join(flags))
+    def test_pkg_config_finds_the_library_wherever_it_was_installed(self):
+        run("cmake", "--install", BUILD, "--component", "library", "--prefix", self.work / "first")
+        moved = (self.work / "first").rename(self.work / "moved")
+        self.assert_calls(self.compile(SOURCE / "examples/call/main.cpp", next(moved.rglob("pkgconfig"))))
+        for name, libdir, includedir in ("a", "lib/arm/deep", self.work / "headers"), ("b", self.work / "libs", "inc"):
+            out = self.work / f"configured-{name}"
+            run("cmake", "-S", SOURCE, "-B", out, f"-DCMAKE_INSTALL_LIBDIR={libdir}", "-DBUILD_TESTING=OFF",
+                f"-DCMAKE_INSTALL_INCLUDEDIR={includedir}", f"-DCMAKE_CXX_COMPILER={self.compiler}")
+            for library in BUILD.rglob("libtarn*.a"):  # built before, from the same sources
+                shutil.copy(library, out / library.relative_to(BUILD))
+            run("cmake", "--install", out, "--component", "library", "--prefix", self.work / f"prefix-{name}")
+            pkgconfig = self.work / f"prefix-{name}" / libdir / "pkgconfig"
+            self.assert_calls(self.compile(SOURCE / "examples/call/main.cpp", pkgconfig))
+
+    def test_a_plug_in_can_be_made_of_the_static_library(self):
+        source = self.work / "plugin.cpp"
+        source.write_text(
+            '#include <cstring>\n#include "xmlrpc/XmlRpcClient.h"\n#include "xmlrpc/XmlRpcClientTransportHTTP.h"\n'
+            'using namespace TarnXmlRpc;\nextern "C" bool AsksFor7(const char* ip, int port) {\n'
+            "  XmlRpcValue config, channel, result;\n  config[\"IP\"] = ip;\n  config[\"Port\"] = port;\n"
+            "  XmlRpcClientTransportHTTP transport;\n  transport.SetCfg(config);\n  transport.Connect();\n"
+            '  channel["channel"] = 7;\n  XmlRpcClient(&transport).execute("describe", channel, result);\n'
+            '  return result["name"] == "channel 7";\n}\n')
+        plugin = self.compile(source, next(self.prefix.rglob("pkgconfig")), "-fPIC", "-shared")
+        if not self.sanitized:  # whose run time library would have to be there first
+            self.assertTrue(ctypes.CDLL(str(plugin)).AsksFor7(b"127.0.0.1", self.server.server_address[1]))
+
+    def test_the_public_headers_stand_alone_and_no_other_is_installed(self):
+        include = next(self.prefix.rglob("tarn"))
+        headers = sorted(str(header.relative_to(include)) for header in include.rglob("*.h"))
+        self.assertEqual({"net", "xmlrpc"}, {header.split("/")[0] for header in headers})
+        everything = self.work / "everything.cpp"
+        for header in headers:
+            everything.write_text(f'#include "{header}"\n')
+            run(self.compiler, "-std=c++17", "-fsyntax-only", "-I", include, everything)
 
 
 if __name__ == "__main__":
