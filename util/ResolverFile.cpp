@@ -13,11 +13,13 @@ namespace {
 
 constexpr const char* RESOLVER_FILE = "/etc/resolf.conf";  // kept so: not the system's resolv.conf
 
-/// Opens the file emptied; one that it creates is 0644 whatever the umask.
+/// Opens the file emptied; one that it creates is 0644 whatever the umask. Never waits, not even for the reader of a
+/// pipe that somebody put there.
 int OpenResolverFile() {
-  const int existing = GateDescriptor(open(RESOLVER_FILE, O_WRONLY | O_TRUNC | O_CLOEXEC));
+  constexpr int how = O_WRONLY | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  const int existing = GateDescriptor(open(RESOLVER_FILE, how));
   if (existing >= 0 || errno != ENOENT) return existing;
-  const int created = GateDescriptor(open(RESOLVER_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  const int created = GateDescriptor(open(RESOLVER_FILE, how | O_CREAT, 0644));
   if (created >= 0) fchmod(created, 0644);
   return created;
 }
