@@ -13,11 +13,12 @@
 
 #include "base/Descriptor.h"
 
-/// The most that a pipe takes in one piece once `poll` calls it writable (PIPE_BUF of Linux).
+/// The most that a pipe takes in one piece once poll() calls it writable (PIPE_BUF of Linux).
 inline constexpr std::size_t ConsoleLineLimit = 4096;
 
-/// Writes what fits of `line` to the terminal `descriptor` without waiting, which `poll` cannot promise for one. Goes
-/// through a file description of its own: O_NONBLOCK on the terminal's would be everybody's who has it open.
+/// Writes what fits of `line` to the terminal `descriptor` without waiting: a terminal that poll() calls writable may
+/// still have too little room. Opens it anew for that, as O_NONBLOCK on `descriptor` itself would also hold for every
+/// other process that has the terminal from the same place.
 inline void WriteToTerminal(int descriptor, std::string_view line) {
   char path[32];
   std::snprintf(path, sizeof path, "/proc/self/fd/%d", descriptor);
@@ -28,13 +29,13 @@ inline void WriteToTerminal(int descriptor, std::string_view line) {
 }
 
 /// Writes `line`, which brings its own line end, to `descriptor` (standard output or error) in one write, and only if
-/// it fits without waiting; else it is dropped, or cut on a terminal. A longer line is cut to ConsoleLineLimit bytes.
-/// errno is left as it was. So a supervisor that stopped reading blocks nobody, and one that went away costs the line.
-/// Only one that goes away just then raises SIGPIPE, which is the caller's to catch.
+/// it fits without waiting; else it is dropped, or cut on a terminal. So a reader that stopped blocks nobody. A longer
+/// line is cut to ConsoleLineLimit bytes. errno is left as it was. A pipe whose reader is gone costs the line; only
+/// if it goes between the look and the write, SIGPIPE is raised, which the program ignores or not.
 inline void ConsoleLine(int descriptor, std::string_view line) {
   const int cause = errno;
   pollfd stream = {descriptor, POLLOUT, 0};
-  if (poll(&stream, 1, 0) == 1 && stream.revents == POLLOUT) {  // and no error: the reader is there
+  if (poll(&stream, 1, 0) == 1 && stream.revents == POLLOUT) {  // no error beside it: the reader is there
     line = line.substr(0, ConsoleLineLimit);
     if (isatty(descriptor) != 0) {
       WriteToTerminal(descriptor, line);

@@ -26,7 +26,7 @@ sockaddr_in MakeAddress(in_addr_t address, unsigned short port) {
   return made;
 }
 
-int NewSocket() { return GateDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP)); }
+int NewSocket() { return GateDescriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP)); }
 
 int Connect(int descriptor, const sockaddr_in& address) {
   return connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
@@ -95,25 +95,25 @@ int Close(int& descriptor) {
 
 bool CTCP::Call(const std::string& ip, unsigned short port) {
   const sockaddr_in address = MakeAddress(inet_addr(ip.c_str()), port);
-  socket = NewSocket();
-  if (socket == -1) return false;
-  return Connect(socket, address) != -1;
+  _socket = NewSocket();
+  if (_socket == -1) return false;
+  return Connect(_socket, address) != -1;
 }
 
 bool CTCP::Call(const std::string& ip, unsigned short port, unsigned long timeout) {
   const sockaddr_in address = MakeAddress(inet_addr(ip.c_str()), port);
-  socket = NewSocket();
-  if (socket == -1) return false;
-  const int flags = fcntl(socket, F_GETFL);
-  if (flags == -1 || fcntl(socket, F_SETFL, flags | O_NONBLOCK) == -1) return false;
-  if (Connect(socket, address) == 0) return true;
+  _socket = NewSocket();
+  if (_socket == -1) return false;
+  const int flags = fcntl(_socket, F_GETFL);
+  if (flags == -1 || fcntl(_socket, F_SETFL, flags | O_NONBLOCK) == -1) return false;
+  if (Connect(_socket, address) == 0) return true;
   if (errno != EINPROGRESS) return false;
-  return AwaitConnection(socket, timeout);
+  return AwaitConnection(_socket, timeout);
 }
 
 bool CTCP::Send(const void* data, unsigned long length) {
   sent = 0;
-  const ssize_t count = send(socket, data, length, MSG_NOSIGNAL);
+  const ssize_t count = send(_socket, data, length, MSG_NOSIGNAL);
   if (count == -1) {
     ConsoleError("CTCP::Send()");
     return false;
@@ -125,7 +125,7 @@ bool CTCP::Send(const void* data, unsigned long length) {
 bool CTCP::Receive(void* buffer, unsigned long length) {
   received = 0;
   if (length == 0) return true;
-  const ssize_t count = recv(socket, buffer, length, 0);
+  const ssize_t count = recv(_socket, buffer, length, 0);
   if (count == -1) {
     ConsoleError("CTCP::Receive()");
     return false;
@@ -140,50 +140,50 @@ bool CTCP::Receive(void* buffer, unsigned long length) {
 
 int CTCP::Receive(void* buffer, unsigned long length, unsigned long timeout) {
   received = 0;
-  if (socket == -1) return STATUS_NO_SOCKET;
-  const int ready = WaitReadable(socket, timeout);
+  if (_socket == -1) return STATUS_NO_SOCKET;
+  const int ready = WaitReadable(_socket, timeout);
   if (ready < 0) return errno + STATUS_ERRNO;
   if (ready == 0) return STATUS_RECEIVE_TIMEOUT;
   return Receive(buffer, length) ? 0 : errno + STATUS_ERRNO;
 }
 
-bool CTCP::OpenPort(unsigned long address, unsigned short port, int connections) {
-  listenSocket = -1;
-  backlog = connections;
+bool CTCP::OpenPort(unsigned long address, unsigned short port, int backlog) {
+  _listenSocket = -1;
+  _backlog = backlog;
   const sockaddr_in local = MakeAddress(htonl(static_cast<std::uint32_t>(address)), port);
-  listenSocket = NewSocket();
-  if (listenSocket == -1) {
+  _listenSocket = NewSocket();
+  if (_listenSocket == -1) {
     ConsoleError("NetOpenServerPort socket");
     return false;
   }
-  const bool listening = SetOption(listenSocket, SOL_SOCKET, SO_REUSEADDR, 1) &&
-                         bind(listenSocket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0 &&
-                         SetOption(listenSocket, IPPROTO_TCP, TCP_NODELAY, 1) && listen(listenSocket, backlog) == 0;
-  if (!listening) CloseSocket(listenSocket);
+  const bool listening = SetOption(_listenSocket, SOL_SOCKET, SO_REUSEADDR, 1) &&
+                         bind(_listenSocket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0 &&
+                         SetOption(_listenSocket, IPPROTO_TCP, TCP_NODELAY, 1) && listen(_listenSocket, _backlog) == 0;
+  if (!listening) CloseSocket(_listenSocket);
   return listening;
 }
 
 bool CTCP::Accept() {
-  socket = GateDescriptor(accept4(listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
-  if (backlog == 1) CloseSocket(listenSocket);
-  if (socket == -1) {
+  _socket = GateDescriptor(accept4(_listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
+  if (_backlog == 1) CloseSocket(_listenSocket);
+  if (_socket == -1) {
     ConsoleError("CTCP::Accept(): accept");
     return false;
   }
-  if (!SetOption(socket, IPPROTO_TCP, TCP_NODELAY, 1)) {
+  if (!SetOption(_socket, IPPROTO_TCP, TCP_NODELAY, 1)) {
     ConsoleError("CTCP::Accept(): setsockopt TCP_NODELAY");
-    CloseSocket(socket);
+    CloseSocket(_socket);
     return false;
   }
   return true;
 }
 
 bool CTCP::Accept(unsigned long timeout) {
-  if (listenSocket == -1) {
+  if (_listenSocket == -1) {
     errno = STATUS_NO_SOCKET;
     return false;
   }
-  const int ready = WaitReadable(listenSocket, timeout);
+  const int ready = WaitReadable(_listenSocket, timeout);
   if (ready < 0) return false;
   if (ready == 0) {
     errno = STATUS_ACCEPT_TIMEOUT;
@@ -195,14 +195,14 @@ bool CTCP::Accept(unsigned long timeout) {
 bool CTCP::Accept(int& descriptor) {
   descriptor = -1;
   if (!Accept()) return false;
-  std::swap(descriptor, socket);
+  std::swap(descriptor, _socket);
   return true;
 }
 
 bool CTCP::Accept(int& descriptor, unsigned long timeout) {
   descriptor = -1;
   if (!Accept(timeout)) return false;
-  std::swap(descriptor, socket);
+  std::swap(descriptor, _socket);
   return true;
 }
 
@@ -215,9 +215,9 @@ bool CTCP::ActivateKeepalive() {
                {IPPROTO_TCP, TCP_KEEPINTVL, 5, "CTCP::ActivateKeepalive(): setsockopt TCP_KEEPINTVL"},
                {IPPROTO_TCP, TCP_KEEPCNT, 5, "CTCP::ActivateKeepalive(): setsockopt TCP_KEEPCNT"}};
   for (const auto& step : steps) {
-    if (SetOption(socket, step.level, step.option, step.value)) continue;
+    if (SetOption(_socket, step.level, step.option, step.value)) continue;
     ConsoleError(step.failure);
-    CloseSocket(socket);
+    CloseSocket(_socket);
     return false;
   }
   return true;
@@ -225,13 +225,13 @@ bool CTCP::ActivateKeepalive() {
 
 bool CTCP::SetSendBufferSize(int size) {
   // Half of it: the kernel doubles what it is given.
-  if (SetOption(socket, SOL_SOCKET, SO_SNDBUF, size / 2)) return true;
-  CloseSocket(socket);
+  if (SetOption(_socket, SOL_SOCKET, SO_SNDBUF, size / 2)) return true;
+  CloseSocket(_socket);
   return false;
 }
 
 bool CTCP::GetDeviceIP(const char* interfaceName, unsigned long& address) {
-  const int probe = NewSocket();  // stays open: callers know that a call costs a descriptor
+  const int probe = NewSocket();  // never closed: kept for compatibility, the header warns
   if (probe == -1) {
     ConsoleError("GetDeviceIP socket");
     return false;
@@ -246,12 +246,12 @@ bool CTCP::GetDeviceIP(const char* interfaceName, unsigned long& address) {
   return true;
 }
 
-bool CTCP::GetListenSocketAddr(sockaddr_in* address) const { return GetLocalAddress(listenSocket, *address); }
+bool CTCP::GetListenSocketAddr(sockaddr_in* address) const { return GetLocalAddress(_listenSocket, *address); }
 
 int CTCP::GetPort(unsigned short& port) const {
   port = 0;
   sockaddr_in local = {};
-  if (!GetLocalAddress(socket != -1 ? socket : listenSocket, local)) return -1;
+  if (!GetLocalAddress(_socket != -1 ? _socket : _listenSocket, local)) return -1;
   port = ntohs(local.sin_port);
   return port;
 }
@@ -260,7 +260,7 @@ bool CTCP::GetPeerIP(char* text) const {
   *text = '\0';
   sockaddr_in peer = {};
   socklen_t size = sizeof peer;
-  if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) == -1) return false;
+  if (getpeername(_socket, reinterpret_cast<sockaddr*>(&peer), &size) == -1) return false;
   return inet_ntop(AF_INET, &peer.sin_addr, text, INET_ADDRSTRLEN) != nullptr;
 }
 
@@ -268,7 +268,7 @@ bool CTCP::GetLocalConnectedIPAndPort(std::string& ip, std::string& port) const 
   ip.clear();
   port.clear();
   sockaddr_in local = {};
-  if (!GetLocalAddress(socket, local)) return false;
+  if (!GetLocalAddress(_socket, local)) return false;
   char text[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &local.sin_addr, text, sizeof text);
   ip = text;
@@ -283,11 +283,11 @@ void CTCP::CloseSocket(int& descriptor) {
   errno = cause;
 }
 
-int CTCP::Hangup() { return Close(socket); }
+int CTCP::Hangup() { return Close(_socket); }
 
-int CTCP::ClosePort() { return Close(listenSocket); }
+int CTCP::ClosePort() { return Close(_listenSocket); }
 
 void CTCP::clear() {
-  CloseSocket(listenSocket);
-  CloseSocket(socket);
+  CloseSocket(_listenSocket);
+  CloseSocket(_socket);
 }

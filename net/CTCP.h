@@ -33,9 +33,9 @@ class CTCP {
 
   /// Takes over `descriptor`, whatever it is, as the connected socket. On one of 1024 or more a timed wait fails with
   /// EBADF.
-  void SetSocket(int descriptor) { socket = descriptor; }
+  void SetSocket(int descriptor) { _socket = descriptor; }
   /// The connected socket; -1 if there is none.
-  int GetSocket() const { return socket; }
+  int GetSocket() const { return _socket; }
 
   /// Connects to the dotted quad `ip` and blocks for as long as the system tries. A text that is no address is taken
   /// for 255.255.255.255. The socket stays open after a failure too, until clear(), Hangup() or the destructor.
@@ -94,7 +94,7 @@ class CTCP {
   void clear();
 
  private:
-  std::int32_t listenSocket = -1;
-  std::int32_t socket = -1;
-  std::int32_t backlog = 0;
+  std::int32_t _listenSocket = -1;
+  std::int32_t _socket = -1;
+  std::int32_t _backlog = 0;
 };

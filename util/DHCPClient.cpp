@@ -39,7 +39,7 @@ struct Settings {
 
 /// The state of one call.
 struct Call {
-  bool failed = false;  // never cleared: after a failure the remaining attempts only sleep
+  bool failed = false;  // never cleared, so that the attempts after a failure only sleep
   int descriptor = 0;   // until there is a socket: see CloseSocket()
   Settings settings;
 };
@@ -172,7 +172,7 @@ bool Attempt(Call& call, int seconds) {
 }
 
 /// Attempts until one gets a lease or all are used up. As the failed mark stays, only the first one can; the others
-/// sleep, which is the pause that a caller gets after a failure.
+/// just sleep, kept for compatibility.
 bool Exchange(Call& call, int attempts) {
   for (int attempt = 0; attempt < attempts; ++attempt) {
     if (Attempt(call, attempts)) return true;
@@ -184,7 +184,7 @@ bool Exchange(Call& call, int attempts) {
 }
 
 bool Apply(const char* interface, const Settings& settings, unsigned* leaseSeconds) {
-  if (!EthernetCfg_Init(interface)) return true;  // callers count on the exchange alone
+  if (!EthernetCfg_Init(interface)) return true;  // a lease that nothing was set from: kept for compatibility
   ul_PrStdOut(nullptr, 1, "DHCP Client - Configure %s with new network settings\n", interface);
   const bool applied = EthernetCfg_SetActSettings(settings.address, settings.mask, settings.broadcast, settings.gateway,
                                                   settings.nameServer);

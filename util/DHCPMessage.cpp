@@ -45,24 +45,24 @@ constexpr char HOST_NAME[] = "tarn-xt175-ts";  // its 13 characters are part of 
 /// Writes bytes one behind the other; what is written has a fixed size that fits.
 class Writer {
  public:
-  Writer(DHCPBuffer& buffer, std::size_t at) : buffer_(buffer), at_(at) {}
+  Writer(DHCPBuffer& buffer, std::size_t at) : _buffer(buffer), _at(at) {}
   void Bytes(std::initializer_list<std::uint8_t> bytes) { Copy(bytes.begin(), bytes.size()); }
   void Address(in_addr address) { Copy(&address, sizeof(address)); }  // is in network order already
   void Copy(const void* bytes, std::size_t size) {
-    std::memcpy(buffer_.data() + at_, bytes, size);
-    at_ += size;
+    std::memcpy(_buffer.data() + _at, bytes, size);
+    _at += size;
   }
   void ParameterList() { Bytes({OPTION_PARAMETER_LIST, 11, 1, 15, 3, 6, 44, 46, 47, 31, 33, 121, 43}); }
   /// Ends the options and notes their length.
   void End() {
     Bytes({OPTION_END});
-    const auto length = static_cast<std::uint8_t>(at_ - COOKIE);
-    Writer(buffer_, OPTIONS_LENGTH).Bytes({length, 0, 0, 0});
+    const auto length = static_cast<std::uint8_t>(_at - COOKIE);
+    Writer(_buffer, OPTIONS_LENGTH).Bytes({length, 0, 0, 0});
   }
 
  private:
-  DHCPBuffer& buffer_;
-  std::size_t at_;
+  DHCPBuffer& _buffer;
+  std::size_t _at;
 };
 
 /// The fields before the options, as far as they are ours.

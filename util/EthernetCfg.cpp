@@ -47,7 +47,7 @@ bool IsInitialized() {
   return false;
 }
 
-/// Tells that the kernel refused something, and why (errno). Always false.
+/// Prints that the kernel refused something, and why (errno). Always false.
 bool Refused(const char* what) {
   ul_PrStdOut(nullptr, 1, "Error: %s: %s\n", what, std::strerror(errno));
   return false;

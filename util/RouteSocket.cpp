@@ -61,8 +61,8 @@ ssize_t ReceiveFromKernel(int descriptor, RouteBuffer& buffer, std::size_t size,
 }
 
 /// Receives the whole dump into `buffer`, one datagram behind the other; `size` becomes the bytes that hold routes. A
-/// table that does not fit ends as malformed. Replies are not matched to the request: the socket is new and the kernel
-/// the only one heard.
+/// table that does not fit ends as malformed. Nothing matches the replies to the request: the socket is new, and of the
+/// kernel alone they are taken.
 bool ReceiveDump(int descriptor, RouteBuffer& buffer, std::size_t* size) {
   const AbsTime_US deadline = ul_GetAbsTime_US(false) + LONGEST_DUMP_US;
   RouteDump state = RouteDump::Continues;

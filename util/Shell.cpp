@@ -27,52 +27,52 @@ bool IsTooLong(const std::string& command) {
 void DoNothing(int) {}
 
 /// A child inherits an ignored signal but not a caught one. So while a command is started, an ignored SIGPIPE is caught
-/// by a handler that does nothing: at no moment could a broken pipe end this process, and the command gets the default.
+/// by a handler that does nothing: the command gets the default, and a broken pipe never ends this process.
 class CaughtPipeSignal {
  public:
   CaughtPipeSignal() {
-    if (sigaction(SIGPIPE, nullptr, &before_) != 0 || before_.sa_handler != SIG_IGN) return;
+    if (sigaction(SIGPIPE, nullptr, &_before) != 0 || _before.sa_handler != SIG_IGN) return;
     struct sigaction caught = {};
     caught.sa_handler = DoNothing;
     caught.sa_flags = SA_RESTART;
     sigemptyset(&caught.sa_mask);
-    ignored_ = sigaction(SIGPIPE, &caught, nullptr) == 0;
+    _ignored = sigaction(SIGPIPE, &caught, nullptr) == 0;
   }
   ~CaughtPipeSignal() {
-    if (ignored_) sigaction(SIGPIPE, &before_, nullptr);
+    if (_ignored) sigaction(SIGPIPE, &_before, nullptr);
   }
   CaughtPipeSignal(const CaughtPipeSignal&) = delete;
   CaughtPipeSignal& operator=(const CaughtPipeSignal&) = delete;
 
  private:
-  struct sigaction before_ = {};
-  bool ignored_ = false;
+  struct sigaction _before = {};
+  bool _ignored = false;
 };
 
-/// Standard output or error while a command runs: where its reader stopped or went away, it leads to /dev/null, since
-/// the command knows nothing of our care and would wait for the reader for ever, and we for the command.
+/// Standard output or error while a command runs: where its reader stopped or went away, it leads to /dev/null. The
+/// command would wait for that reader without end, and this process for the command.
 class HarmlessStream {
  public:
-  explicit HarmlessStream(int stream) : stream_(stream) {
+  explicit HarmlessStream(int stream) : _stream(stream) {
     pollfd look = {stream, POLLOUT, 0};
     if (poll(&look, 1, 0) == 1 && (look.revents == POLLOUT || (look.revents & POLLNVAL) != 0)) return;
     const int null = GateDescriptor(open("/dev/null", O_WRONLY | O_CLOEXEC));
     if (null < 0) return;
-    before_ = GateDescriptor(fcntl(stream, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    if (before_ >= 0) dup2(null, stream);
+    _before = GateDescriptor(fcntl(stream, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (_before >= 0) dup2(null, stream);
     close(null);
   }
   ~HarmlessStream() {
-    if (before_ < 0) return;
-    dup2(before_, stream_);
-    close(before_);
+    if (_before < 0) return;
+    dup2(_before, _stream);
+    close(_before);
   }
   HarmlessStream(const HarmlessStream&) = delete;
   HarmlessStream& operator=(const HarmlessStream&) = delete;
 
  private:
-  int stream_;
-  int before_ = -1;
+  int _stream;
+  int _before = -1;
 };
 
 /// Starts a shell for `command` with that standard output and environment: its process id, or -1 with errno.

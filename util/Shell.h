@@ -3,8 +3,8 @@
 #include <string>
 
 /// `text` as at most one shell word: as it stands if it is empty or no character means anything to a shell, else
-/// quoted. A NUL ends the text, as it would end the command. Every command given to ul_RunCommand() is made of literals
-/// and this, but for the one line that a tool may have executed.
+/// quoted. A NUL ends the text, as it would end the command. Commands are made of literals and such words, except the
+/// line that a tool asks to have executed.
 std::string ul_ShellWord(const std::string& text);
 
 /// Runs `command` with system(), waits for its end and returns what system() does: -1 with errno, or the exit status as

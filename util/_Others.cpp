@@ -42,14 +42,14 @@ class LineBuffer {
     std::vsnprintf(End(), Room(), format, arguments);
     va_end(arguments);
   }
-  const char* Text() const { return text_.data(); }
-  std::size_t Size() const { return std::strlen(text_.data()); }
+  const char* Text() const { return _text.data(); }
+  std::size_t Size() const { return std::strlen(_text.data()); }
   /// Where the next text goes, and how many bytes it may have, its NUL included.
-  char* End() { return text_.data() + Size(); }
-  std::size_t Room() const { return text_.size() - Size(); }
+  char* End() { return _text.data() + Size(); }
+  std::size_t Room() const { return _text.size() - Size(); }
 
  private:
-  std::array<char, 1024> text_ = {};
+  std::array<char, 1024> _text = {};
 };
 
 /// The last component of a path, of which at most 499 bytes are looked at, cut to 255.

@@ -19,7 +19,7 @@ int ul_PrStdOut(const char* file, int line, const char* format, ...) __attribute
 
 /// Prints `text` with the number and the text of errno: "text error code = 2 (No such file or directory)\n". With a
 /// `file` and a `line` of 0 or more, the time since the first print and the place stand before it. That time is a
-/// million times too long, microseconds shown as seconds; it stays so for those who read the logs.
+/// million times too long, microseconds shown as seconds: kept for compatibility.
 void ul_PrSystemError(const char* file, int line, const char* text);
 
 /// Prints a line that says so, then counts the time of ul_PrSystemError() from now.
