@@ -9,6 +9,7 @@ import sys
 import tempfile
 import threading
 import unittest
+import unittest.mock as mock
 import xmlrpc.server
 
 BUILD, SOURCE = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
@@ -33,10 +34,11 @@ class InstalledLibrary(unittest.TestCase):
         cls.sanitized = re.search(r"^TARN_SANITIZE:BOOL=ON$", cache, re.M) is not None
         cls.flags = ["-fsanitize=address,undefined"] if cls.sanitized else []
 
-        server = xmlrpc.server.SimpleXMLRPCServer(("127.0.0.1", 0), logRequests=False)
-        server.register_function(lambda params: {"name": f"channel {params['channel']}", "ok": True}, "describe")
-        threading.Thread(target=server.serve_forever, daemon=True).start()
-        cls.server = server
+        cls.describe = staticmethod(lambda channel: {"name": f"channel {channel}", "ok": True})
+        cls.server = xmlrpc.server.SimpleXMLRPCServer(("127.0.0.1", 0), logRequests=False)
+        cls.server.register_function(lambda params: cls.describe(params["channel"]), "describe")
+        threading.Thread(target=cls.server.serve_forever, daemon=True).start()
+        cls.address = "127.0.0.1", str(cls.server.server_address[1])
 
     @classmethod
     def tearDownClass(cls):
@@ -62,12 +64,29 @@ class InstalledLibrary(unittest.TestCase):
         return program
 
     def assert_calls(self, program):
-        self.assertEqual(
-            run(program, "127.0.0.1", self.server.server_address[1]),
-            'result, TypeStruct, size = 2\nresult[name] = "channel 7", TypeString\nresult[ok] = true, TypeBoolean\n')
+        self.assertEqual(run(program, *self.address), "name = channel 7\nok = 1\n")
 
     def test_a_program_calls_a_method_of_another_implementation(self):
-        self.assert_calls(self.build(next(self.prefix.rglob("examples")) / "call") / "call")
+        program = self.build(next(self.prefix.rglob("examples")) / "call") / "call"
+        self.assert_calls(program)
+
+        def fault(code, text):
+            def describe(channel):
+                raise xmlrpc.client.Fault(code, text)
+            return describe
+        for code, text, message in ((4, "no", "status 4 no"), (0, "no", "status 0 no"),
+                                    ("4", "no", "an odd fault: type error"), (4, 5, "an odd fault: type error")):
+            with self.subTest(message), mock.patch.object(InstalledLibrary, "describe", fault(code, text)):
+                done = subprocess.run([program, *self.address], capture_output=True, text=True)
+                self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", f"call: {message}\n"))
+
+    def test_a_transport_of_ones_own_can_bound_the_answer(self):
+        program = self.build(next(self.prefix.rglob("examples")) / "bounded") / "bounded"
+        self.assertIn("channel 7", run(program, *self.address, 1000))
+        for answer in "x" * 2000, "x" * 1000000:
+            with self.subTest(len(answer)), mock.patch.object(InstalledLibrary, "describe", lambda channel: answer):
+                done = subprocess.run([program, *self.address, "1000"], capture_output=True, text=True)
+                self.assertEqual((done.returncode, done.stdout), (1, "too long\n"))
 
     def test_the_code_in_the_manual_is_true(self):
         pieces = re.findall(r"^```cpp\n(.*?)^```$", (SOURCE / "docs" / "library.md").read_text(), re.M | re.S)
@@ -77,7 +96,7 @@ class InstalledLibrary(unittest.TestCase):
         bodies = "".join(f"void Piece{i}() {{\n{piece}}}\n" for i, piece in enumerate(pieces))
         calls = "".join(f"  Piece{i}();\n" for i in range(len(pieces)))
         (source / "main.cpp").write_text(
-            '#undef NDEBUG\n#include <cassert>\n#include "xmlrpc/XmlRpcClient.h"\n'
+            '#undef NDEBUG\n#include <cassert>\n#include <iostream>\n#include <sstream>\n#include "xmlrpc/XmlRpcClient.h"\n'
             '#include "xmlrpc/XmlRpcClientTransportHTTP.h"\n#include "xmlrpc/XmlRpcUtil.h"\n'
             f"using namespace TarnXmlRpc;\n{bodies}int main() {{\n{calls}}}\n")
         (source / "CMakeLists.txt").write_text(
@@ -109,7 +128,7 @@ class InstalledLibrary(unittest.TestCase):
             '  return result["name"] == "channel 7";\n}\n')
         plugin = self.compile(source, next(self.prefix.rglob("pkgconfig")), "-fPIC", "-shared")
         if not self.sanitized:  # whose run time library would have to be there first
-            self.assertTrue(ctypes.CDLL(str(plugin)).AsksFor7(b"127.0.0.1", self.server.server_address[1]))
+            self.assertTrue(ctypes.CDLL(str(plugin)).AsksFor7(b"127.0.0.1", int(self.address[1])))
 
     def test_the_public_headers_stand_alone_and_no_other_is_installed(self):
         include = next(self.prefix.rglob("tarn"))
