@@ -65,7 +65,9 @@ class Devices {
     std::vector<Heard> heard;
     std::vector<Device> devices;
   };
+  struct Part;
   void Split(Group& group);
+  int IdOf(const Part& part, const std::vector<Device>& before);
 
   std::map<std::string, Group> groups;
   int lastAge = 0;
@@ -73,8 +75,9 @@ class Devices {
 };
 
 /// The devices that `wanted` means: a MAC address in any spelling, its last four or more digits, a serial number, a
-/// name, or an address that a device answers from. A whole MAC address means nothing else. The placeholders of a device
-/// without its service are not compared. None, one, or the candidates.
+/// name, or an address that a device answers from (IPv6 with or without its zone). A whole MAC address and an answering
+/// address come before the rest. The placeholders of a device without its service are not compared. None, one, or the
+/// candidates.
 std::vector<Device> FindDevice(const std::vector<Device>& devices, std::string_view wanted);
 
 }  // namespace tarnddp

@@ -26,4 +26,8 @@ std::vector<Finding> Judge(const std::vector<Device>& devices, const Host& host)
 /// What helps when nothing at all came, as lines.
 std::vector<std::string> ExplainSilence(const Host& host);
 
+/// On which interfaces this PC drops whatever devices in other networks answer over IPv4, and the route that helps, as
+/// lines. Not where one of `findings` tells it for a device.
+std::vector<std::string> ExplainFilters(const std::vector<Finding>& findings, const Host& host);
+
 }  // namespace tarnddp

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -56,16 +57,21 @@ class Network {
   bool IsUsable() const;
   /// The smallest receive buffer that a socket got, in bytes, and what was asked for.
   int ReceiveBuffer() const;
-  static int ReceiveBufferWanted();
+  static constexpr int ReceiveBufferWanted() { return 4 << 20; }
 
-  /// Sends `datagram` to all devices: one datagram for each way and interface. False if not one could be sent.
+  /// How many datagrams have come in.
+  std::size_t Received() const;
+
+  /// Sends `datagram` to all devices: one datagram for each way and interface. False if not one could be sent; then
+  /// SendError() says why.
   bool SendToAll(std::string_view datagram);
+  const std::string& SendError() const;
 
   /// Sends `datagram` the way back that an answer came: to the link-local address; by unicast to port 5562 if it came
-  /// by broadcast; else to the group. False, with the reason in `error`, if it could not be sent.
-  bool Send(const Source& to, std::string_view datagram, std::string* error = nullptr);
+  /// by broadcast; else to the group. False if it could not be sent; then SendError() says why.
+  bool Send(const Source& to, std::string_view datagram);
   /// The same by unicast to `port` of that address, whatever the way.
-  bool SendToPort(const Source& to, std::uint16_t port, std::string_view datagram, std::string* error = nullptr);
+  bool SendToPort(const Source& to, std::uint16_t port, std::string_view datagram);
 
   /// The next datagram; nothing when none came until `deadline` or, with a KeepOnInterrupt, after Ctrl-C.
   std::optional<Datagram> Receive(Time deadline);
@@ -84,6 +90,8 @@ struct Collection {
   double seconds = 2;  ///< how long answers are collected
   int expect = 0;      ///< ends 0.3 s after so many devices; 0: the whole time
 };
+
+Clock::duration SecondsToDuration(double seconds);
 
 /// Asks by all ways on all interfaces of `network` (at once, after 0.25 s and after 0.75 s) and adds every answer to
 /// `devices` until the time is over. `onProgress`, if any, is called after each change and at least every 0.1 s. False

@@ -17,8 +17,12 @@ struct Finding {
   std::vector<std::string> problems;
 };
 
-/// How a device is called in a message: its name and serial number, or its MAC address, or where it answers from.
+/// How a device is called in a message: "Bench 1 (00:1b:c4:0a:ff:05)", without the name while the service is away, and
+/// with where it answers from if its MAC address is not known.
 std::string Calling(const Device& device);
+
+/// "192.168.1.20/24", without the prefix where it is not known, "-" without an address.
+std::string AddressText(const Settings& settings);
 
 /// A table of one line for each device below a line of headings. `columns` is the width of the terminal: lines are cut
 /// to it and less important columns left out; 0: all columns, uncut.
@@ -27,11 +31,12 @@ std::vector<std::string> Table(const std::vector<Finding>& findings, int columns
 /// One JSON object without a line end, in ASCII alone. `event` and `time` are added if `event` is not empty.
 std::string Json(const Finding& finding, std::string_view event = {}, std::string_view time = {});
 
-/// The settings of `set-ip --json` and the like, as one object; "null" for none.
-std::string SettingsJson(const std::optional<Settings>& settings);
-
 /// The heading of a plan, and the row of a device in it, as fields.
 std::vector<std::string> PlanHeading();
 std::vector<std::string> PlanRow(const Device& device);
+
+/// What became of a device that was heard before: "ADDRESS 192.168.1.10/24 -> 192.168.1.20/24, DHCP on -> off"; empty
+/// if all but how it was heard is as it was.
+std::string DescribeChange(const Finding& before, const Finding& after);
 
 }  // namespace tarnddp

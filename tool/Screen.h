@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tarnddp {
+
+/// Lines that stay in place on the terminal that standard output is: what is shown takes the place of what was.
+class Screen {
+ public:
+  /// Prints as many of `lines` as the terminal has room for, and how many there are more.
+  void Show(const std::vector<std::string>& lines);
+  /// Prints all of them. The next lines come below.
+  void Finish(const std::vector<std::string>& lines);
+
+ private:
+  void Replace(const std::vector<std::string>& lines);
+  std::vector<std::string> shown;
+};
+
+}  // namespace tarnddp
