@@ -39,7 +39,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarnxmlrpc-config.cmake
 
 # The pkg-config files find the rest from where they are. Only with a library folder outside the prefix do they need to
 # know the prefix, which is certain when they are installed.
-cmake_path(APPEND pc_include "\${prefix}" "${CMAKE_INSTALL_INCLUDEDIR}" tarn)
+set(pc_include "${CMAKE_INSTALL_INCLUDEDIR}/tarn")
+if(NOT IS_ABSOLUTE "${pc_include}")
+  string(PREPEND pc_include "\${prefix}/")
+endif()
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
   set(pc_prefix "\"\${CMAKE_INSTALL_PREFIX}\"")
 else()
