@@ -1,8 +1,23 @@
 #include "ddp/DeviceService.h"
 
+#include "rpc/Item.h"
+
 TarnXmlRpc::XmlRpcClientTransportHTTP XmlRpcTransport;
 TarnXmlRpc::XmlRpcClient XmlRpcClient(&XmlRpcTransport);
 std::string sInterfaceName = "eth0";
+
+namespace {
+
+/// Whether a response does not name the method called, while one to an earlier request is still to come. A fault names
+/// none, so that a late fault cannot be told from the call's own.
+bool IsOfAnotherCall(const std::string& method, const TarnXmlRpc::XmlRpcValue& params,
+                     const TarnXmlRpc::XmlRpcValue& results) {
+  if (results.IsFaultResponse()) return false;
+  const std::string name = RPCItem::GetText(results, RPCItem::MethodID);
+  return name != method && name != RPCItem::GetText(params, RPCItem::MethodID);
+}
+
+}  // namespace
 
 bool TarnDDPCommand_Init(const std::string& host, int port, const std::string& interfaceName) {
   constexpr unsigned ConnectTimeout_MS = 500;
@@ -30,11 +45,14 @@ bool TarnDDPCommand_Final() {
 bool CallDeviceService(const char* method, const TarnXmlRpc::XmlRpcValue& params, TarnXmlRpc::XmlRpcValue& results,
                        AfterTimeout afterTimeout) {
   constexpr int STATUS_OUT_OF_STEP = -3405;
+  const unsigned owed = XmlRpcTransport.OwedResponses();
   try {
     const int status = XmlRpcClient.execute(method, params, results);
+    const bool hasResponse = XmlRpcTransport.OwedResponses() == owed;
+    const bool isLate = owed > 0 && hasResponse && IsOfAnotherCall(method, params, results);
     const bool isTimeout = status == STATUS_RECEIVE_TIMEOUT && afterTimeout == AfterTimeout::Disconnect;
-    if (isTimeout || status == STATUS_OUT_OF_STEP) XmlRpcTransport.Disconnect();
-    return status < -9999 || status > -1;
+    if (isLate || isTimeout || status == STATUS_OUT_OF_STEP) XmlRpcTransport.Disconnect();
+    return !isLate && (status < -9999 || status > -1);
   } catch (...) {
     XmlRpcTransport.Disconnect();
     return false;

@@ -29,9 +29,11 @@ bool TarnDDPCommand_Final();
 enum class AfterTimeout { Disconnect, Keep };
 
 /// Calls `method` over the open connection; `results` then holds what the service sent, or is invalid. True unless the
-/// call failed, which is a status of -9999 to -1 or an exception: a positive fault code is a success with other members
-/// than expected. Disconnects, so that the loop connects anew, when the connection is out of step: after an exception,
-/// the status -3405, and -3560 (no answer in time) as `afterTimeout` says. Blocks for 0.5 s per read, as the transport
-/// is set. Never throws.
+/// call failed, which is a status of -9999 to -1, an exception, or an answer to another call: a positive fault code is
+/// a success with other members than expected. Never throws. Blocks for 0.5 s per read, as the transport is set.
+///
+/// Disconnects, so that the loop connects anew, when the connection is out of step: after an exception, the status
+/// -3405, -3560 (no answer in time) as `afterTimeout` says, and an answer that came too late for its own call. While
+/// the connection owes an answer, that is one whose "MethodID" does not name this method.
 bool CallDeviceService(const char* method, const TarnXmlRpc::XmlRpcValue& params, TarnXmlRpc::XmlRpcValue& results,
                        AfterTimeout afterTimeout = AfterTimeout::Disconnect);

@@ -5,8 +5,8 @@ namespace RPCItem {
 using TarnXmlRpc::XmlRpcException;
 using TarnXmlRpc::XmlRpcValue;
 
-void SetDefaults(XmlRpcValue& record, const char* methodID, std::initializer_list<Item> defaults) {
-  record["MethodID"] = methodID;
+void SetDefaults(XmlRpcValue& record, const char* identifier, std::initializer_list<Item> defaults) {
+  record[MethodID] = identifier;
   for (const Item& item : defaults) {
     if (!record.hasMember(item.name)) record[item.name] = item.value;
   }

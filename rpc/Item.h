@@ -1,6 +1,6 @@
 #pragma once
 
-// What the method bindings are made of. Internal to rpc/.
+// What the method bindings are made of, and what reads them.
 
 #include <initializer_list>
 #include <string>
@@ -17,13 +17,16 @@
 
 namespace RPCItem {
 
+/// The member of every struct that names the method.
+inline constexpr char MethodID[] = "MethodID";
+
 struct Item {
   const std::string& name;
   TarnXmlRpc::XmlRpcValue value;
 };
 
 /// Makes `record` a struct with the method's identifier and, where it has none yet, the default of each item.
-void SetDefaults(TarnXmlRpc::XmlRpcValue& record, const char* methodID, std::initializer_list<Item> defaults);
+void SetDefaults(TarnXmlRpc::XmlRpcValue& record, const char* identifier, std::initializer_list<Item> defaults);
 
 /// The text of a string member. An absent one is added, empty, also to a record that a failed call left invalid. Empty
 /// for a member of another type and on a record that is no struct; never throws XmlRpcException.

@@ -3,21 +3,12 @@
 #include <string_view>
 #include <utility>
 
+#include "xmlrpc/Buffers.h"
 #include "xmlrpc/XmlRpcUtil.h"
 
 namespace TarnXmlRpc {
 
 namespace {
-
-/// Empties both documents of a call, however it ends.
-struct DocumentsOfOneCall {
-  std::string& request;
-  std::string& response;
-  ~DocumentsOfOneCall() {
-    request.clear();
-    response.clear();
-  }
-};
 
 /// `paramXml` is null for a call without a parameter.
 std::string RequestDocument(const char* methodName, const std::string_view* paramXml) {
@@ -77,7 +68,7 @@ bool XmlRpcClient::parseResponse(XmlRpcValue& result) {
 template <typename Params, typename Status>
 int XmlRpcClient::exchange(const char* method, const Params& params, XmlRpcValue& result, const unsigned long* timeout,
                            const Status& statusOf) {
-  const DocumentsOfOneCall documents{request, response};
+  const BuffersOfOneCall documents{request, response};
   {
     const XmlRpcValue former = std::move(result);  // which is invalid now, while what is sent may be a part of `former`
     if (transport == nullptr) return STATUS_NO_TRANSPORT;

@@ -44,12 +44,17 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
   int Disconnect() override;
   /// STATUS_NOT_CONNECTED unless connected: by the flag alone, the server may be gone all the same.
   int TestConnection() override;
-  /// Whether the open connection has anything to read: data, its end or an error. Looks without waiting. False without
-  /// an open socket. Between two exchanges, anything to read means that it is out of step with the server.
-  bool HasInput() const;
+  /// Whether the idle connection has anything to read but line ends: data, its end or an error. Between two exchanges
+  /// that means that it is out of step with the server; a line end behind the response is common, and is read and
+  /// dropped. Never waits. False without an open socket.
+  bool HasInput();
   /// Whether the open connection leads to itself: connecting to a local port that nobody listens on may do so, if the
   /// system chooses that very port for our end. False without an open socket.
   bool IsItsOwnPeer() const;
+
+  /// Requests on this connection without their response yet: such a response may still come, and be read as that of a
+  /// later request. 0 after a connect or disconnect. A response without a good length counts, as does a fault.
+  unsigned OwedResponses() const { return owed; }
 
   /// One exchange. On success `response` is the body of the response, surplus bytes included; on failure a fault
   /// document whose code is the status (-1 for STATUS_SEND_FAILED). `request` and `response` may be one string. A
@@ -60,8 +65,9 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
 
  private:
   std::string generateHeader(const std::string& body) const;
+  int exchange(const std::string& request, std::string& response);
   int readHeader();
-  int readResponse();  // until the body is whole, as execute() does in place
+  int readResponse();  // until the body is whole, as exchange() does in place
   int readString(std::string& target);
 
   std::string host;
@@ -82,6 +88,7 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
 
  private:
   HttpHead head;  // how far `header` is read
+  unsigned owed = 0;
 };
 
 }  // namespace TarnXmlRpc

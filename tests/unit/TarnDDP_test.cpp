@@ -43,6 +43,16 @@ struct FakeService : TarnXmlRpc::XmlRpcClientTransportHTTP {
   }
 };
 
+/// What a service answers that names `method`, or, if it has a '-', faults.
+std::string HttpAnswer(const std::string& method) {
+  TarnXmlRpc::XmlRpcValue members;
+  members["MethodID"] = method;
+  std::string body;
+  TarnXmlRpc::XmlRpcUtil::generateResponse(body, members.toXml(0));
+  if (method[0] == '-') TarnXmlRpc::XmlRpcUtil::generateFaultResponse(body, "late", std::stoi(method));
+  return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
 constexpr char ident[] = "DEVICEIDENT?\r\n", mode[] = "SETDHCPMODE!\t0\r\n", address[] = "SETIPADDRESS!\t1\t2\r\n";
 constexpr char infos[] = "RPCMeas.GetGlobalSysInfos", get[] = "RPCConf.GetNetwork", set[] = "RPCConf.SetNetwork";
 
@@ -107,6 +117,41 @@ TEST(Command, DisconnectsFromAServiceThatIsOutOfStepAndDoesWithoutOneThatFails) 
     EXPECT_TRUE(datagram != ident || Server.IsOwnMacAddress(isServed ? "" : "00:00:00:00:00:00"));
   }
   XmlRpcTransport.connected = false;
+}
+
+/// "RPCConf.GetNetwork" is answered at the next request, and each request from then on at the one after; or never. Then
+/// no record mixes, and none is empty; a service that is silent there keeps its connection.
+TEST(Command, NeverTakesALateAnswerForItsOwn) {
+  const std::string never = "", id = "RPCConf::GetNetwork", dotted = get, nameless = "?", fault = "-17", success = "-1";
+  const std::tuple<std::string, const char*, bool, bool> cases[] = {
+      {never, ident, false, true},     {id, ident, false, false},      {dotted, ident, false, false},
+      {nameless, ident, false, false}, {id, address, false, false},    {id, mode, false, false},
+      {fault, address, false, true},   {"-10000", address, true, true}};
+  XmlRpcClient = TarnXmlRpc::XmlRpcClient(&XmlRpcTransport);
+  for (const auto& [late, datagram, isServed, staysConnected] : cases) {
+    LoopbackPeer peer([&late = late](int connection) {
+      std::string held;  // the answer that is sent at the next request, once one is
+      for (std::string text; !(text = ReadUpTo(connection, "</methodCall>")).empty();) {
+        int offset = 0;
+        const std::string method = TarnXmlRpc::XmlRpcUtil::parseTag("<methodName>", text, &offset);
+        if (!held.empty()) {
+          Write(connection, HttpAnswer(std::exchange(held, method)));
+        } else if (method == get) {
+          held = late;
+        } else {
+          Write(connection, HttpAnswer(method));
+        }
+      }
+    });
+    ASSERT_TRUE(TarnDDPCommand_Init("127.0.0.1", peer.port, "absent0"));
+    const std::string empty = TarnDDPCommand_Execute(ident, false);
+    EXPECT_NE(std::string::npos, empty.find("\tOAN:Tessel ???\t")) << "no answer in time";
+    EXPECT_TRUE(IsConnected());
+    const std::string reply = TarnDDPCommand_Execute(datagram, false);
+    EXPECT_EQ(isServed, reply != "NACK\n" && reply != empty) << late << datagram << reply;
+    EXPECT_EQ(staysConnected, IsConnected()) << late << datagram;
+    TarnDDPCommand_Final();
+  }
 }
 
 TEST(Command, IsTheFirstFieldAsItStandsAndTheFilterTheSecond) {

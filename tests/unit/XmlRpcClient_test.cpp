@@ -167,6 +167,39 @@ TEST(Transport, ReadsOneResponseHoweverItArrivesAndReportsAPeerThatCloses) {
   }
 }
 
+TEST(Transport, DropsLineEndsOnTheIdleConnectionAndSeesWhatElseThereIs) {
+  using namespace std::string_literals;
+  const std::tuple<std::string, bool, bool> rows[] = {{"", false, false},
+                                                      {"\r\n", false, false},
+                                                      {"\n\r\r\n", false, false},
+                                                      {"x", false, true},
+                                                      {"\0"s, false, true},
+                                                      {"\r\nx", false, true},
+                                                      {std::string(9999, '\n'), false, true},
+                                                      {"\n", true, true}};
+  for (const auto& [behind, closes, hasInput] : rows) {
+    std::promise<void> sent, asked;
+    LoopbackPeer peer([&, text = behind, ends = closes](int connection) {
+      if (ReadUpTo(connection, "<call/>").empty()) return;
+      Write(connection, HEAD + "body");
+      asked.get_future().wait();
+      Write(connection, text);
+      if (ends) shutdown(connection, SHUT_WR);
+      sent.set_value();
+      ReadUpTo(connection, "the end");
+    });
+    XmlRpcClientTransportHTTP transport;
+    EXPECT_FALSE(transport.HasInput()) << "not connected";
+    Configure(transport, peer.port);
+    transport.Connect(2000);
+    std::string response;
+    EXPECT_EQ(transport.execute("<call/>", response), 0);
+    asked.set_value();
+    sent.get_future().wait();
+    EXPECT_EQ(transport.HasInput(), hasInput) << testing::PrintToString(behind.substr(0, 9)) << closes;
+  }
+}
+
 TEST(Transport, ConnectsAsConfiguredLosesNoDescriptorAndSendsTheseBytes) {
   XmlRpcClientTransportHTTP unconfigured, refused, transport;
   EXPECT_TRUE(Configure(refused, 65536) == -4318 && Configure(refused, 1, "") == -4318 &&
