@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,6 +39,15 @@ void SurviveBrokenPipes() {
   sigaction(SIGPIPE, &action, nullptr);
 }
 
+/// What a huge answer took goes back to the system with it: the C library would otherwise learn from its size to keep
+/// blocks of that size in the heap.
+void ReturnLargeBlocks() {
+#ifdef __GLIBC__
+  constexpr int Threshold = 65536;
+  mallopt(M_MMAP_THRESHOLD, Threshold);
+#endif
+}
+
 void AddMulticastRoute() {
   char command[1024];
   std::snprintf(command, sizeof command, "route add -net 224.0.0.0 netmask 224.0.0.0 %s\n",
@@ -73,6 +83,7 @@ void Answer(const std::string& datagram) {
   const std::string reply = TarnDDPCommand_Execute(datagram, Server.WasDirectAddressed());
   Upkeep_Network(InterfaceName);  // the reply may need what the command just changed
   if (!reply.empty()) Server.Send(reply);
+  Upkeep_Memory();
 }
 
 /// One turn of the loop.
@@ -98,6 +109,7 @@ int main(int argc, char** argv) {
   std::set_terminate([] { std::abort(); });  // without a word, for which a stopped reader would have to wait
   OpenStandardStreams();
   SurviveBrokenPipes();
+  ReturnLargeBlocks();
 
   ReadOptions(argc, argv);
   Print("Starting Tessel01 DDP Server");

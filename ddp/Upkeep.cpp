@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <net/if.h>
 #include <unistd.h>
 
@@ -17,7 +18,17 @@
 namespace {
 
 AbsTime_US networkDeadline = 0;
+#ifdef __GLIBC__
+const char* const heapAtStart = static_cast<char*>(sbrk(0));
+#endif
 unsigned joinedIndex = 0;  // where the groups were joined last; 0 for nowhere
+
+/// Where the C library would keep what was freed in small pieces.
+void TrimHeap() {
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
+}
 
 /// The text of a file of /proc; empty where it cannot be read.
 std::string ReadProc(const char* path) {
@@ -99,10 +110,18 @@ void Upkeep_ServiceConnection() {
   if (XmlRpcTransport.HasInput() || XmlRpcTransport.IsItsOwnPeer()) XmlRpcTransport.Disconnect();
 }
 
+void Upkeep_Memory() {
+#ifdef __GLIBC__
+  constexpr std::ptrdiff_t Grown = 1 << 20;  // below it, trimming costs each request more than it gives back
+  if (static_cast<char*>(sbrk(0)) - heapAtStart > Grown) TrimHeap();
+#endif
+}
+
 void Upkeep_Network(const char* interface) {
   constexpr std::uint64_t Interval_US = 5000000;
   if (!ul_MathAbsTime_NowIsHigherParam(&networkDeadline)) return;
   ul_MathAbsTime_NowAddParam_US(Interval_US, &networkDeadline);
+  TrimHeap();  // where a limit to memory made it grow elsewhere, Upkeep_Memory() does not see it
 
   const unsigned index = if_nametoindex(interface);
   if (index == 0) return;

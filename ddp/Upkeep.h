@@ -16,6 +16,9 @@ void Upkeep_ServiceConnection();
 /// at start-up the IPv4 group is joined before the route is there.
 void Upkeep_Network(const char* interface);
 
+/// After a request: gives what a huge answer took back to the system, where the C library would keep it.
+void Upkeep_Memory();
+
 /// Makes the next Upkeep_Network() do its work, 5 s or not.
 void Upkeep_ExpectNetworkChange();
 
