@@ -12,7 +12,7 @@ install(FILES net/CTCP.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn/net COMPON
 install(FILES
   xmlrpc/CBase64.h xmlrpc/HttpHead.h xmlrpc/XmlRpcClient.h xmlrpc/XmlRpcClientTransport.h
   xmlrpc/XmlRpcClientTransportHTTP.h xmlrpc/XmlRpcException.h xmlrpc/XmlRpcLogHandler.h xmlrpc/XmlRpcUtil.h
-  xmlrpc/XmlRpcValue.h
+  xmlrpc/XmlRpcValue.h xmlrpc/XmlTags.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn/xmlrpc COMPONENT library)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tarnxmlrpc COMPONENT library)
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "xmlrpc/XmlRpcException.h"
+#include "xmlrpc/XmlTags.h"
 
 template <class SI_CHAR, class SI_STRLESS, class SI_CONVERTER>
 class CSimpleIniTempl;
@@ -21,64 +22,6 @@ class SI_ConvertA;
 
 namespace TarnXmlRpc {
 
-// The tags of a value, in the long set (1, the one every XML-RPC server reads) and the compact short set (2).
-inline constexpr char SET1_XML_TAG_VALUE[] = "<value>";
-inline constexpr char SET1_XML_ENDTAG_VALUE[] = "</value>";
-inline constexpr char SET2_XML_TAG_VALUE[] = "<va>";
-inline constexpr char SET2_XML_ENDTAG_VALUE[] = "</va>";
-inline constexpr char SET1_XML_TAG_BOOLEAN[] = "<boolean>";
-inline constexpr char SET1_XML_ENDTAG_BOOLEAN[] = "</boolean>";
-inline constexpr char SET2_XML_TAG_BOOLEAN[] = "<bo>";
-inline constexpr char SET2_XML_ENDTAG_BOOLEAN[] = "</bo>";
-inline constexpr char SET1_XML_TAG_DOUBLE[] = "<double>";
-inline constexpr char SET1_XML_ENDTAG_DOUBLE[] = "</double>";
-inline constexpr char SET2_XML_TAG_DOUBLE[] = "<do>";
-inline constexpr char SET2_XML_ENDTAG_DOUBLE[] = "</do>";
-inline constexpr char SET1_XML_TAG_INT[] = "<int>";
-inline constexpr char SET1_XML_ENDTAG_INT[] = "</int>";
-inline constexpr char SET2_XML_TAG_INT[] = "<int>";
-inline constexpr char SET2_XML_ENDTAG_INT[] = "</int>";
-inline constexpr char SET1_XML_TAG_I4[] = "<i4>";
-inline constexpr char SET1_XML_ENDTAG_I4[] = "</i4>";
-inline constexpr char SET2_XML_TAG_I4[] = "<i4>";
-inline constexpr char SET2_XML_ENDTAG_I4[] = "</i4>";
-inline constexpr char SET1_XML_TAG_I8[] = "<i8>";
-inline constexpr char SET1_XML_ENDTAG_I8[] = "</i8>";
-inline constexpr char SET2_XML_TAG_I8[] = "<i8>";
-inline constexpr char SET2_XML_ENDTAG_I8[] = "</i8>";
-inline constexpr char SET1_XML_TAG_STRING[] = "<string>";
-inline constexpr char SET1_XML_ENDTAG_STRING[] = "</string>";
-inline constexpr char SET2_XML_TAG_STRING[] = "<str>";
-inline constexpr char SET2_XML_ENDTAG_STRING[] = "</str>";
-inline constexpr char SET1_XML_TAG_DATETIME[] = "<dateTime.iso8601>";
-inline constexpr char SET1_XML_ENDTAG_DATETIME[] = "</dateTime.iso8601>";
-inline constexpr char SET2_XML_TAG_DATETIME[] = "<dtime>";
-inline constexpr char SET2_XML_ENDTAG_DATETIME[] = "</dtime>";
-inline constexpr char SET1_XML_TAG_BASE64[] = "<base64>";
-inline constexpr char SET1_XML_ENDTAG_BASE64[] = "</base64>";
-inline constexpr char SET2_XML_TAG_BASE64[] = "<b64>";
-inline constexpr char SET2_XML_ENDTAG_BASE64[] = "</b64>";
-inline constexpr char SET1_XML_TAG_ARRAY[] = "<array>";
-inline constexpr char SET1_XML_ENDTAG_ARRAY[] = "</array>";
-inline constexpr char SET2_XML_TAG_ARRAY[] = "<ar>";
-inline constexpr char SET2_XML_ENDTAG_ARRAY[] = "</ar>";
-inline constexpr char SET1_XML_TAG_DATA[] = "<data>";
-inline constexpr char SET1_XML_ENDTAG_DATA[] = "</data>";
-inline constexpr char SET2_XML_TAG_DATA[] = "<da>";
-inline constexpr char SET2_XML_ENDTAG_DATA[] = "</da>";
-inline constexpr char SET1_XML_TAG_STRUCT[] = "<struct>";
-inline constexpr char SET1_XML_ENDTAG_STRUCT[] = "</struct>";
-inline constexpr char SET2_XML_TAG_STRUCT[] = "<st>";
-inline constexpr char SET2_XML_ENDTAG_STRUCT[] = "</st>";
-inline constexpr char SET1_XML_TAG_MEMBER[] = "<member>";
-inline constexpr char SET1_XML_ENDTAG_MEMBER[] = "</member>";
-inline constexpr char SET2_XML_TAG_MEMBER[] = "<me>";
-inline constexpr char SET2_XML_ENDTAG_MEMBER[] = "</me>";
-inline constexpr char SET1_XML_TAG_NAME[] = "<name>";
-inline constexpr char SET1_XML_ENDTAG_NAME[] = "</name>";
-inline constexpr char SET2_XML_TAG_NAME[] = "<na>";
-inline constexpr char SET2_XML_ENDTAG_NAME[] = "</na>";
-
 /// One XML-RPC value of any type: what every parameter, result and fault is made of. It owns its storage; copies are
 /// deep, a move takes the storage over and leaves the source invalid. One thread at a time.
 ///
@@ -86,7 +29,7 @@ inline constexpr char SET2_XML_ENDTAG_NAME[] = "</na>";
 /// by the first access through a non-const assert...() or operator[]. After that the type stays until the next
 /// assignment or invalidate(): access of another type throws XmlRpcException and leaves the value as it was; nothing is
 /// converted.
-class XmlRpcValue {
+class XmlRpcValue : public XmlTags {
  public:
   enum Type : int {
     TypeInvalid = 0,
@@ -106,35 +49,6 @@ class XmlRpcValue {
   /// The deepest nesting that a document may have to be read: the outermost value is at depth 1. A document in which
   /// the reader meets a value deeper than this is refused whole.
   static constexpr int MaximumDepth = 256;
-
-  static constexpr const char* const XML_TAG_VALUE[2] = {SET1_XML_TAG_VALUE, SET2_XML_TAG_VALUE};
-  static constexpr const char* const XML_ENDTAG_VALUE[2] = {SET1_XML_ENDTAG_VALUE, SET2_XML_ENDTAG_VALUE};
-  static constexpr const char* const XML_TAG_BOOLEAN[2] = {SET1_XML_TAG_BOOLEAN, SET2_XML_TAG_BOOLEAN};
-  static constexpr const char* const XML_ENDTAG_BOOLEAN[2] = {SET1_XML_ENDTAG_BOOLEAN, SET2_XML_ENDTAG_BOOLEAN};
-  static constexpr const char* const XML_TAG_DOUBLE[2] = {SET1_XML_TAG_DOUBLE, SET2_XML_TAG_DOUBLE};
-  static constexpr const char* const XML_ENDTAG_DOUBLE[2] = {SET1_XML_ENDTAG_DOUBLE, SET2_XML_ENDTAG_DOUBLE};
-  static constexpr const char* const XML_TAG_INT[2] = {SET1_XML_TAG_INT, SET2_XML_TAG_INT};
-  static constexpr const char* const XML_ENDTAG_INT[2] = {SET1_XML_ENDTAG_INT, SET2_XML_ENDTAG_INT};
-  static constexpr const char* const XML_TAG_I4[2] = {SET1_XML_TAG_I4, SET2_XML_TAG_I4};
-  static constexpr const char* const XML_ENDTAG_I4[2] = {SET1_XML_ENDTAG_I4, SET2_XML_ENDTAG_I4};
-  static constexpr const char* const XML_TAG_I8[2] = {SET1_XML_TAG_I8, SET2_XML_TAG_I8};
-  static constexpr const char* const XML_ENDTAG_I8[2] = {SET1_XML_ENDTAG_I8, SET2_XML_ENDTAG_I8};
-  static constexpr const char* const XML_TAG_STRING[2] = {SET1_XML_TAG_STRING, SET2_XML_TAG_STRING};
-  static constexpr const char* const XML_ENDTAG_STRING[2] = {SET1_XML_ENDTAG_STRING, SET2_XML_ENDTAG_STRING};
-  static constexpr const char* const XML_TAG_DATETIME[2] = {SET1_XML_TAG_DATETIME, SET2_XML_TAG_DATETIME};
-  static constexpr const char* const XML_ENDTAG_DATETIME[2] = {SET1_XML_ENDTAG_DATETIME, SET2_XML_ENDTAG_DATETIME};
-  static constexpr const char* const XML_TAG_BASE64[2] = {SET1_XML_TAG_BASE64, SET2_XML_TAG_BASE64};
-  static constexpr const char* const XML_ENDTAG_BASE64[2] = {SET1_XML_ENDTAG_BASE64, SET2_XML_ENDTAG_BASE64};
-  static constexpr const char* const XML_TAG_ARRAY[2] = {SET1_XML_TAG_ARRAY, SET2_XML_TAG_ARRAY};
-  static constexpr const char* const XML_ENDTAG_ARRAY[2] = {SET1_XML_ENDTAG_ARRAY, SET2_XML_ENDTAG_ARRAY};
-  static constexpr const char* const XML_TAG_DATA[2] = {SET1_XML_TAG_DATA, SET2_XML_TAG_DATA};
-  static constexpr const char* const XML_ENDTAG_DATA[2] = {SET1_XML_ENDTAG_DATA, SET2_XML_ENDTAG_DATA};
-  static constexpr const char* const XML_TAG_STRUCT[2] = {SET1_XML_TAG_STRUCT, SET2_XML_TAG_STRUCT};
-  static constexpr const char* const XML_ENDTAG_STRUCT[2] = {SET1_XML_ENDTAG_STRUCT, SET2_XML_ENDTAG_STRUCT};
-  static constexpr const char* const XML_TAG_MEMBER[2] = {SET1_XML_TAG_MEMBER, SET2_XML_TAG_MEMBER};
-  static constexpr const char* const XML_ENDTAG_MEMBER[2] = {SET1_XML_ENDTAG_MEMBER, SET2_XML_ENDTAG_MEMBER};
-  static constexpr const char* const XML_TAG_NAME[2] = {SET1_XML_TAG_NAME, SET2_XML_TAG_NAME};
-  static constexpr const char* const XML_ENDTAG_NAME[2] = {SET1_XML_ENDTAG_NAME, SET2_XML_ENDTAG_NAME};
 
   /// The printf format of doubles, in XML and in the INI rendering. Texts are cut to what the writers' buffers hold.
   inline static std::string m_DoubleFormat = "%.15g";
