@@ -10,22 +10,22 @@
 
 namespace {
 
-constexpr char alphabet[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr char padding = '=';
-constexpr std::size_t bufferStep = 4096;
+constexpr char ALPHABET[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char PADDING = '=';
+constexpr std::size_t BUFFER_STEP = 4096;
 
-/// The value of each alphabet character; everything else has `foreign`, which no six bits can be.
-constexpr std::uint32_t foreign = 0x80000000;
+/// The value of each character of the alphabet; everything else has `FOREIGN`, which no six bits can be.
+constexpr std::uint32_t FOREIGN = 0x80000000;
 using Sextets = std::array<std::uint32_t, 256>;
 
 /// Shifted to its place in a group of four.
 constexpr Sextets MakeSextets(unsigned shift) {
   Sextets sextets{};
-  for (auto& sextet : sextets) sextet = foreign;
-  for (std::uint32_t i = 0; i < 64; ++i) sextets[static_cast<unsigned char>(alphabet[i])] = i << shift;
+  for (auto& sextet : sextets) sextet = FOREIGN;
+  for (std::uint32_t i = 0; i < 64; ++i) sextets[static_cast<unsigned char>(ALPHABET[i])] = i << shift;
   return sextets;
 }
-constexpr Sextets sextets[4] = {MakeSextets(18), MakeSextets(12), MakeSextets(6), MakeSextets(0)};
+constexpr Sextets SEXTETS[4] = {MakeSextets(18), MakeSextets(12), MakeSextets(6), MakeSextets(0)};
 
 /// The two characters of each twelve bits.
 struct Pair {
@@ -33,17 +33,17 @@ struct Pair {
 };
 constexpr std::array<Pair, 4096> MakePairs() {
   std::array<Pair, 4096> pairs{};
-  for (std::size_t i = 0; i < pairs.size(); ++i) pairs[i] = {{alphabet[i >> 6], alphabet[i & 63]}};
+  for (std::size_t i = 0; i < pairs.size(); ++i) pairs[i] = {{ALPHABET[i >> 6], ALPHABET[i & 63]}};
   return pairs;
 }
-constexpr std::array<Pair, 4096> pairs = MakePairs();
+constexpr std::array<Pair, 4096> PAIRS = MakePairs();
 
 /// Makes room for `needed` bytes and zeroes the buffer.
 template <typename Char>
 void Prepare(std::unique_ptr<Char[]>& buffer, std::int32_t& capacity, std::size_t needed) {
-  if (needed > INT_MAX - bufferStep) throw std::length_error("CBase64: too long");
+  if (needed > INT_MAX - BUFFER_STEP) throw std::length_error("CBase64: too long");
   if (needed > static_cast<std::size_t>(capacity)) {
-    const std::size_t size = needed / bufferStep * bufferStep + bufferStep;
+    const std::size_t size = needed / BUFFER_STEP * BUFFER_STEP + BUFFER_STEP;
     buffer.reset();
     capacity = 0;
     buffer.reset(new Char[size]);
@@ -61,12 +61,12 @@ unsigned char* PutBytes(std::uint32_t group, int count, unsigned char* out) {
 /// Writes the bytes of one group of four characters that is not three plain bytes. Null where a foreign character ends
 /// the data; else the end of what was written.
 unsigned char* DecodeOddGroup(const unsigned char* in, unsigned char* out) {
-  if (in[0] == padding || in[1] == padding) return out;
-  std::uint32_t group = sextets[0][in[0]] | sextets[1][in[1]];
-  if ((group & foreign) != 0) return nullptr;
-  if (in[2] == padding) return PutBytes(group, 1, out);
-  group |= sextets[2][in[2]];
-  return (group & foreign) == 0 && in[3] == padding ? PutBytes(group, 2, out) : nullptr;
+  if (in[0] == PADDING || in[1] == PADDING) return out;
+  std::uint32_t group = SEXTETS[0][in[0]] | SEXTETS[1][in[1]];
+  if ((group & FOREIGN) != 0) return nullptr;
+  if (in[2] == PADDING) return PutBytes(group, 1, out);
+  group |= SEXTETS[2][in[2]];
+  return (group & FOREIGN) == 0 && in[3] == PADDING ? PutBytes(group, 2, out) : nullptr;
 }
 
 /// Writes the bytes of `text` to `out`, which has room for three bytes to each four characters, and returns their
@@ -76,19 +76,19 @@ std::size_t Decode(const char* text, std::size_t length, unsigned char* out) {
   const unsigned char* const first = out;
   const auto* in = reinterpret_cast<const unsigned char*>(text);
   const auto GroupAt = [](const unsigned char* at) {
-    return sextets[0][at[0]] | sextets[1][at[1]] | sextets[2][at[2]] | sextets[3][at[3]];
+    return SEXTETS[0][at[0]] | SEXTETS[1][at[1]] | SEXTETS[2][at[2]] | SEXTETS[3][at[3]];
   };
   const auto* const end = in + length;
   // Three plain bytes in one write of four, while another group's follow.
   for (; end - in > 4; in += 4, out += 3) {
     const std::uint32_t group = GroupAt(in);
-    if ((group & foreign) != 0) break;
+    if ((group & FOREIGN) != 0) break;
     const std::uint32_t bytes = htobe32(group << 8);
     std::memcpy(out, &bytes, sizeof bytes);
   }
   for (; in != end; in += 4) {
     const std::uint32_t group = GroupAt(in);
-    unsigned char* next = (group & foreign) == 0 ? PutBytes(group, 3, out) : DecodeOddGroup(in, out);
+    unsigned char* next = (group & FOREIGN) == 0 ? PutBytes(group, 3, out) : DecodeOddGroup(in, out);
     if (next == nullptr) break;
     out = next;
   }
@@ -117,15 +117,15 @@ void CBase64::EncodeTo(const char* bytes, std::size_t length, char* out) {
   const auto* in = reinterpret_cast<const unsigned char*>(bytes);
   for (; length >= 3; length -= 3, in += 3, out += 4) {
     const unsigned group = (static_cast<unsigned>(in[0]) << 16) | (static_cast<unsigned>(in[1]) << 8) | in[2];
-    std::memcpy(out, pairs[group >> 12].characters, 2);
-    std::memcpy(out + 2, pairs[group & 4095].characters, 2);
+    std::memcpy(out, PAIRS[group >> 12].characters, 2);
+    std::memcpy(out + 2, PAIRS[group & 4095].characters, 2);
   }
   if (length == 0) return;
   const unsigned b0 = in[0], b1 = length == 2 ? in[1] : 0U;
-  *out++ = alphabet[b0 >> 2];
-  *out++ = alphabet[((b0 & 3) << 4) | (b1 >> 4)];
-  *out++ = length == 2 ? alphabet[(b1 & 15) << 2] : padding;
-  *out = padding;
+  *out++ = ALPHABET[b0 >> 2];
+  *out++ = ALPHABET[((b0 & 3) << 4) | (b1 >> 4)];
+  *out++ = length == 2 ? ALPHABET[(b1 & 15) << 2] : PADDING;
+  *out = PADDING;
 }
 
 void CBase64::DecodeTo(const char* text, std::size_t length, std::vector<char>& out) {

@@ -4,14 +4,14 @@
 #include <memory>
 #include <utility>
 
+#include "xmlrpc/XmlNumbers.h"
 #include "xmlrpc/XmlRpcValue.h"
-#include "xmlrpc/XmlScan.h"
 
 namespace TarnXmlRpc {
 
 namespace {
 
-constexpr std::size_t numberSize = 32;  // "%g" and "%ld" take less
+constexpr std::size_t NUMBER_SIZE = 32;  // "%g" and "%ld" take less
 
 bool Store(XmlRpcValue::Ini& ini, const char* section, const char* key, const char* text) {
   return ini.SetValue(section, key, text, nullptr, true) >= 0;
@@ -35,7 +35,7 @@ bool CloseWritten(File file) {
 
 bool XmlRpcValue::toINIFile(Ini& ini, const char* section, const char* key) const {
   if (section == nullptr || key == nullptr) return false;
-  char number[numberSize];
+  char number[NUMBER_SIZE];
   switch (_type) {
     case TypeBoolean:
       return Store(ini, section, key, _value.asBool ? "true" : "false");
