@@ -1,15 +1,13 @@
 #include "xmlrpc/XmlReader.h"
 
-#include <charconv>
-#include <climits>
-#include <cmath>
-#include <cstdlib>
+#include <algorithm>
 #include <limits>
 #include <tuple>
 #include <utility>
 
 #include "xmlrpc/CBase64.h"
-#include "xmlrpc/Locale.h"
+#include "xmlrpc/ValueTypes.h"
+#include "xmlrpc/XmlNumbers.h"
 
 namespace TarnXmlRpc {
 
@@ -31,104 +29,10 @@ struct Tags {
   static constexpr std::string_view nameEnd = XmlRpcValue::XML_ENDTAG_NAME[set];
 };
 
-/// The digit that `c` is, else a number above 9.
-unsigned Digit(char c) { return static_cast<unsigned char>(c) - static_cast<unsigned>('0'); }
-bool IsDigit(char c) { return Digit(c) <= 9; }
-char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
-
-/// The number that the digits from `p` on make, at most `limit`.
-[[gnu::noinline]] std::uint64_t SaturatedNumber(const char* p, std::uint64_t limit) {
-  std::uint64_t number = 0;
-  for (; IsDigit(*p); ++p) number = number <= limit / 10 ? std::min(number * 10 + Digit(*p), limit) : limit;
-  return number;
-}
-
-/// What a 64-bit strtol(text + at, ..., 10) gives: blanks, a sign, digits; saturated. False if there is no digit; else
-/// `at` is moved past the number. `text` is followed by a NUL.
-inline bool ScanInteger(std::string_view text, size_t& at, std::int64_t& number) {
-  const char* p = text.data() + SkipBlanks(text, at);
-  const bool negative = *p == '-';
-  if (*p == '-' || *p == '+') ++p;
-  const char* const digits = p;
-  std::uint64_t magnitude = 0;
-  for (; IsDigit(*p); ++p) magnitude = magnitude * 10 + Digit(*p);
-  if (p == digits) return false;
-  if (p - digits > std::numeric_limits<std::int64_t>::digits10) {  // it may not have fitted
-    magnitude = SaturatedNumber(
-        digits, static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + (negative ? 1 : 0));
-  }
-  number = static_cast<std::int64_t>(negative ? 0 - magnitude : magnitude);
-  at = static_cast<size_t>(p - text.data());
-  return true;
-}
-
-/// Whether "nan", compared without case with all the text that follows, sorts first. So "NaN" before a closing tag is a
-/// NaN, and so is whatever begins with letters that sort after it; devices in the field send both.
-bool NanSortsFirst(std::string_view text, size_t at) {
-  constexpr std::string_view nan("nan");
-  for (const char expected : nan) {
-    const char c = at < text.size() ? Lower(text[at]) : '\0';
-    if (c != expected) return static_cast<unsigned char>(expected) < static_cast<unsigned char>(c);
-    ++at;
-  }
-  return at < text.size() && text[at] != '\0';
-}
-
-/// A decimal number that from_chars() and strtod() read alike: no blanks, no plus sign, no hexadecimal, no word. `text`
-/// is followed by a NUL.
-bool IsPlainDecimal(const char* text) {
-  if (*text == '-') ++text;
-  return IsDigit(*text) && !(*text == '0' && Lower(text[1]) == 'x');
-}
-
-/// What strtod(text + at) gives in the "C" locale. False if nothing was read; else `at` is moved past the number.
-bool ScanDouble(std::string_view text, size_t& at, double& number) {
-  const char* const start = text.data() + at;
-  if (IsPlainDecimal(start)) {
-    const auto scanned = std::from_chars(start, text.data() + text.size(), number);
-    if (scanned.ec == std::errc()) {
-      at += static_cast<size_t>(scanned.ptr - start);
-      return true;
-    }
-  }
-  char* end = nullptr;
-  number = strtod_l(start, &end, CLocale());
-  at += static_cast<size_t>(end - start);
-  return end != start;
-}
-
-/// One "%<width>d" of sscanf(): blanks, then at most `width` characters of sign and digits.
-bool ScanField(std::string_view& text, int width, int& number) {
-  text.remove_prefix(SkipBlanks(text, 0));
-  bool negative = false;
-  if (!text.empty() && width > 0 && (text.front() == '-' || text.front() == '+')) {
-    negative = text.front() == '-';
-    text.remove_prefix(1);
-    --width;
-  }
-  int magnitude = 0;
-  int digits = 0;
-  for (; digits < width && !text.empty() && IsDigit(text.front()); ++digits) {
-    magnitude = magnitude * 10 + (text.front() - '0');
-    text.remove_prefix(1);
-  }
-  number = negative ? -magnitude : magnitude;
-  return digits > 0;
-}
-
-bool ScanCharacter(std::string_view& text, char expected) {
-  if (text.empty() || text.front() != expected) return false;
-  text.remove_prefix(1);
-  return true;
-}
-
-/// "%4d%2d%2dT%2d:%2d:%2d", all six. The fields are kept as they stand: the full year, the month from 1.
-bool ScanTime(std::string_view text, std::tm& time) {
-  time = std::tm();
-  time.tm_isdst = -1;
-  return ScanField(text, 4, time.tm_year) && ScanField(text, 2, time.tm_mon) && ScanField(text, 2, time.tm_mday) &&
-         ScanCharacter(text, 'T') && ScanField(text, 2, time.tm_hour) && ScanCharacter(text, ':') &&
-         ScanField(text, 2, time.tm_min) && ScanCharacter(text, ':') && ScanField(text, 2, time.tm_sec);
+/// Whether a row of the table of types, each known to the compiler, is the one.
+template <typename IsRow, size_t... i>
+[[gnu::always_inline]] inline bool anyRow(const IsRow& isRow, std::index_sequence<i...>) {
+  return (isRow(VALUE_TYPES[i]) || ...);
 }
 
 /// `text` as a NUL-terminated string sees it.
@@ -309,39 +213,7 @@ template <int set>
   return found == npos ? at : found + tag.size();
 }
 
-/// Takes the tag that comes next, if one does; `at` is moved past a known one alone.
-template <int set>
-XmlReader::Tag XmlReader::nextTag(size_t& at) {
-  const size_t start = skipBlanks(at);
-  if (start >= _text.size() || _text[start] != '<') return Tag::None;
-  const auto take = [&](std::string_view name) {
-    if (!StandsAt(_text, start, name)) return false;
-    at = start + name.size();
-    return true;
-  };
-  switch (start + 1 < _text.size() ? _text[start + 1] : '\0') {
-    case '/':
-      return take(Tags<set>::valueEnd) ? Tag::ValueEnd : Tag::Unknown;
-    case 'a':
-      return take(Value::XML_TAG_ARRAY[set]) ? Tag::Array : Tag::Unknown;
-    case 'b':
-      if (take(Value::XML_TAG_BOOLEAN[set])) return Tag::Boolean;
-      return take(Value::XML_TAG_BASE64[set]) ? Tag::Base64 : Tag::Unknown;
-    case 'd':
-      if (take(Value::XML_TAG_DOUBLE[set])) return Tag::Double;
-      return take(Value::XML_TAG_DATETIME[set]) ? Tag::DateTime : Tag::Unknown;
-    case 'i':
-      if (take(Value::XML_TAG_I4[set]) || take(Value::XML_TAG_INT[set])) return Tag::Int;
-      return take(Value::XML_TAG_I8[set]) ? Tag::Int64 : Tag::Unknown;
-    case 's':
-      if (take(Value::XML_TAG_STRUCT[set])) return Tag::Struct;
-      return take(Value::XML_TAG_STRING[set]) ? Tag::String : Tag::Unknown;
-    default:
-      return Tag::Unknown;
-  }
-}
-
-/// Reads what follows the value's start tag.
+/// Reads what follows the value's start tag: a type's own tag, or at once the text of a string, which may be empty.
 template <int set>
 bool XmlReader::content(Value* out, size_t& at, int depth) {
   const size_t afterTag = at;
@@ -351,33 +223,23 @@ bool XmlReader::content(Value* out, size_t& at, int depth) {
     at = pastValueEnd<set>(at, typeEndLength);
     return true;
   };
-  switch (nextTag<set>(at)) {
-    case Tag::Boolean:
-      return read(Value::TypeBoolean);
-    case Tag::Int:
-      return read(Value::TypeInt);
-    case Tag::Int64:
-      return read(Value::TypeInt64);
-    case Tag::Double:
-      return read(Value::TypeDouble);
-    case Tag::DateTime:
-      return read(Value::TypeDateTime);
-    case Tag::Base64:
-      return read(Value::TypeBase64);
-    case Tag::Array:
-      return read(Value::TypeArray);
-    case Tag::Struct:
-      return read(Value::TypeStruct);
-    case Tag::ValueEnd:
-      at = afterTag;  // nothing but white space in the value: that is its text
-      return read(Value::TypeString);
-    case Tag::None:
-    case Tag::String:
-      return read(Value::TypeString);
-    case Tag::Unknown:
-      break;
-  }
-  return false;
+  const size_t start = skipBlanks(at);
+  if (start >= _text.size() || _text[start] != '<') return read(Value::TypeString);
+  const char initial = start + 1 < _text.size() ? _text[start + 1] : '\0';
+  const auto take = [&](std::string_view tag) __attribute__((always_inline)) {
+    if (initial != tag[1] || !StandsAt(_text, start, tag)) return false;
+    at = start + tag.size();
+    return true;
+  };
+  bool success = false;
+  const auto isRow = [&](const ValueType& row) __attribute__((always_inline)) {
+    if (!take(row.tag[set])) return false;
+    success = read(row.type);
+    return true;
+  };
+  if (anyRow(isRow, std::make_index_sequence<std::size(VALUE_TYPES)>())) return success;
+  if (take(Value::XML_TAG_INT[set])) return read(Value::TypeInt);
+  return StandsAt(_text, start, Tags<set>::valueEnd) && read(Value::TypeString);
 }
 
 /// Reads what follows the type's own tag.
@@ -412,12 +274,12 @@ inline bool XmlReader::ofType(Value::Type type, Value* out, size_t& at, int dept
     case Value::TypeStruct:
       success = structure<set>(out, at, depth);
       break;
-    default:
+    case Value::TypeInvalid:
       break;
   }
   if (success && out != nullptr) {
     out->_type = type;
-    out->tagSet = set;
+    out->_tagSet = set;
   }
   return success;
 }

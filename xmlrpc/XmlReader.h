@@ -30,7 +30,6 @@ class XmlReader {
   bool readOfType(XmlRpcValue::Type type, XmlRpcValue& value, std::size_t& at, int set);
 
  private:
-  enum class Tag { Boolean, Int, Int64, Double, None, String, DateTime, Base64, Array, Struct, ValueEnd, Unknown };
   using Value = XmlRpcValue;
 
   struct Finders {
@@ -59,8 +58,6 @@ class XmlReader {
   bool content(Value* out, std::size_t& at, int depth);
   template <int set>
   bool ofType(Value::Type type, Value* out, std::size_t& at, int depth);
-  template <int set>
-  Tag nextTag(std::size_t& at);
   template <int set>
   std::size_t pastValueEnd(std::size_t at, std::size_t typeEndLength);
   template <int set>

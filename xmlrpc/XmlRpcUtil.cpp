@@ -8,7 +8,7 @@
 
 #include "xmlrpc/XmlRpcLogHandler.h"
 #include "xmlrpc/XmlRpcValue.h"
-#include "xmlrpc/XmlScan.h"
+#include "xmlrpc/XmlText.h"
 
 namespace TarnXmlRpc {
 
@@ -28,14 +28,14 @@ bool MoveTo(std::size_t at, int* offset) {
   return true;
 }
 
-constexpr std::size_t messageSize = 1024;
+constexpr std::size_t MESSAGE_SIZE = 1024;
 
 /// Formats into `message`. One byte less than it holds is used, and the last is NUL, so 1022 characters are kept at
 /// most.
-void Format(char (&message)[messageSize], const char* fmt, va_list arguments) {
+void Format(char (&message)[MESSAGE_SIZE], const char* fmt, va_list arguments) {
   message[0] = '\0';
-  std::vsnprintf(message, messageSize - 1, fmt, arguments);
-  message[messageSize - 1] = '\0';
+  std::vsnprintf(message, MESSAGE_SIZE - 1, fmt, arguments);
+  message[MESSAGE_SIZE - 1] = '\0';
 }
 
 }  // namespace
@@ -85,7 +85,7 @@ std::string XmlRpcUtil::xmlEncode(const std::string& text) {
   if (text.find_first_of("<>&'\"") == std::string::npos) return text;
   std::string out;
   out.reserve(2 * text.size());
-  char entity[LongestEntity + EncodingStep];
+  char entity[LONGEST_ENTITY + ENCODING_STEP];
   for (const char& c : text) out.append(entity, Encode({&c, 1}, entity));
   return out;
 }
@@ -112,7 +112,7 @@ void XmlRpcUtil::generateFaultResponse(std::string& out, const std::string& mess
 
 void XmlRpcUtil::log(int level, const char* fmt, ...) {
   if (level > XmlRpcLogHandler::m_Verbosity || XmlRpcLogHandler::m_pLogHandler == nullptr) return;
-  char message[messageSize];
+  char message[MESSAGE_SIZE];
   va_list arguments;
   va_start(arguments, fmt);
   Format(message, fmt, arguments);
@@ -122,7 +122,7 @@ void XmlRpcUtil::log(int level, const char* fmt, ...) {
 
 void XmlRpcUtil::error(const char* fmt, ...) {
   if (XmlRpcErrorHandler::m_pErrorHandler == nullptr) return;
-  char message[messageSize];
+  char message[MESSAGE_SIZE];
   va_list arguments;
   va_start(arguments, fmt);
   Format(message, fmt, arguments);

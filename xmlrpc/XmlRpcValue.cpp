@@ -4,6 +4,7 @@
 #include <climits>
 #include <utility>
 
+#include "xmlrpc/ValueTypes.h"
 #include "xmlrpc/XmlRpcUtil.h"
 
 namespace TarnXmlRpc {
@@ -17,10 +18,61 @@ namespace {
 
 int Count(std::size_t count) { return static_cast<int>(std::min<std::size_t>(count, INT_MAX)); }
 
-bool SameTime(const std::tm& a, const std::tm& b) {
-  // Without the day of the month, on which callers rely: a setting stamped on another day counts as the same.
+// What is kept in place, and what a value owns.
+
+template <typename T>
+T CopyOf(T inPlace) {
+  return inPlace;
+}
+template <typename T>
+T* CopyOf(T* owned) {
+  return new T(*owned);
+}
+
+template <typename T>
+void MakeEmpty(T& inPlace) {
+  inPlace = T();
+}
+template <typename T>
+void MakeEmpty(T*& owned) {
+  owned = new T();
+}
+
+template <typename T>
+void Free(T) {}
+template <typename T>
+void Free(T* owned) {
+  delete owned;
+}
+
+template <typename T>
+std::size_t SizeOf(const T&) {
+  return 0;
+}
+std::size_t SizeOf(const std::string& text) { return text.size(); }
+template <typename T>
+std::size_t SizeOf(const std::vector<T>& parts) {
+  return parts.size();
+}
+template <typename Name, typename T>
+std::size_t SizeOf(const std::map<Name, T>& members) {
+  return members.size();
+}
+
+template <typename T>
+bool Same(const T& a, const T& b) {
+  return a == b;  // a NaN equals nothing, another NaN included
+}
+bool Same(const std::tm& a, const std::tm& b) {
+  // Without the day of the month, which is kept for compatibility: a setting stamped on another day counts as the same.
   return a.tm_sec == b.tm_sec && a.tm_min == b.tm_min && a.tm_hour == b.tm_hour && a.tm_mon == b.tm_mon &&
          a.tm_year == b.tm_year;
+}
+template <typename Name, typename T>
+bool Same(const std::map<Name, T>& a, const std::map<Name, T>& b) {
+  // Side by side in name order, by value alone: that names do not count is kept for compatibility.
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](const auto& one, const auto& other) { return one.second == other.second; });
 }
 
 }  // namespace
@@ -43,26 +95,9 @@ XmlRpcValue::XmlRpcValue(std::vector<char>&& value) : _type(TypeBase64) {
   _value.asBinary = new Binary(std::move(value));
 }
 
-XmlRpcValue::XmlRpcValue(const XmlRpcValue& other) : tagSet(other.tagSet), _type(other._type), _value(other._value) {
-  switch (other._type) {
-    case TypeString:
-      _value.asString = new std::string(*other._value.asString);
-      break;
-    case TypeDateTime:
-      _value.asTime = new std::tm(*other._value.asTime);
-      break;
-    case TypeBase64:
-      _value.asBinary = new Binary(*other._value.asBinary);
-      break;
-    case TypeArray:
-      _value.asArray = new Array(*other._value.asArray);
-      break;
-    case TypeStruct:
-      _value.asStruct = new Struct(*other._value.asStruct);
-      break;
-    default:
-      break;
-  }
+XmlRpcValue::XmlRpcValue(const XmlRpcValue& other)
+    : XmlTags(), _tagSet(other._tagSet), _type(other._type), _value(other._value) {
+  withStored(_type, [&](auto member) { _value.*member = CopyOf(other._value.*member); });
 }
 
 XmlRpcValue& XmlRpcValue::operator=(const XmlRpcValue& other) {
@@ -80,38 +115,13 @@ XmlRpcValue& XmlRpcValue::operator=(XmlRpcValue&& other) noexcept {
 }
 
 void XmlRpcValue::deleteStorage() noexcept {
-  switch (_type) {
-    case TypeString:
-      delete _value.asString;
-      break;
-    case TypeDateTime:
-      delete _value.asTime;
-      break;
-    case TypeBase64:
-      delete _value.asBinary;
-      break;
-    case TypeArray:
-      delete _value.asArray;
-      break;
-    case TypeStruct:
-      delete _value.asStruct;
-      break;
-    default:
-      break;
-  }
+  withStored(_type, [&](auto member) { Free(_value.*member); });
 }
 
 int XmlRpcValue::size() const {
-  switch (_type) {
-    case TypeString:
-      return Count(_value.asString->size());
-    case TypeBase64:
-      return Count(_value.asBinary->size());
-    case TypeArray:
-      return Count(_value.asArray->size());
-    default:
-      return countMembers();
-  }
+  std::size_t size = 0;
+  visit([&](const auto& stored) { size = SizeOf(stored); });
+  return Count(size);
 }
 
 int XmlRpcValue::countMembers() const { return _type == TypeStruct ? Count(_value.asStruct->size()) : 0; }
@@ -119,26 +129,7 @@ int XmlRpcValue::countMembers() const { return _type == TypeStruct ? Count(_valu
 void XmlRpcValue::assertTypeOrInvalid(Type t) {
   if (_type == t) return;
   if (_type != TypeInvalid) ThrowTypeError();
-  switch (t) {
-    case TypeString:
-      _value.asString = new std::string;
-      break;
-    case TypeDateTime:
-      _value.asTime = new std::tm();
-      break;
-    case TypeBase64:
-      _value.asBinary = new Binary;
-      break;
-    case TypeArray:
-      _value.asArray = new Array;
-      break;
-    case TypeStruct:
-      _value.asStruct = new Struct;
-      break;
-    default:
-      _value.asInt64 = 0;
-      break;
-  }
+  withStored(t, [&](auto member) { MakeEmpty(_value.*member); });
   _type = t;
 }
 
@@ -270,31 +261,9 @@ bool XmlRpcValue::getMembers(std::vector<std::string>& names) const {
 
 bool XmlRpcValue::operator==(const XmlRpcValue& other) const {
   if (_type != other._type) return false;
-  switch (_type) {
-    case TypeBoolean:
-      return _value.asBool == other._value.asBool;
-    case TypeInt:
-      return _value.asInt == other._value.asInt;
-    case TypeInt64:
-      return _value.asInt64 == other._value.asInt64;
-    case TypeDouble:
-      return _value.asDouble == other._value.asDouble;  // a NaN equals nothing, another NaN included
-    case TypeString:
-      return *_value.asString == *other._value.asString;
-    case TypeDateTime:
-      return SameTime(*_value.asTime, *other._value.asTime);
-    case TypeBase64:
-      return *_value.asBinary == *other._value.asBinary;
-    case TypeArray:
-      return *_value.asArray == *other._value.asArray;
-    case TypeStruct:
-      // Side by side in name order, by value alone; callers rely on names not counting.
-      return std::equal(_value.asStruct->begin(), _value.asStruct->end(), other._value.asStruct->begin(),
-                        other._value.asStruct->end(),
-                        [](const auto& a, const auto& b) { return a.second == b.second; });
-    default:
-      return true;
-  }
+  bool same = true;
+  withStored(_type, [&](auto member) { same = Same(Stored(_value.*member), Stored(other._value.*member)); });
+  return same;
 }
 
 bool XmlRpcValue::IsFaultResponse() const { return hasMember(FAULTCODE) && hasMember(FAULTSTRING); }

@@ -103,14 +103,14 @@ class XmlRpcValue : public XmlTags {
   void invalidate() noexcept {
     releaseStorage();
     _type = TypeInvalid;
-    tagSet = 0;
+    _tagSet = 0;
     _value.asInt64 = 0;
   }
 
   Type getType() const { return _type; }
   bool valid() const { return _type != TypeInvalid; }
   /// The tag set the value was read in: 0 long, 1 short. 0 for a value built in memory.
-  int getTagSet() const { return tagSet; }
+  int getTagSet() const { return _tagSet; }
 
   /// Bytes of binary data or text, elements of an array, members of a struct; 0 for every other type.
   int size() const;
@@ -177,7 +177,7 @@ class XmlRpcValue : public XmlTags {
   bool getMembers(std::vector<std::string>& names) const;
 
   /// Struct members are compared in order by value alone, not by name; date-times without their day of the month; two
-  /// NaN are unequal. The device's software compares settings so.
+  /// NaN are unequal. Kept for compatibility.
   bool operator==(const XmlRpcValue& other) const;
   bool operator!=(const XmlRpcValue& other) const { return !(*this == other); }
 
@@ -285,30 +285,31 @@ class XmlRpcValue : public XmlTags {
   /// Takes over what `other` holds, which becomes invalid. This value must hold nothing.
   void takeStorage(XmlRpcValue& other) noexcept {
     _type = other._type;
-    tagSet = other.tagSet;
+    _tagSet = other._tagSet;
     _value = other._value;
     other._type = TypeInvalid;
-    other.tagSet = 0;
+    other._tagSet = 0;
     other._value.asInt64 = 0;
   }
   void releaseStorage() noexcept {
-    if (_type >= TypeString && _type <= TypeStruct) deleteStorage();
+    if (_type >= TypeString) deleteStorage();  // the types below own nothing
   }
   void deleteStorage() noexcept;
+  template <typename Action>
+  static void withStored(Type t, const Action& action);
+  template <typename Action>
+  void visit(const Action& action) const;
   Storage& inlineScalar(Type t);
   const Storage& inlineScalar(Type t) const;
-  void printContainer(std::FILE* stream, const char* name, const char* prefix) const;
-  bool iniText(std::string& text) const;
   std::uint64_t expectedXml(int set) const;
-  template <int set>
-  void appendXml(std::string& out) const;
   std::string toXmlOfType(Type type, int set) const;
+  int toXmlSizeOfType(Type type, int set) const;
   bool fromXmlOfType(Type type, const std::string& xml, int* offset);
   template <typename Read>
   bool readFresh(const std::string& xml, int* offset, const Read& read);
 
-  std::unique_ptr<std::vector<std::string>> iniLines;  // of the last INI rendering; values that had none stay small
-  std::int32_t tagSet = 0;
+  std::unique_ptr<std::vector<std::string>> _iniLines;  // of the last INI rendering; values that had none stay small
+  std::int32_t _tagSet = 0;
   Type _type = TypeInvalid;
   Storage _value;
 };

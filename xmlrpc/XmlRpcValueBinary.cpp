@@ -40,8 +40,4 @@ int XmlRpcValue::assertBinaryData(int size) const {
   return this->size();
 }
 
-std::string XmlRpcValue::binaryToXml(int set) const { return toXmlOfType(TypeBase64, set); }
-
-bool XmlRpcValue::binaryFromXml(const std::string& xml, int* offset) { return fromXmlOfType(TypeBase64, xml, offset); }
-
 }  // namespace TarnXmlRpc

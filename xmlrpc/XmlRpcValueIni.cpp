@@ -1,14 +1,14 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "xmlrpc/XmlRpcValue.h"
-#include "xmlrpc/XmlScan.h"
+#include "xmlrpc/ValueTypes.h"
+#include "xmlrpc/XmlNumbers.h"
 
 namespace TarnXmlRpc {
 
 namespace {
 
-constexpr std::size_t numberSize = 19;  // longer numbers are cut to 18 characters
+constexpr std::size_t NUMBER_SIZE = 19;  // longer numbers are cut to 18 characters
 
 /// The block of `section`: the first one in which its text occurs anywhere, in a line too, so that members of an inner
 /// section may join an outer one's block; a new one where there is none.
@@ -20,67 +20,68 @@ std::string& BlockOf(std::vector<std::string>& blocks, const std::string& sectio
   return blocks.back();
 }
 
-}  // namespace
+/// Renders one value into its section: scalars as a line, arrays and structs part by part. False if anything in it has
+/// no INI form.
+struct IniRenderer {
+  std::vector<std::string>& blocks;
+  const std::string& section;
+  const std::string& key;  // as given; "Value" stands for an empty one
 
-/// The text of a scalar in an INI line; false for a value that is none.
-bool XmlRpcValue::iniText(std::string& text) const {
-  char number[numberSize] = "";
-  switch (_type) {
-    case TypeBoolean:
-      text = _value.asBool ? "1" : "0";
-      return true;
-    case TypeInt:
-      text = std::to_string(_value.asInt);
-      return true;
-    case TypeInt64:
-      text = std::to_string(_value.asInt64).substr(0, numberSize - 1);
-      return true;
-    case TypeDouble:
-      FormatDouble(_value.asDouble, m_DoubleFormat, number, sizeof number);
-      text = number;
-      return true;
-    case TypeString:
-      text = *_value.asString;
-      return true;
-    case TypeDateTime: {
-      char time[TimeTextSize];
-      FormatStandardTime(*_value.asTime, time);
-      text = std::string(time) + " (DD.MM.YYYY HH:MM:SS)";
-      return true;
-    }
-    default:
-      return false;
+  bool line(const std::string& text) const {
+    BlockOf(blocks, section).append(effectiveKey()).append("=").append(text).append("\n");
+    return true;
   }
-}
+  std::string effectiveKey() const { return key.empty() ? "Value" : key; }
+
+  bool render(bool value) const { return line(value ? "1" : "0"); }
+  bool render(std::int32_t value) const { return line(std::to_string(value)); }
+  bool render(long long value) const { return line(std::to_string(value).substr(0, NUMBER_SIZE - 1)); }
+  bool render(double value) const {
+    char number[NUMBER_SIZE];
+    FormatDouble(value, XmlRpcValue::m_DoubleFormat, number, sizeof number);
+    return line(number);
+  }
+  bool render(const std::string& value) const { return line(value); }
+  bool render(const std::tm& value) const {
+    char time[TIME_TEXT_SIZE];
+    FormatStandardTime(value, time);
+    return line(std::string(time) + " (DD.MM.YYYY HH:MM:SS)");
+  }
+  bool render(const std::vector<char>&) const { return false; }
+  bool render(const std::vector<XmlRpcValue>& elements) const {
+    bool rendered = true;
+    for (std::size_t i = 0; i < elements.size(); ++i) {
+      const std::string elementKey = effectiveKey() + "|" + std::to_string(i) + "|";
+      rendered = elements[i].toINIFormat(blocks, section.c_str(), elementKey.c_str()) && rendered;
+    }
+    return rendered;
+  }
+  bool render(const std::map<std::string, XmlRpcValue>& members) const {
+    const std::string memberSection = key.empty() ? section : section + "." + key;
+    bool rendered = true;
+    for (const auto& member : members) {
+      rendered = member.second.toINIFormat(blocks, memberSection.c_str(), member.first.c_str()) && rendered;
+    }
+    return rendered;
+  }
+};
+
+}  // namespace
 
 bool XmlRpcValue::toINIFormat(std::vector<std::string>& blocks, const char* section, const char* key) const {
   const std::string sectionText = section == nullptr ? "" : section;
   const std::string keyText = key == nullptr ? "" : key;
-  const std::string effectiveKey = keyText.empty() ? "Value" : keyText;
-  bool rendered = _type != TypeBase64;
-  std::string text;
-  if (iniText(text)) {
-    BlockOf(blocks, sectionText).append(effectiveKey).append("=").append(text).append("\n");
-  } else if (_type == TypeArray) {
-    for (std::size_t i = 0; i < _value.asArray->size(); ++i) {
-      const std::string elementKey = effectiveKey + "|" + std::to_string(i) + "|";
-      rendered = (*_value.asArray)[i].toINIFormat(blocks, sectionText.c_str(), elementKey.c_str()) && rendered;
-    }
-  } else if (_type == TypeStruct) {
-    const std::string memberSection = keyText.empty() ? sectionText : sectionText + "." + keyText;
-    for (const auto& member : *_value.asStruct) {
-      rendered = member.second.toINIFormat(blocks, memberSection.c_str(), member.first.c_str()) && rendered;
-    }
-  }
+  bool rendered = true;
+  visit([&](const auto& stored) { rendered = IniRenderer{blocks, sectionText, keyText}.render(stored); });
   return rendered;
 }
 
 bool XmlRpcValue::toINIFormat(std::string& out, const char* section, const char* key) {
   out.clear();
-  iniLines = std::make_unique<std::vector<std::string>>();
+  _iniLines = std::make_unique<std::vector<std::string>>();
   if (_type == TypeInvalid) return false;
-  const bool rendered = toINIFormat(*iniLines, section, key);
-  for (const std::string& block : *iniLines) out += block;
+  const bool rendered = toINIFormat(*_iniLines, section, key);
+  for (const std::string& block : *_iniLines) out += block;
   return rendered;
 }
 

@@ -1,11 +1,10 @@
 #pragma once
 
-// What the public tag helpers and the value reader share: white space, tags and entities of a text. Internal to the
-// library. Positions are bytes from the start of the text; none of these reads past its end.
+// White space, tags and entities of a text. Internal to the library. Positions are bytes from the start of the text;
+// none of these reads past its end.
 
 #include <cstddef>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -42,22 +41,14 @@ inline bool SkipEmptyTag(std::string_view text, std::size_t& at, std::string_vie
   return true;
 }
 
-/// What Encode() writes at a time, of which a character as an entity takes at most LongestEntity bytes.
-inline constexpr std::size_t EncodingStep = 8;
-inline constexpr std::size_t LongestEntity = 6;
+/// The most bytes that one character becomes.
+inline constexpr std::size_t LONGEST_ENTITY = 6;
+/// What Encode() overwrites for each character, however short it becomes.
+inline constexpr std::size_t ENCODING_STEP = 8;
 
 /// Writes `text` to `to` with the five characters as entities and returns the end of what was written. Up to
-/// EncodingStep bytes behind that end are overwritten.
+/// ENCODING_STEP bytes behind that end are overwritten.
 char* Encode(std::string_view text, char* to);
-/// Writes `number` in the printf format `format`, in the "C" locale and with NaN as "nan", NUL-terminated and cut to
-/// `size` bytes; `size` is at least 4. Returns the length.
-std::size_t FormatDouble(double number, const std::string& format, char* text, std::size_t size);
-/// What holds the text of any time record, NUL included: six ints at their longest.
-inline constexpr std::size_t TimeTextSize = 80;
-
-/// "DD.MM.YYYY HH:MM:SS" of a record read as a standard struct tm (months from 0, years from 1900), unlike the XML
-/// form, which keeps year and month as written. The dumps and INI texts have always shown it so.
-void FormatStandardTime(const std::tm& time, char (&text)[TimeTextSize]);
 /// Sets `out` to `text` with the entities of the five characters read. False, and `out` untouched, if there is no "&"
 /// in it.
 bool Decode(std::string_view text, std::string& out);
