@@ -1,6 +1,7 @@
 #include "ddp/CommandDeviceIdent.h"
 
 #include <boost/format.hpp>
+#include <new>
 
 #include "ddp/DeviceService.h"
 #include "ddp/TarnDDPServer.h"
@@ -87,11 +88,19 @@ Record InterfaceRecord() {
   return {"Tessel ???", "APPTERM", "XT175???#", "000000", "false", ip, mask, gateway, mac, "???"};
 }
 
+std::string Publish(const Record& record) {
+  std::string text = RecordText(record);
+  Server.SetOwnMACAddress(record.mac);
+  return text;
+}
+
 }  // namespace
 
 std::string Command_DeviceIdent() {
-  Record record;
-  if (!IsConnected() || !AskDeviceService(record)) record = InterfaceRecord();
-  Server.SetOwnMACAddress(record.mac);
-  return RecordText(record);
+  try {
+    Record record;
+    if (IsConnected() && AskDeviceService(record)) return Publish(record);
+  } catch (const std::bad_alloc&) {  // the service's texts are too long for a record
+  }
+  return Publish(InterfaceRecord());
 }

@@ -81,6 +81,11 @@ class Daemon:
     def sockets(self):
         return {target for target, _ in self.descriptors().values() if target.startswith("socket:")}
 
+    def resident(self):
+        """The memory that it holds, in KiB."""
+        status = pathlib.Path(f"/proc/{self.pid}/status").read_text(encoding="ascii")
+        return int(status.split("VmRSS:")[1].split()[0])
+
     def stop(self):
         self.host.stop(self.process)
 

@@ -1,9 +1,12 @@
 """What the daemon answers, with the service and without, and what it hands on."""
 
+import contextlib
 import os
 import pathlib
 import random
 import signal
+import socket
+import threading
 import unittest
 
 from device import (ACK, ENABLE, IDENT, MAC, NACK, QUIET, SERVICE_RECORD, DeviceTest, ddp_query, eventually, record,
@@ -117,6 +120,41 @@ class Answers(DeviceTest):
                     caller.send(b"".join(noise.choices(words, k=noise.randint(1, 8))))
             self.assertTrue(caller.ask(ENABLE, 10))   # lets the daemon catch up
         self.attach(seconds=30)   # what is still waiting may set an address or end the connection
+        self.start_daemon()
+
+    def test_huge_answers(self):
+        """What they took goes back after each of them; with a limit, a record comes all the same."""
+        def answer(members, size=None, head=b""):
+            body = (b"<methodResponse><params><param><value><struct>" + members + b"</struct></value>").ljust(size or 0)
+            return head + b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % len(body) + body
+
+        member = b"<member><name>%s</name><value>%s</value></member>"
+        many = b"".join(member % (b"m%d" % number, b"") for number in range(400000))
+        huge, small = [], answer(member % (b"DeviceType", b"Small"))
+        self.service.stop()
+        with self.device.inside():
+            listener = socket.create_server(("127.0.0.1", 1200))
+
+        def serve():
+            with contextlib.suppress(OSError):
+                while True:
+                    connection, _ = listener.accept()
+                    with contextlib.suppress(OSError), connection, connection.makefile("rb") as requests:
+                        while any(line.endswith(b"</methodCall>\r\n") for line in iter(requests.readline, b"")):
+                            connection.sendall(huge.pop() if huge else small)
+
+        threading.Thread(target=serve, daemon=True).start()
+        self.addCleanup(listener.close)
+        for limit, answers in (
+                ("unlimited", 2 * [answer(b"", head=b"X" * 30000000), answer(b"", 30000000), answer(many)]),
+                ("65536", [answer(b"", 100000000), answer(member % (b"DeviceType", b"T" * 20000000)), answer(many)])):
+            daemon = self.start_daemon(prefix=("sh", "-c", f'ulimit -d {limit}; exec "$@"', "sh"))
+            for number, text in enumerate(answers):
+                with self.subTest(limit=limit, answer=number):
+                    self.assertTrue(eventually(lambda: b"\tOAN:Small\t" in (self.ask(IDENT) or b""), 7))
+                    huge.append(text)
+                    self.assertTrue(self.ask(IDENT, seconds=5))
+                    self.assertTrue(eventually(lambda: daemon.resident() < 20000, 7), daemon.resident())
         self.start_daemon()
 
     def test_descriptors_stay_as_many(self):
