@@ -1,0 +1,211 @@
+#include <string>
+#include <thread>
+
+#include "tool/Change.h"
+#include "tool/Commands.h"
+#include "tool/Exchange.h"
+#include "tool/Output.h"
+#include "tool/Render.h"
+#include "tool/Session.h"
+#include "tool/System.h"
+#include "tool/Text.h"
+
+// trace, halt and send.
+
+namespace tarnddp {
+namespace {
+
+using std::chrono::seconds;
+
+/// The trace of one device, switched on and, by Stop(), off.
+class Tracing {
+ public:
+  Tracing(Network& socketsToUse, Path pathToUse) : network(socketsToUse), path(std::move(pathToUse)) {}
+
+  /// False if it could not be sent.
+  bool Switch(bool on) {
+    const std::string request = Request(path, "SYSTRACE!", {on ? "1" : "0"});
+    // Only what comes to this port may switch it, over IPv4, too.
+    if (!network.SendToPort(path.to, PortIPv6, request)) return false;
+    ++repliesDue;
+    return true;
+  }
+
+  /// What has come from the device, if it is no reply.
+  void Take(const Datagram& datagram) {
+    if (repliesDue > 0 && datagram.bytes == "ACK\n") {
+      --repliesDue;
+      isAcknowledged = true;
+      return;
+    }
+    PrintLines(datagram.bytes);
+  }
+
+  bool IsFrom(const Datagram& datagram) const {
+    return datagram.port == PortIPv6 && datagram.source.address == path.to.address;
+  }
+  bool IsAcknowledged() const { return isAcknowledged; }
+
+  void Stop() {
+    // Twice, as nothing is awaited any more.
+    Switch(false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    Switch(false);
+    if (isInLine) Print("\n");
+  }
+
+ private:
+  /// A piece of a line stands until the next datagram brings the rest.
+  void PrintLines(std::string_view text) {
+    std::string shown;
+    while (!text.empty()) {
+      const std::size_t end = std::min(text.find('\n'), text.size());
+      std::string_view line = text.substr(0, end);
+      if (end < text.size() && !line.empty() && line.back() == '\r') line.remove_suffix(1);
+      shown += Shown(line);
+      isInLine = end == text.size();
+      if (!isInLine) shown += '\n';
+      text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    Print(shown);
+  }
+
+  Network& network;
+  Path path;
+  int repliesDue = 0;
+  bool isAcknowledged = false;
+  bool isInLine = false;
+};
+
+int Trace(Network& network, Tracing& tracing, const std::string& called) {
+  constexpr seconds silence{2}, acknowledgementTime{8};
+  const Time start = Clock::now();
+  if (!tracing.Switch(true)) {
+    Say("nothing could be sent to " + called + ": " + network.SendError());
+    return StatusNothingSent;
+  }
+  for (;;) {
+    const auto isFrom = [&](const Datagram& datagram) { return tracing.IsFrom(datagram); };
+    const auto datagram = network.Await(Clock::now() + silence, isFrom);
+    if (WasInterrupted()) return StatusInterrupted;
+    if (datagram) {
+      tracing.Take(*datagram);
+      if (!IsOutputGood()) return StatusNotDone;
+      continue;
+    }
+    if (!tracing.IsAcknowledged() && Clock::now() >= start + acknowledgementTime) {
+      Say(called + " did not acknowledge in 8 s");
+      return StatusNotDone;
+    }
+    // Whoever asks the device for anything takes the lines over, so they are asked back.
+    tracing.Switch(true);
+  }
+}
+
+/// Whether the device still answers when it is no longer expected to.
+bool StillAnswers(Session& session, const Device& device) {
+  constexpr int enough = 2;  // silent rounds
+  const Time end = Clock::now() + seconds(5);
+  for (int silent = 0; silent < enough && Clock::now() < end;) {
+    silent = AskAgain(session, device, true, end) ? 0 : silent + 1;
+    if (silent == enough) return false;
+  }
+  return true;
+}
+
+/// The exit status after a halt was sent.
+int Halted(Session& session, const Device& device, Reply reply) {
+  const std::string called = Calling(device);
+  if (reply == Reply::Ack) {
+    Print(called + ": halted\n");
+    return StatusDone;
+  }
+  if (reply == Reply::None && !StillAnswers(session, device)) {
+    Print(called + ": halted, as it seems: it did not acknowledge, but does not answer any more\n");
+    return StatusDone;
+  }
+  Print(called + (reply == Reply::Nack ? ": refused\n" : ": not acknowledged, and it still answers\n"));
+  return StatusNotDone;
+}
+
+}  // namespace
+
+int Trace(const TraceOptions& options) {
+  Session session(options);
+  if (session.Status() != StatusDone) return session.Status();
+  const auto device = session.Find(options.device);
+  if (!device) return StatusNotDone;
+  std::string why;
+  const auto path = PathTo(*device, session.All(), why);
+  if (!path) {
+    Say(Calling(*device) + " cannot be addressed alone (" + why + "); nothing was sent");
+    return StatusNotDone;
+  }
+  const KeepOnInterrupt keep;
+  Tracing tracing(session.Sockets(), *path);
+  const int status = Trace(session.Sockets(), tracing, Calling(*device));
+  if (status != StatusNothingSent) tracing.Stop();
+  return status;
+}
+
+int Halt(const HaltOptions& options) {
+  if (!options.yes && !IsInputTerminal()) {
+    Say("nobody here can be asked; nothing was sent (--yes does not ask)");
+    return StatusUsage;
+  }
+  Session session(options);
+  if (session.Status() != StatusDone) return session.Status();
+  const auto device = session.Find(options.device);
+  if (!device) return StatusNotDone;
+  std::string why;
+  const auto path = PathTo(*device, session.All(), why);
+  if (!path) {
+    Say(Calling(*device) + " cannot be addressed alone (" + why + "); nothing was sent");
+    return StatusNotDone;
+  }
+  if (!options.yes && !Confirm("Halt " + Calling(*device) + "? Only its power switch starts it again.")) {
+    Say("nothing was sent");
+    return StatusNotDone;
+  }
+  const KeepOnInterrupt keep;
+  try {
+    ShowStatus(Calling(*device) + ": waiting for the acknowledgement");
+    const auto reply = Exchange(session, *device, *path, Request(*path, "DEVICEREBOOT!", {}), false);
+    if (reply) return Halted(session, *device, *reply);
+    Say("nothing could be sent to " + Calling(*device) + ": " + session.Sockets().SendError());
+    return StatusNothingSent;
+  } catch (const Interrupted&) {
+    Say("interrupted after " + Calling(*device) + " was told to halt");
+    return StatusInterrupted;
+  }
+}
+
+int Send(const SendOptions& options) {
+  std::string request;
+  if (const std::string refusal = ForwardedRequest(options.word, options.arguments, request); !refusal.empty()) {
+    Say(refusal + "; nothing was sent");
+    return StatusUsage;
+  }
+  Session session(options);
+  if (session.Status() != StatusDone) return session.Status();
+  const auto device = session.Find(options.device);
+  if (!device) return StatusNotDone;
+  const std::string called = Calling(*device);
+  const auto path = LinkLocalPath(*device, session.All());
+  if (!path) {
+    Say(called + " gave no IPv6 answer of its own, and only over IPv6 a word is passed on as it is; nothing was sent");
+    return StatusNotDone;
+  }
+  if (!FactsOf(device->record).service) {
+    Say(called + ": its service is away, so nobody would get the word; nothing was sent");
+    return StatusNotDone;
+  }
+  if (!session.Sockets().Send(path->to, request)) {
+    Say("nothing could be sent to " + called + ": " + session.Sockets().SendError());
+    return StatusNothingSent;
+  }
+  Print(called + ": passed on to its service, which does not answer this way\n");
+  return StatusDone;
+}
+
+}  // namespace tarnddp

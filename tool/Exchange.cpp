@@ -1,0 +1,174 @@
+#include "tool/Exchange.h"
+
+#include <algorithm>
+
+#include "tool/Output.h"
+#include "tool/Render.h"
+#include "tool/Text.h"
+
+namespace tarnddp {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr seconds acknowledgementTime{8};
+constexpr seconds resendTime{2};
+constexpr seconds roundTime{1};          // how long a device may take to answer once
+constexpr milliseconds settleTime{300};  // then its answers by the other ways are there, too
+
+bool IsFrom(const Device& device, const std::string& address) {
+  return std::any_of(device.sources.begin(), device.sources.end(),
+                     [&](const Source& source) { return source.address == address; });
+}
+
+/// A reply to what went by `path`. Its IPv4 address may be a new one, but no other device's.
+bool IsReply(const Datagram& datagram, const Device& device, const std::vector<Device>& devices, const Path& path) {
+  if (datagram.bytes != "ACK\n" && datagram.bytes != "NACK\n") return false;
+  if (datagram.source.way != path.to.way) return false;
+  const std::string& from = datagram.source.address;
+  if (from == path.to.address || path.to.way == Way::IPv6) return from == path.to.address;
+  return std::none_of(devices.begin(), devices.end(),
+                      [&](const Device& other) { return other.id != device.id && IsFrom(other, from); });
+}
+
+std::optional<Reply> AwaitReply(Network& network, Time deadline, const std::function<bool(const Datagram&)>& matches) {
+  const auto datagram = network.Await(deadline, matches);
+  if (WasInterrupted()) throw Interrupted();
+  if (!datagram) return std::nullopt;
+  return datagram->bytes == "ACK\n" ? Reply::Ack : Reply::Nack;
+}
+
+/// Whether an answer is this device's. One that shares its MAC address is known by its serial number or where it is.
+bool IsSame(const Device& device, const std::vector<Device>& devices, const Answer& answer) {
+  const Facts known = FactsOf(device.record), facts = FactsOf(answer.record);
+  if (facts.mac != known.mac) return false;
+  const bool isShared = std::any_of(devices.begin(), devices.end(), [&](const Device& other) {
+    return other.id != device.id && FactsOf(other.record).mac == known.mac;
+  });
+  if (known.mac && !isShared) return true;
+  return IsFrom(device, answer.source.address) || (known.mac && known.serial && facts.serial == known.serial);
+}
+
+std::string LastSeen(const Device& device) {
+  const Source& source = device.sources.front();
+  const std::string address = FactsOf(device.record).settings.address.value_or("no address");
+  return ", last seen with " + Shown(address) + " on " + source.interface + " (" + source.address + ')';
+}
+
+Report ReportUnaddressed(const Device& device, const std::string& why) {
+  const std::string words = "it cannot be addressed alone (" + why + "), so nothing was sent";
+  return ReportOn(device, {Result::Unchanged, words}, FactsOf(device.record).settings);
+}
+
+/// Asks until the device is as `judge` wants it or the time is over; how it was heard last.
+std::optional<Device> LookAfter(Session& session, const Device& device, const Order& order, Reply reply) {
+  const Seen before = SeenOf(device);
+  const Time end = Clock::now() + SecondsToDuration(order.seconds);
+  std::optional<Device> last;
+  bool alone = true;
+  while (Clock::now() < end) {
+    const std::optional<Device> heard = AskAgain(session, device, alone, end);
+    alone = heard.has_value();
+    if (!heard) continue;
+    last = heard;
+    if (reply == Reply::Nack || order.judge(before, SeenOf(*heard), reply).result == Result::Done) break;
+  }
+  return last;
+}
+
+}  // namespace
+
+std::optional<Reply> Exchange(Session& session, const Device& device, const Path& path, const std::string& request,
+                              bool resend) {
+  Network& network = session.Sockets();
+  const auto matches = [&](const Datagram& datagram) { return IsReply(datagram, device, session.All(), path); };
+  while (network.Receive(Clock::now())) {  // what came until now is no reply to this
+  }
+  const Time start = Clock::now();
+  if (!network.Send(path.to, request)) return std::nullopt;
+  if (resend) {
+    if (const auto reply = AwaitReply(network, start + resendTime, matches)) return reply;
+    network.Send(path.to, request);  // a failure is silence, too: a device that has moved is out of reach
+  }
+  return AwaitReply(network, start + acknowledgementTime, matches).value_or(Reply::None);
+}
+
+std::optional<Device> AskAgain(Session& session, const Device& device, bool alone, Time end) {
+  Network& network = session.Sockets();
+  std::string why, request = IdentityRequest;
+  if (alone) {
+    // By MAC address, so that a thousand others need not answer; a device that has been started anew does not know its
+    // own.
+    const auto filter = FilterOf(device, session.All(), why);
+    if (filter) request = Request({{}, *filter}, "DEVICEIDENT?", {});
+  }
+  network.SendToAll(request);
+  const Time start = Clock::now();
+  Time roundEnd = std::min(start + roundTime, end);
+  Devices heard;
+  while (const auto datagram = network.Receive(roundEnd)) {
+    const auto record = ReadRecord(datagram->bytes);
+    if (!record || !IsSame(device, session.All(), {datagram->source, *record})) continue;
+    if (heard.Count() == 0) roundEnd = std::min(Clock::now() + settleTime, end);
+    heard.Add({datagram->source, *record});
+  }
+  if (WasInterrupted()) throw Interrupted();
+  const std::vector<Device> found = heard.All();
+  if (found.empty()) return std::nullopt;
+  Device again = found.front();
+  again.id = device.id;
+  return again;
+}
+
+Order StaticOrder(const Target& target) {
+  Order order = {"SETIPADDRESS!", StaticFields(target), true, 5, target.settings, {}};
+  order.judge = [wanted = target.settings](const Seen& before, const std::optional<Seen>& after, Reply reply) {
+    return JudgeStatic(wanted, before, after, reply);
+  };
+  return order;
+}
+
+Order DhcpOrder(bool on) {
+  constexpr double leaseTime = 15;
+  Order order = {"SETDHCPMODE!", {on ? "1" : "0"}, false, on ? leaseTime : 5, {}, {}};
+  order.planned.dhcp = on;
+  order.judge = [on](const Seen& before, const std::optional<Seen>& after, Reply reply) {
+    return JudgeDhcp(on, before, after, reply);
+  };
+  return order;
+}
+
+Report ReportPlanned(const Session& session, const Device& device, const Order& order) {
+  std::string why;
+  const std::optional<Path> path = PathTo(device, session.All(), why);
+  if (!path) return ReportUnaddressed(device, why);
+  const std::string words = order.planned.address        ? InWords(order.planned)
+                            : order.planned.dhcp == true ? "DHCP on"
+                                                         : "DHCP off";
+  return ReportOn(device, {Result::Planned, words + " (nothing was sent)"}, order.planned);
+}
+
+std::optional<Report> Carry(Session& session, const Device& device, const Order& order, const std::string& progress) {
+  std::string why;
+  const std::optional<Path> path = PathTo(device, session.All(), why);
+  if (!path) return ReportUnaddressed(device, why);
+  ShowStatus(progress + Calling(device) + ": waiting for the acknowledgement");
+  const auto reply = Exchange(session, device, *path, Request(*path, order.word, order.fields), order.resend);
+  if (!reply) return std::nullopt;
+  ShowStatus(progress + Calling(device) + ": asking again");
+  const std::optional<Device> again = LookAfter(session, device, order, *reply);
+  ShowStatus({});
+  const std::optional<Seen> after = again ? std::optional(SeenOf(*again)) : std::nullopt;
+  Outcome outcome = order.judge(SeenOf(device), after, *reply);
+  if (outcome.result == Result::Gone) outcome.words += LastSeen(device);
+  Report report = ReportOn(device, outcome, after ? std::optional(after->settings) : std::nullopt);
+  if (outcome.result != Result::Unchanged && outcome.result != Result::Refused) {
+    report.restoring = RestoringCommand(ArgumentFor(device, session.All()), FactsOf(device.record).settings,
+                                        after ? after->settings : order.planned);
+  }
+  if (again) session.Replace(*again);
+  return report;
+}
+
+}  // namespace tarnddp

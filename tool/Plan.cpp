@@ -1,0 +1,282 @@
+#include "tool/Plan.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
+#include <utility>
+
+#include "tool/Csv.h"
+#include "tool/Render.h"
+#include "tool/Text.h"
+
+namespace tarnddp {
+namespace {
+
+/// As PlanHeading() has them.
+enum Column : std::size_t { Mac, Serial, Name, Address, Prefix, Gateway, Dns, Dhcp };
+
+std::string Trimmed(const std::string& text) {
+  const std::size_t start = text.find_first_not_of(" \t");
+  return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(" \t") + 1 - start);
+}
+
+std::string Lower(std::string text) {
+  for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return text;
+}
+
+std::string AtLine(int line, const std::string& what) { return "line " + std::to_string(line) + ": " + what; }
+
+/// Which column each cell of the first row heads; PlanHeading().size() for an empty cell.
+std::string ReadHeading(const CsvRow& row, std::vector<std::size_t>& columns) {
+  const std::vector<std::string> known = PlanHeading();
+  for (const std::string& field : row.fields) {
+    const auto found = std::find(known.begin(), known.end(), Lower(Trimmed(field)));
+    const auto column = static_cast<std::size_t>(found - known.begin());
+    if (found == known.end() && !Trimmed(field).empty()) {
+      std::string heading = CsvLine(known);
+      heading.resize(heading.size() - 2);
+      return AtLine(row.line, "\"" + Shown(field) + "\" heads no column of a plan (they are " + heading + ")");
+    }
+    if (found != known.end() && std::find(columns.begin(), columns.end(), column) != columns.end()) {
+      return AtLine(row.line, "the column " + *found + " is there twice");
+    }
+    columns.push_back(column);
+  }
+  return {};
+}
+
+bool IsEmptyRow(const CsvRow& row) {
+  return std::all_of(row.fields.begin(), row.fields.end(),
+                     [](const std::string& field) { return Trimmed(field).empty(); });
+}
+
+class Checker {
+ public:
+  Checker(const std::vector<PlanLine>& planLines, const std::vector<Device>& heardDevices,
+          const std::vector<IPv4>& ownIPv4, const std::function<std::optional<std::string>(IPv4)>& neighbour)
+      : lines(planLines), devices(heardDevices), ownAddresses(ownIPv4), neighbourMac(neighbour) {}
+
+  CheckedPlan Check() {
+    for (const PlanLine& line : lines) entries.push_back(Resolve(line));
+    for (Entry& entry : entries) {
+      if (!entry.isAsHeard && entry.error.empty()) entry.error = Decide(entry);
+    }
+    for (Entry& entry : entries) {
+      if (!entry.isAsHeard && entry.error.empty()) entry.error = FindClash(entry);
+    }
+    CheckedPlan plan;
+    for (Entry& entry : entries) {
+      if (!entry.error.empty()) plan.errors.push_back(AtLine(entry.change.line, entry.error));
+    }
+    plan.changes = InOrder();
+    return plan;
+  }
+
+ private:
+  struct Entry {
+    PlannedChange change;
+    std::vector<std::string> cells;  ///< without blanks around them
+    bool isAsHeard = false;
+    bool hasAddress = false;
+    std::string error;
+  };
+
+  Entry Resolve(const PlanLine& line) const {
+    Entry entry;
+    entry.change.line = line.number;
+    for (const std::string& field : line.fields) entry.cells.push_back(Trimmed(field));
+    if (const Device* device = FindEqual(line)) {
+      entry.isAsHeard = true;
+      Take(*device, entry);
+      return entry;
+    }
+    entry.error = FindByCells(entry);
+    return entry;
+  }
+
+  static void Take(const Device& device, Entry& entry) {
+    entry.change.device = device;
+    entry.change.called = Calling(device);
+    entry.change.mac = FactsOf(device.record).mac;
+  }
+
+  /// The device whose row the line is, but for the name server, which no row of what was heard holds.
+  const Device* FindEqual(const PlanLine& line) const {
+    for (const Device& device : devices) {
+      std::vector<std::string> row = PlanRow(device);
+      row[Dns] = line.fields[Dns];
+      const bool isTaken = std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
+        return entry.isAsHeard && entry.change.device->id == device.id;
+      });
+      if (row == line.fields && !isTaken) return &device;
+    }
+    return nullptr;
+  }
+
+  std::string FindByCells(Entry& entry) const {
+    if (!entry.cells[Mac].empty()) {
+      entry.change.mac = ParseMac(entry.cells[Mac]);
+      if (!entry.change.mac || entry.change.mac == "00:00:00:00:00:00") {
+        return '"' + Shown(entry.cells[Mac]) + "\" is no MAC address";
+      }
+    }
+    std::vector<const Device*> found;
+    for (const Device& device : devices) {
+      if (!entry.change.mac || FactsOf(device.record).mac == entry.change.mac) found.push_back(&device);
+    }
+    bool isNamed = entry.change.mac.has_value();
+    for (const Column column : {Serial, Name}) {
+      const std::string& cell = entry.cells[column];
+      // Behind a MAC address they tell apart those that share it, and a name may have changed.
+      if (cell.empty() || (isNamed && found.size() < 2)) continue;
+      isNamed = true;
+      const auto isOther = [&](const Device* device) { return Trimmed(PlanRow(*device)[column]) != cell; };
+      found.erase(std::remove_if(found.begin(), found.end(), isOther), found.end());
+    }
+    if (!isNamed) return "it names no device (by mac, serial or name)";
+    if (found.size() > 1) return "it means " + std::to_string(found.size()) + " of the devices heard";
+    if (found.size() == 1) {
+      Take(*found[0], entry);
+      return {};
+    }
+    entry.change.step = Step::Missing;
+    for (const Column column : {Mac, Serial, Name}) {
+      if (entry.change.called.empty()) entry.change.called = Shown(entry.cells[column]);
+    }
+    return {};
+  }
+
+  /// What is to be done. The empty text, or what is wrong with the line by itself.
+  std::string Decide(Entry& entry) const {
+    PlannedChange& change = entry.change;
+    const std::vector<std::string>& cells = entry.cells;
+    const std::string dhcp = Lower(cells[Dhcp]);
+    const Seen seen = change.device ? SeenOf(*change.device) : Seen();
+    if (dhcp != "on" && dhcp != "off" && !dhcp.empty()) return "dhcp is \"" + Shown(cells[Dhcp]) + "\", not on or off";
+    if (dhcp == "on") {
+      if (change.device && seen.settings.dhcp != true) change.step = Step::DhcpOn;
+      return {};
+    }
+    if (cells[Address].empty()) {
+      if (!cells[Prefix].empty() || !cells[Gateway].empty()) return "it has a prefix or a gateway, but no address";
+      if (change.device && dhcp == "off" && seen.settings.dhcp != false) change.step = Step::DhcpOff;
+      if (change.step == Step::DhcpOff && !seen.settings.dhcp) {
+        change.step = Step::Blocked;
+        change.words = "its service is away, so it would take a lease instead; give the line an address and a prefix";
+      }
+      return {};
+    }
+    entry.hasAddress = true;
+    std::string problem =
+        ReadStaticAddress(cells[Address], cells[Prefix], cells[Gateway], cells[Dns], ownAddresses, change.address);
+    if (problem.empty()) problem = UnwiseGateway(change.address);
+    if (!problem.empty() || !change.device) return problem;
+    StaticAddress shown = change.address;
+    shown.dns.reset();
+    Seen asFarAsSaid = seen;
+    if (dhcp.empty()) asFarAsSaid.settings.dhcp.reset();
+    if (!IsInForce(shown, asFarAsSaid)) change.step = Step::SetAddress;
+    return {};
+  }
+
+  static bool SameDevice(const PlannedChange& one, const PlannedChange& other) {
+    if (one.device && other.device) return one.device->id == other.device->id;
+    return !one.device && !other.device && (one.mac ? one.mac == other.mac : one.called == other.called);
+  }
+
+  /// Whether the plan gives the holder of `address` another one.
+  bool MovesAway(int device, IPv4 address) const {
+    return std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
+      if (!entry.change.device || entry.change.device->id != device) return false;
+      return entry.change.step == Step::DhcpOn ||
+             (entry.change.step == Step::SetAddress && entry.change.address.address != address);
+    });
+  }
+
+  /// What is wrong with the line beside the others and the devices heard; the empty text for nothing.
+  std::string FindClash(Entry& entry) const {
+    PlannedChange& change = entry.change;
+    for (const Entry& other : entries) {
+      if (&other == &entry || (&other > &entry && !other.isAsHeard)) continue;
+      const std::string there = " again, as in line " + std::to_string(other.change.line);
+      if (SameDevice(change, other.change)) return change.called + there;
+      if (entry.hasAddress && other.hasAddress && other.change.address.address == change.address.address) {
+        return IPv4Text(change.address.address) + there;
+      }
+    }
+    if (!entry.hasAddress || change.step == Step::LeftAlone) return {};
+    auto neighbour = neighbourMac(change.address.address);
+    if (neighbour == change.mac) neighbour.reset();
+    const Device own = change.device.value_or(Device());
+    for (const Holder& holder : HoldersOf(change.address.address, own, devices, neighbour)) {
+      if (holder.device == 0 || !MovesAway(holder.device, change.address.address)) return holder.text;
+      change.waitsFor.push_back(holder.device);
+    }
+    return {};
+  }
+
+  /// First those whose address is free. Of a ring, the one that stands first begins.
+  std::vector<PlannedChange> InOrder() const {
+    std::vector<PlannedChange> waiting, ordered;
+    for (const Entry& entry : entries) waiting.push_back(entry.change);
+    while (!waiting.empty()) {
+      const auto isFree = [&](const PlannedChange& change) {
+        return std::none_of(waiting.begin(), waiting.end(), [&](const PlannedChange& other) {
+          return other.device &&
+                 std::find(change.waitsFor.begin(), change.waitsFor.end(), other.device->id) != change.waitsFor.end();
+        });
+      };
+      auto next = std::find_if(waiting.begin(), waiting.end(), isFree);
+      if (next == waiting.end()) next = waiting.begin();
+      ordered.push_back(std::move(*next));
+      waiting.erase(next);
+    }
+    return ordered;
+  }
+
+  const std::vector<PlanLine>& lines;
+  const std::vector<Device>& devices;
+  const std::vector<IPv4>& ownAddresses;
+  const std::function<std::optional<std::string>(IPv4)>& neighbourMac;
+  std::vector<Entry> entries;
+};
+
+}  // namespace
+
+std::string ReadPlan(std::string_view text, std::vector<PlanLine>& lines) {
+  std::vector<CsvRow> rows;
+  if (std::string error = ParseCsv(text, rows); !error.empty()) return error;
+  if (rows.empty()) return AtLine(1, "the file is empty");
+  std::vector<std::size_t> columns;
+  if (std::string error = ReadHeading(rows[0], columns); !error.empty()) return error;
+  const std::size_t width = PlanHeading().size();
+  std::vector<PlanLine> read;
+  for (std::size_t i = 1; i < rows.size(); ++i) {
+    if (IsEmptyRow(rows[i])) continue;
+    PlanLine line = {rows[i].line, std::vector<std::string>(width)};
+    for (std::size_t cell = 0; cell < rows[i].fields.size(); ++cell) {
+      const std::size_t column = cell < columns.size() ? columns[cell] : width;
+      if (column < width) {
+        line.fields[column] = rows[i].fields[cell];
+      } else if (!Trimmed(rows[i].fields[cell]).empty()) {
+        return AtLine(line.number, "\"" + Shown(rows[i].fields[cell]) + "\" stands in no column");
+      }
+    }
+    read.push_back(std::move(line));
+  }
+  lines.insert(lines.end(), std::make_move_iterator(read.begin()), std::make_move_iterator(read.end()));
+  return {};
+}
+
+CheckedPlan CheckPlan(const std::vector<PlanLine>& lines, const std::vector<Device>& devices,
+                      const std::vector<IPv4>& ownAddresses,
+                      const std::function<std::optional<std::string>(IPv4)>& neighbourMac) {
+  return Checker(lines, devices, ownAddresses, neighbourMac).Check();
+}
+
+Target TargetOf(const PlannedChange& change) {
+  return TargetOf(change.address, FactsOf(change.device->record).settings);
+}
+
+}  // namespace tarnddp

@@ -1,0 +1,78 @@
+#include "tool/Session.h"
+
+#include <algorithm>
+
+#include "tool/Output.h"
+#include "tool/Render.h"
+#include "tool/Scan.h"
+
+namespace tarnddp {
+namespace {
+
+std::string WhereHeard(const Device& device) {
+  std::string where;
+  for (const Source& source : device.sources) {
+    if (where.find(source.address) == std::string::npos) where += (where.empty() ? "" : ", ") + source.address;
+  }
+  return where;
+}
+
+}  // namespace
+
+Session::Session(const CommonOptions& options) : network(options.interfaces) {
+  TellInterfaces(network);
+  if (!network.IsUsable()) {
+    status = StatusNothingSent;
+    return;
+  }
+  Devices heard;
+  const auto showProgress = [&] { ShowStatus("asking who is there: " + DevicesText(heard.Count()) + " so far"); };
+  if (!Collect(network, {options.seconds, 0}, heard, showProgress)) {
+    Say("nothing could be sent: " + network.SendError());
+    status = StatusNothingSent;
+  }
+  ShowStatus({});
+  devices = heard.All();
+}
+
+std::optional<Device> Session::Find(const std::string& wanted) const {
+  const std::vector<Device> found = FindDevice(devices, wanted);
+  if (found.size() == 1) return found[0];
+  if (found.empty()) {
+    const std::string heard = DevicesText(static_cast<int>(devices.size()));
+    Say("\"" + wanted + "\" is none of the " + heard + " heard (tarnddp scan shows them); nothing was sent");
+    if (devices.empty()) TellProblems(network, {}, false);
+    return std::nullopt;
+  }
+  Say("\"" + wanted + "\" means " + DevicesText(static_cast<int>(found.size())) + "; nothing was sent:");
+  for (const Device& device : found) {
+    Say("  " + Calling(device) + ", MAC " + FactsOf(device.record).mac.value_or("unknown") + ", at " +
+        WhereHeard(device));
+  }
+  return std::nullopt;
+}
+
+void Session::Replace(const Device& device) {
+  const auto known =
+      std::find_if(devices.begin(), devices.end(), [&](const Device& one) { return one.id == device.id; });
+  if (known != devices.end()) *known = device;
+}
+
+std::vector<Interface> Session::HeardOn(const Device& device) const {
+  std::vector<Interface> interfaces;
+  for (const Interface& interface : network.Used()) {
+    const auto isThere = [&](const Source& source) { return source.interface == interface.name; };
+    if (std::any_of(device.sources.begin(), device.sources.end(), isThere)) interfaces.push_back(interface);
+  }
+  return interfaces;
+}
+
+std::vector<IPv4> OwnAddresses() {
+  std::vector<IPv4> addresses;
+  for (const Interface& interface : ListInterfaces()) {
+    for (const Subnet& subnet : interface.subnets) addresses.push_back(subnet.address);
+  }
+  return addresses;
+}
+
+}  // namespace tarnddp
