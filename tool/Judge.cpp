@@ -29,6 +29,12 @@ std::set<std::string> InterfacesOf(const Device& device) {
   return interfaces;
 }
 
+/// Without a usable MAC address the answers of one device over IPv6 and over IPv4 stand side by side.
+bool IsPerhapsSame(const Device& one, const Device& other) {
+  return one.record == other.record && !FactsOf(one.record).mac &&
+         (one.sources.front().way == Way::IPv6) != (other.sources.front().way == Way::IPv6);
+}
+
 std::string WithoutZone(const std::string& address) { return address.substr(0, address.find('%')); }
 
 const Interface* FindInterface(const Host& host, const std::string& name) {
@@ -119,13 +125,14 @@ void JudgeShared(std::vector<Finding>& findings, const Shared& shared) {
     for (const std::size_t one : sharing) {
       std::string others;
       std::size_t count = 0;
-      for (auto other = sharing.begin(); other != sharing.end() && count < named; ++other) {
-        if (*other == one) continue;
-        const Device& device = findings[*other].device;
-        others += (count++ == 0 ? "" : ", ") + Calling(device) + " at " + device.sources.front().address;
+      for (const std::size_t other : sharing) {
+        const Device& device = findings[other].device;
+        if (other == one || IsPerhapsSame(device, findings[one].device)) continue;
+        if (++count > named) continue;
+        others += (count == 1 ? "" : ", ") + Calling(device) + " at " + device.sources.front().address;
       }
       if (count == 0) continue;
-      if (sharing.size() - 1 > count) others += " and " + std::to_string(sharing.size() - 1 - count) + " more";
+      if (count > named) others += " and " + std::to_string(count - named) + " more";
       findings[one].problems.push_back("has " + what.first + " in common with " + others + ", on " + what.second);
     }
   }
@@ -174,7 +181,7 @@ std::vector<std::string> ExplainFilters(const std::vector<Finding>& findings, co
   constexpr IPv4 elsewhere = 0xc0000201;
   std::vector<std::string> lines;
   for (const Interface& interface : host.interfaces) {
-    if (interface.subnets.empty() || !IsDropped(elsewhere, interface.name, host)) continue;
+    if (!interface.hasLink || interface.subnets.empty() || !IsDropped(elsewhere, interface.name, host)) continue;
     const bool isTold = std::any_of(findings.begin(), findings.end(), [&](const Finding& finding) {
       return InterfacesOf(finding.device).count(interface.name) != 0 && !ExplainDropped(finding.device, host).empty();
     });

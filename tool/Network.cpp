@@ -116,10 +116,10 @@ void Network::Sockets::Open(const Interface& interface) {
   links.pop_back();
   std::string reason;
   for (auto at = missing.begin() + static_cast<std::ptrdiff_t>(before); at != missing.end(); ++at) {
-    reason += (reason.empty() ? "" : ", ") + at->reason;
+    reason += (reason.empty() ? "" : ", and ") + at->reason;
   }
   missing.resize(before);
-  failures.push_back({interface.name, reason});
+  failures.push_back({interface.name, interface.hasLink ? reason : "it has no link (is the cable plugged in?)"});
 }
 
 /// Opens `socket` as `open` says; what fails leaves it closed.

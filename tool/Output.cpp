@@ -14,7 +14,7 @@ namespace tarnddp {
 namespace {
 
 bool outputFailed = false;
-bool statusStands = false;
+std::string status;  // what stands there now
 
 void Write(std::FILE* file, std::string_view text) {
   std::fwrite(text.data(), 1, text.size(), file);
@@ -41,17 +41,13 @@ void Say(std::string_view text) {
 }
 
 void ShowStatus(std::string_view text) {
-  if (text.empty() && !statusStands) return;
   if (!IsErrorTerminal()) return;
-  std::string line = "\r\x1b[K";
-  if (!text.empty()) {
-    const int columns = OutputTerminal().value_or(TerminalSize{80, 24}).columns;
-    std::string shown = Shown(text);
-    if (Width(shown) >= columns) shown = Fitted(shown, std::max(columns - 1, 1));
-    line += shown;
-  }
-  statusStands = !text.empty();
-  Write(stderr, line);
+  const int columns = OutputTerminal().value_or(TerminalSize{80, 24}).columns;
+  std::string shown = Shown(text);
+  if (Width(shown) >= columns) shown = Fitted(shown, columns - 1);
+  if (shown == status) return;
+  Write(stderr, "\r\x1b[K" + shown);
+  status = shown;
 }
 
 bool Confirm(std::string_view question) {

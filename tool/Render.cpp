@@ -71,7 +71,7 @@ std::vector<int> Layout(const std::vector<std::vector<std::string>>& cells, int 
   for (std::size_t column = 0; column < std::size(columnsOfTable); ++column) {
     int width = 0;
     for (const auto& row : cells) width = std::max(width, Width(row[column]));
-    widths.push_back(columns > 0 ? std::min(width, widest) : width);
+    widths.push_back(std::min(width, widest));
   }
   if (columns <= 0) return widths;
   int total = -Gap;
@@ -95,7 +95,8 @@ std::string Line(const std::vector<std::string>& row, const std::vector<int>& wi
   std::string line;
   for (std::size_t column = 0; column < widths.size(); ++column) {
     if (column > 0) line.append(Gap, ' ');
-    line += Fitted(row[column], widths[column]);
+    const bool isWhole = columns <= 0 && Width(row[column]) > widths[column];
+    line += isWhole ? row[column] : Fitted(row[column], widths[column]);
   }
   if (columns > 0 && Width(line) > columns) line = Fitted(line, columns);
   line.erase(line.find_last_not_of(' ') + 1);

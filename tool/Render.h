@@ -25,7 +25,8 @@ std::string Calling(const Device& device);
 std::string AddressText(const Settings& settings);
 
 /// A table of one line for each device below a line of headings. `columns` is the width of the terminal: lines are cut
-/// to it and less important columns left out; 0: all columns, uncut.
+/// to it and less important columns left out; 0: all columns, uncut, and a very long text just moves the rest of its
+/// line.
 std::vector<std::string> Table(const std::vector<Finding>& findings, int columns);
 
 /// One JSON object without a line end, in ASCII alone. `event` and `time` are added if `event` is not empty.

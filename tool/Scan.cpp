@@ -63,6 +63,16 @@ void TellReceiveBuffer(const Network& network) {
       " (as root: sysctl net.core.rmem_max=" + std::to_string(Network::ReceiveBufferWanted()) + ")");
 }
 
+/// Without a link it is no news that an interface lacks something.
+void TellMissingWays(const Network& network, const Host& host) {
+  for (const Unusable& way : network.MissingWays()) {
+    const bool hasLink = std::any_of(
+        host.interfaces.begin(), host.interfaces.end(),
+        [&way](const Interface& interface) { return interface.name == way.interface && interface.hasLink; });
+    if (hasLink) Say(way.interface + " is used in part: " + way.reason);
+  }
+}
+
 int ScanOnce(const ScanOptions& options) {
   Network network(options.interfaces);
   TellInterfaces(network);
@@ -107,8 +117,8 @@ void TellProblems(const Network& network, const std::vector<Finding>& findings, 
     for (const std::string& problem : finding.problems) Say(Calling(finding.device) + ": " + problem);
   TellReceiveBuffer(network);
   if (isEnough) return;
-  for (const Unusable& way : network.MissingWays()) Say(way.interface + ": " + way.reason);
   const Host host = HostOf(network);
+  TellMissingWays(network, host);
   for (const std::string& line : ExplainFilters(findings, host)) Say(line);
   if (!findings.empty()) return;
   for (const std::string& line : ExplainSilence(host)) Say(line);

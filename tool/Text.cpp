@@ -44,6 +44,18 @@ bool TakesTwoColumns(std::uint32_t c) {
 
 int ColumnsOf(std::uint32_t c) { return TakesNoColumn(c) ? 0 : TakesTwoColumns(c) ? 2 : 1; }
 
+/// As much of `shown` from its beginning as fits.
+std::string_view Head(std::string_view shown, int columns) {
+  const auto* at = shown.begin();
+  while (at < shown.end()) {
+    const auto* next = at;
+    columns -= ColumnsOf(utf8::unchecked::next(next));
+    if (columns < 0) break;
+    at = next;
+  }
+  return shown.substr(0, static_cast<std::size_t>(at - shown.begin()));
+}
+
 }  // namespace
 
 std::string Utf8(std::string_view foreign) {
@@ -79,16 +91,26 @@ int Width(std::string_view shown) {
 
 std::string Fitted(std::string_view shown, int columns) {
   if (columns <= 0) return {};
-  int left = columns - Width(shown);
+  const int left = columns - Width(shown);
   if (left >= 0) return std::string(shown) + std::string(static_cast<std::size_t>(left), ' ');
-  auto at = shown.begin();
-  for (left = columns - 1; at < shown.end();) {
-    auto next = at;
-    left -= ColumnsOf(utf8::unchecked::next(next));
-    if (left < 0) break;
-    at = next;
+  return Fitted(std::string(Head(shown, columns - 1)) + "…", columns);
+}
+
+std::vector<std::string> Wrapped(std::string_view shown, int columns) {
+  constexpr int indent = 4;
+  std::vector<std::string> lines;
+  while (true) {
+    const int room = std::max(lines.empty() ? columns : columns - indent, 2);  // 2: one character is never wider
+    std::string_view head = Head(shown, room);
+    if (head.size() < shown.size()) {
+      const std::size_t blank = shown.substr(0, head.size() + 1).rfind(' ');
+      if (blank != std::string_view::npos && blank > 0) head = shown.substr(0, blank);
+    }
+    lines.push_back(std::string(lines.empty() ? 0 : indent, ' ') + std::string(head));
+    shown.remove_prefix(head.size());
+    if (!shown.empty() && shown.front() == ' ') shown.remove_prefix(1);
+    if (shown.empty()) return lines;
   }
-  return Fitted(std::string(shown.begin(), at) + "…", columns);
 }
 
 }  // namespace tarnddp

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Text from the network on its way to a person. Pure.
 
@@ -20,5 +21,8 @@ int Width(std::string_view shown);
 
 /// `shown` filled up with blanks to `columns`, or cut to as many with a "…" at its end.
 std::string Fitted(std::string_view shown, int columns);
+
+/// `shown` as lines of at most `columns`, broken at blanks where there are any; all but the first are indented.
+std::vector<std::string> Wrapped(std::string_view shown, int columns);
 
 }  // namespace tarnddp

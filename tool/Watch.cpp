@@ -145,8 +145,9 @@ class Watcher {
     std::vector<std::string> lines = Table(findings, columns);
     for (const Finding& finding : findings) {
       for (const std::string& problem : finding.problems) {
-        const std::string line = Calling(finding.device) + ": " + problem;
-        lines.push_back(Width(line) > columns ? Fitted(line, columns) : line);
+        for (std::string& line : Wrapped(Calling(finding.device) + ": " + problem, columns)) {
+          lines.push_back(std::move(line));
+        }
       }
     }
     screen.Show(lines);
