@@ -15,12 +15,38 @@ namespace {
 
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
 
+// The quick ways for doubles, which never depend on the locale. Older standard libraries (libstdc++ before 11) have
+// them for integers alone; there, strtod() and printf() do all the work, to the same effect.
+#ifdef __cpp_lib_to_chars
+
 /// A decimal number that from_chars() and strtod() read alike: no blanks, no plus sign, no hexadecimal, no word. `text`
 /// is followed by a NUL.
 bool IsPlainDecimal(const char* text) {
   if (*text == '-') ++text;
   return IsDigit(*text) && !(*text == '0' && Lower(text[1]) == 'x');
 }
+
+/// False, with `at` untouched, for what strtod() is to read.
+bool ScanPlainDouble(std::string_view text, std::size_t& at, double& number) {
+  const char* const start = text.data() + at;
+  if (!IsPlainDecimal(start)) return false;
+  const auto scanned = std::from_chars(start, text.data() + text.size(), number);
+  if (scanned.ec != std::errc()) return false;
+  at += static_cast<std::size_t>(scanned.ptr - start);
+  return true;
+}
+
+/// "%.15g"; returns the length.
+std::size_t FormatDoubleExactly(double number, char* text, std::size_t size) {
+  char exact[32];  // sign, 15 digits, point, exponent
+  const char* end = std::to_chars(exact, exact + sizeof exact, number, std::chars_format::general, 15).ptr;
+  const std::size_t length = std::min(static_cast<std::size_t>(end - exact), size - 1);
+  std::memcpy(text, exact, length);
+  text[length] = '\0';
+  return length;
+}
+
+#endif
 
 /// One "%<width>d" of sscanf(): blanks, then at most `width` characters of sign and digits.
 bool ScanField(std::string_view& text, int width, int& number) {
@@ -58,14 +84,10 @@ std::uint64_t SaturatedNumber(const char* digits, std::uint64_t limit) {
 }
 
 bool ScanDouble(std::string_view text, std::size_t& at, double& number) {
+#ifdef __cpp_lib_to_chars
+  if (ScanPlainDouble(text, at, number)) return true;
+#endif
   const char* const start = text.data() + at;
-  if (IsPlainDecimal(start)) {
-    const auto scanned = std::from_chars(start, text.data() + text.size(), number);
-    if (scanned.ec == std::errc()) {
-      at += static_cast<std::size_t>(scanned.ptr - start);
-      return true;
-    }
-  }
   char* end = nullptr;
   number = strtod_l(start, &end, CLocale());
   at += static_cast<std::size_t>(end - start);
@@ -95,14 +117,9 @@ std::size_t FormatDouble(double number, const std::string& format, char* text, s
     std::memcpy(text, "nan", 4);
     return 3;
   }
-  if (format == "%.15g") {
-    char exact[32];  // sign, 15 digits, point, exponent
-    const char* end = std::to_chars(exact, exact + sizeof exact, number, std::chars_format::general, 15).ptr;
-    const std::size_t length = std::min(static_cast<std::size_t>(end - exact), size - 1);
-    std::memcpy(text, exact, length);
-    text[length] = '\0';
-    return length;
-  }
+#ifdef __cpp_lib_to_chars
+  if (format == "%.15g") return FormatDoubleExactly(number, text, size);
+#endif
   const InCLocale wireFormat;
   std::snprintf(text, size, format.c_str(), number);
   return std::strlen(text);
