@@ -36,6 +36,8 @@ struct Datagram {
 struct Unusable {
   std::string interface;
   std::string reason;
+
+  bool operator==(const Unusable& other) const { return interface == other.interface && reason == other.reason; }
 };
 
 /// The sockets on some interfaces. Owns them. One thread.

@@ -91,6 +91,7 @@ int ScanOnce(const ScanOptions& options) {
   } else {
     progress.Finish(findings);
   }
+  if (!IsOutputGood()) return StatusNotDone;
   const int wanted = std::max(options.expect, 1);
   const bool isEnough = devices.Count() >= wanted;
   TellProblems(network, findings, isEnough && options.expect > 0);

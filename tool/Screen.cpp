@@ -21,6 +21,8 @@ void Screen::Finish(const std::vector<std::string>& lines) {
   shown.clear();
 }
 
+void Screen::Clear() { Replace({}); }
+
 /// In one piece, and each line before what is left of the old one is cleared: nothing flickers.
 void Screen::Replace(const std::vector<std::string>& lines) {
   if (lines == shown) return;

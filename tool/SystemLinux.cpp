@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <ifaddrs.h>
+#include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -33,17 +34,26 @@ IPv4 Number(const sockaddr* address) {
 }
 
 void TakeAddress(Interface& interface, const ifaddrs& entry) {
-  if (entry.ifa_addr == nullptr) return;
-  if (entry.ifa_addr->sa_family == AF_INET && entry.ifa_netmask != nullptr) {
-    interface.subnets.push_back({Number(entry.ifa_addr), PrefixOfMask(Number(entry.ifa_netmask)).value_or(32)});
-  } else if (entry.ifa_addr->sa_family == AF_INET6 && interface.linkLocal.empty()) {
-    sockaddr_in6 internet = {};
-    std::memcpy(&internet, entry.ifa_addr, sizeof internet);
+  if (entry.ifa_addr == nullptr || entry.ifa_addr->sa_family != AF_INET || entry.ifa_netmask == nullptr) return;
+  interface.subnets.push_back({Number(entry.ifa_addr), PrefixOfMask(Number(entry.ifa_netmask)).value_or(32)});
+}
+
+/// The first of each interface that serves: one that is still being checked for a double cannot be bound to.
+std::map<unsigned, std::string> ReadLinkLocals() {
+  constexpr unsigned linkScope = 0x20;
+  std::map<unsigned, std::string> byIndex;
+  std::ifstream table("/proc/net/if_inet6");
+  std::string digits, name;
+  unsigned index = 0, prefix = 0, scope = 0, flags = 0;
+  while (table >> digits >> std::hex >> index >> prefix >> scope >> flags >> name) {
+    if (scope != linkScope || (flags & (IFA_F_TENTATIVE | IFA_F_DADFAILED)) != 0 || digits.size() != 32) continue;
+    for (std::size_t at = 28; at > 0; at -= 4) digits.insert(at, ":");
+    in6_addr address = {};
     char text[INET6_ADDRSTRLEN] = "";
-    if (!IN6_IS_ADDR_LINKLOCAL(&internet.sin6_addr)) return;
-    inet_ntop(AF_INET6, &internet.sin6_addr, text, sizeof text);
-    interface.linkLocal = text;
+    if (inet_pton(AF_INET6, digits.c_str(), &address) != 1) continue;
+    byIndex.emplace(index, inet_ntop(AF_INET6, &address, text, sizeof text));
   }
+  return byIndex;
 }
 
 int ReadNumber(const std::string& path) {
@@ -125,6 +135,10 @@ std::vector<Interface> ListInterfaces() {
     interface.isLoopback = (entry->ifa_flags & IFF_LOOPBACK) != 0;
     interface.canMulticast = (entry->ifa_flags & IFF_MULTICAST) != 0;
     TakeAddress(interface, *entry);
+  }
+  for (auto& [index, address] : ReadLinkLocals()) {
+    const auto found = byIndex.find(index);
+    if (found != byIndex.end()) found->second.linkLocal = address;
   }
   std::vector<Interface> interfaces;
   for (auto& [index, interface] : byIndex) interfaces.push_back(std::move(interface));

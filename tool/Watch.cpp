@@ -18,6 +18,7 @@ class Events {
     const char* name;
     Finding finding;
     std::string change;
+    std::vector<std::string> newProblems;
   };
 
   /// What is new in `findings`. A device is spoken of when it has been so for a moment: what one ask brings in by
@@ -37,7 +38,7 @@ class Events {
       Compare(entry, finding, now, events);
     }
     for (const auto& [id, gone] : before)
-      if (gone.isTold) events.push_back({"went", gone.finding, ""});
+      if (gone.isTold) events.push_back({"went", gone.finding, "", {}});
     return events;
   }
   bool IsPending() const {
@@ -63,7 +64,11 @@ class Events {
     if (!entry.isPending) entry.since = now;
     entry.isPending = now < entry.since + settling;
     if (entry.isPending) return;
-    events.push_back({entry.isTold ? "changed" : "came", finding, change});
+    events.push_back({entry.isTold ? "changed" : "came", finding, change, {}});
+    for (const std::string& problem : finding.problems) {
+      const std::vector<std::string>& old = entry.finding.problems;
+      if (std::find(old.begin(), old.end(), problem) == old.end()) events.back().newProblems.push_back(problem);
+    }
     entry.isTold = true;
     entry.finding = finding;
   }
@@ -100,7 +105,9 @@ class Watcher {
     interfaces = ListInterfaces();
     network = std::make_unique<Network>(options.interfaces);
     host = HostOf(*network);
-    TellInterfaces(*network);
+    const std::vector<Unusable>& failures = network->Failures();
+    if (failures != told) TellInterfaces(*network);
+    told = failures;
   }
 
   void Listen(int round) {
@@ -123,6 +130,7 @@ class Watcher {
     const std::vector<Finding> findings = Judge(devices.All(), host);
     const std::vector<Events::Event> news = events.Take(findings, now);
     if (isTable) {
+      TellNewProblems(news);
       ShowTable(findings);
     } else {
       for (const Events::Event& event : news) PrintEvent(event);
@@ -142,27 +150,32 @@ class Watcher {
 
   void ShowTable(const std::vector<Finding>& findings) {
     const int columns = OutputTerminal().value_or(TerminalSize{80, 24}).columns;
-    std::vector<std::string> lines = Table(findings, columns);
-    for (const Finding& finding : findings) {
-      for (const std::string& problem : finding.problems) {
-        for (std::string& line : Wrapped(Calling(finding.device) + ": " + problem, columns)) {
-          lines.push_back(std::move(line));
-        }
-      }
-    }
-    screen.Show(lines);
+    screen.Show(findings.empty() ? std::vector<std::string>() : Table(findings, columns));
   }
 
-  /// What a scan says at its end, without what stands with each device.
+  /// Above the table: what is said once would be lost in what is printed again and again.
+  void TellNewProblems(const std::vector<Events::Event>& news) {
+    for (const Events::Event& event : news) {
+      for (const std::string& problem : event.newProblems) {
+        screen.Clear();
+        Say(Calling(event.finding.device) + ": " + problem);
+      }
+    }
+  }
+
+  /// What a scan says at its end, but for what is said of each device.
   void TellFirst() {
-    if (devices.Count() > 0) return;
-    TellProblems(*network, {}, false);
+    screen.Clear();
+    if (devices.Count() == 0) return TellProblems(*network, {}, false);
+    for (const std::string& line : ExplainFilters(Judge(devices.All(), host), host)) Say(line);
+    isDirty = true;
   }
 
   ScanOptions options;
   bool isTable;
   std::vector<Interface> interfaces;
   std::unique_ptr<Network> network;
+  std::vector<Unusable> told;
   Host host;
   Devices devices;
   Events events;
