@@ -2,16 +2,16 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <string>
-#include <string_view>
+#include <new>
 
-#include "base/ConsoleLine.h"
 #include "base/Descriptor.h"
+#include "ddp/Print.h"
 #include "ddp/TarnDDPServer.h"
 
 std::atomic<bool> Enabled{false};
@@ -19,57 +19,95 @@ pthread_t FIFO_THREAD;
 
 namespace {
 
-constexpr char DirectoryPath[] = "/tmp/tsl_app";
-constexpr char PipePath[] = "/tmp/tsl_app/FIFO_T_C2H_AET";
-constexpr std::size_t LongestText = 2048;
-constexpr std::uint64_t LookInterval_US = 5000000;
-
-void Print(std::string_view text) { ConsoleLine(STDOUT_FILENO, std::string(text) + "\n"); }
+constexpr char DIRECTORY[] = "/tmp/tsl_app";
+constexpr char PIPE[] = "/tmp/tsl_app/FIFO_T_C2H_AET";
+constexpr std::size_t LONGEST_TEXT = 2048;
+constexpr std::uint64_t LOOK_INTERVAL_US = 5000000;
 
 bool Exists(const char* path) {
   struct stat status = {};
   return stat(path, &status) == 0;
 }
 
-/// The directory is everyone's, so that a link may stand where we made something a moment ago: it is not followed.
-bool LetEveryoneIn(const char* path) { return fchmodat(AT_FDCWD, path, 0777, AT_SYMLINK_NOFOLLOW) == 0; }
+// The modes given to mkdir() and mkfifo() stand only until they are changed to 0777.
+constexpr mode_t FIRST_DIRECTORY_MODE = 0007;
+constexpr mode_t FIRST_PIPE_MODE = 0002;
 
-// The modes given to mkdir() and mkfifo() stand only until the next line.
-
-bool MakeDirectory() {
-  const bool isMade = mkdir(DirectoryPath, 0007) == 0;
-  if (!isMade) Print("Could not create directory \"/temp/tsl_app");
-  if (!LetEveryoneIn(DirectoryPath)) Print("Could not change access permissions of /tmp/tsl_app");
-  return isMade;
+/// The directory is everyone's, so that a link may stand where we made something a moment ago: it is not followed, or,
+/// where the C library cannot do without following, not as far as a look can tell.
+bool LetEveryoneIn(const char* path) {
+  if (fchmodat(AT_FDCWD, path, 0777, AT_SYMLINK_NOFOLLOW) == 0) return true;
+  struct stat found = {};
+  return errno == EOPNOTSUPP && lstat(path, &found) == 0 && !S_ISLNK(found.st_mode) && chmod(path, 0777) == 0;
 }
 
-bool MakePipe() {
-  bool isUsable = mkfifo(PipePath, 0002) == 0;
-  if (!isUsable) Print("Could not create FIFO\n");
-  if (!LetEveryoneIn(PipePath)) {
-    isUsable = false;
-    Print("Could not change access permissions for fifoFTPR");
-  }
-  return isUsable;
+/// Whether a start of ours made `path` and ended, or failed, before it set the modes: the first ones are there, as they
+/// are or without what the usual umask 022 takes. Any other modes are somebody's will.
+bool IsHalfMade(const char* path, mode_t kind, mode_t firstMode) {
+  struct stat found = {};
+  if (lstat(path, &found) != 0 || (found.st_mode & S_IFMT) != kind || found.st_uid != geteuid()) return false;
+  const mode_t mode = found.st_mode & 07777;
+  return mode == firstMode || mode == (firstMode & ~022U);
+}
+
+void MakeDirectory(TracePipe::Failures& failures) {
+  const bool exists = Exists(DIRECTORY);
+  if (!exists) failures.noDirectory = mkdir(DIRECTORY, FIRST_DIRECTORY_MODE) != 0;
+  if (exists && !IsHalfMade(DIRECTORY, S_IFDIR, FIRST_DIRECTORY_MODE)) return;
+  failures.noDirectoryModes = !LetEveryoneIn(DIRECTORY);
+}
+
+void MakePipe(TracePipe::Failures& failures) {
+  const bool exists = Exists(PIPE);
+  if (!exists) failures.noPipe = mkfifo(PIPE, FIRST_PIPE_MODE) != 0;
+  if (exists && !IsHalfMade(PIPE, S_IFIFO, FIRST_PIPE_MODE)) return;
+  failures.noPipeModes = !LetEveryoneIn(PIPE);
+}
+
+void Close(int& descriptor) {
+  if (descriptor >= 0) close(descriptor);
+  descriptor = -1;
+}
+
+/// A new one: a watch stays with the directory that it was made for, though another may stand in its place.
+void WatchDirectory(TracePipe& pipe) {
+  constexpr std::uint32_t CHANGES = IN_CREATE | IN_DELETE | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+  Close(pipe.watch);
+  pipe.watch = GateDescriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  if (pipe.watch >= 0 && inotify_add_watch(pipe.watch, DIRECTORY, CHANGES) < 0) Close(pipe.watch);
 }
 
 /// Opens the path for reading and writing: as its own writer the pipe never reports an end, and the open waits for
 /// nobody. Reads do not wait either, poll() does, for another reader may take the text in between. A link or another
-/// kind of file, which anyone may put there, is not opened: what it holds is no trace text.
-void Reopen(TracePipe& pipe) {
-  if (pipe.descriptor >= 0) close(pipe.descriptor);
-  pipe.descriptor = GateDescriptor(open(PipePath, O_RDWR | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
+/// kind of file, which anyone may put there, is not opened: what it holds is no trace text. 0, or errno.
+int Reopen(int& descriptor) {
+  Close(descriptor);
+  descriptor = GateDescriptor(open(PIPE, O_RDWR | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
+  if (descriptor < 0) return errno;
   struct stat opened = {};
-  if (pipe.descriptor < 0 || (fstat(pipe.descriptor, &opened) == 0 && S_ISFIFO(opened.st_mode))) return;
-  close(pipe.descriptor);
-  pipe.descriptor = -1;
+  if (fstat(descriptor, &opened) == 0 && S_ISFIFO(opened.st_mode)) return 0;
+  Close(descriptor);
+  return ENOTSUP;
+}
+
+bool AreSame(const TracePipe::Failures& one, const TracePipe::Failures& other) {
+  return one.noDirectory == other.noDirectory && one.noDirectoryModes == other.noDirectoryModes &&
+         one.noPipe == other.noPipe && one.noPipeModes == other.noPipeModes && one.openError == other.openError;
+}
+
+void PrintFailures(const TracePipe::Failures& failures) {
+  if (failures.noDirectory) Print("Could not create directory \"/temp/tsl_app");
+  if (failures.noDirectoryModes) Print("Could not change access permissions of /tmp/tsl_app");
+  if (failures.noPipe) Print("Could not create FIFO\n");
+  if (failures.noPipeModes) Print("Could not change access permissions for fifoFTPR");
+  if (failures.openError != 0) Print("Error at open\n");
 }
 
 /// Whether a writer who opens the path reaches us.
 bool IsInPlace(const TracePipe& pipe) {
   struct stat held = {};
   struct stat found = {};
-  return fstat(pipe.descriptor, &held) == 0 && lstat(PipePath, &found) == 0 && held.st_dev == found.st_dev &&
+  return fstat(pipe.descriptor, &held) == 0 && lstat(PIPE, &found) == 0 && held.st_dev == found.st_dev &&
          held.st_ino == found.st_ino;
 }
 
@@ -77,10 +115,24 @@ int MillisecondsUntil(const AbsTime_US& deadline) {
   return std::max(0, -ul_MathAbsTime_NowSubParam_US(&deadline)) / 1000 + 1;
 }
 
-void SendText(char (&buffer)[LongestText + 1], std::size_t length) {
-  if (length == LongestText) buffer[length - 1] = '\n';
+void SendText(char (&buffer)[LONGEST_TEXT + 1], std::size_t length) {
+  if (length == LONGEST_TEXT) buffer[length - 1] = '\n';
   buffer[length] = '\0';
-  if (Enabled) Server.Send(buffer);
+  if (!Enabled) return;
+  try {
+    Server.Send(buffer);
+  } catch (const std::bad_alloc&) {  // this text is lost
+  }
+}
+
+/// After the directory told of a change. However many there are, we look ten times a second at most.
+void LookAnew(TracePipe& pipe) {
+  constexpr int PAUSE_MS = 100;
+  char events[4096];  // what does not fit makes us look once more
+  const ssize_t size = read(pipe.watch, events, sizeof events);
+  static_cast<void>(size);
+  ul_MathAbsTime_Clear(&pipe.lookDeadline);
+  poll(nullptr, 0, PAUSE_MS);
 }
 
 void* FIFO_Thread_Handler(void*) {
@@ -90,7 +142,8 @@ void* FIFO_Thread_Handler(void*) {
   if (isUsable) {
     for (;;) TarnDDPTrace_Step(pipe);
   }
-  if (pipe.descriptor >= 0) close(pipe.descriptor);
+  Close(pipe.descriptor);
+  Close(pipe.watch);
   return nullptr;
 }
 
@@ -108,32 +161,39 @@ bool Init_TarnDDPTrace() {
 bool Final_TarnDDPTrace() { return true; }
 
 bool TarnDDPTrace_OpenPipe(TracePipe& pipe) {
-  bool isUsable = true;
-  if (!Exists(DirectoryPath)) isUsable = MakeDirectory();
-  if (!Exists(PipePath) && !MakePipe()) isUsable = false;
-  Reopen(pipe);
-  if (pipe.descriptor < 0) Print("Error at open\n");
-  ul_MathAbsTime_NowAddParam_US(LookInterval_US, &pipe.lookDeadline);
-  return isUsable;
+  TracePipe::Failures failures = {};
+  MakeDirectory(failures);
+  MakePipe(failures);
+  WatchDirectory(pipe);  // before the path is opened, so that no change goes unseen
+  failures.openError = Reopen(pipe.descriptor);
+  if (!AreSame(failures, pipe.told)) PrintFailures(failures);
+  pipe.told = failures;
+  ul_MathAbsTime_NowAddParam_US(LOOK_INTERVAL_US, &pipe.lookDeadline);
+  return !failures.noDirectory && !failures.noPipe && !failures.noPipeModes;
 }
 
 void TarnDDPTrace_Step(TracePipe& pipe) {
-  constexpr int Pause_MS = 2000;
+  constexpr int PAUSE_MS = 2000;
   if (ul_MathAbsTime_NowIsHigherParam(&pipe.lookDeadline)) {
     if (!IsInPlace(pipe)) TarnDDPTrace_OpenPipe(pipe);
-    ul_MathAbsTime_NowAddParam_US(LookInterval_US, &pipe.lookDeadline);
+    ul_MathAbsTime_NowAddParam_US(LOOK_INTERVAL_US, &pipe.lookDeadline);
   }
+  pollfd inputs[] = {{pipe.descriptor, POLLIN, 0}, {pipe.watch, POLLIN, 0}};
   const int untilLook = MillisecondsUntil(pipe.lookDeadline);
-  pollfd readable = {pipe.descriptor, POLLIN, 0};
-  if (pipe.descriptor >= 0 && poll(&readable, 1, untilLook) == 0) return;
+  if (poll(inputs, 2, pipe.descriptor < 0 ? std::min(PAUSE_MS, untilLook) : untilLook) <= 0) {
+    if (pipe.descriptor < 0) TarnDDPTrace_OpenPipe(pipe);
+    return;
+  }
+  if (inputs[1].revents != 0) LookAnew(pipe);
+  if (inputs[0].revents == 0) return;
 
-  char buffer[LongestText + 1] = {};
-  const ssize_t count = read(pipe.descriptor, buffer, LongestText);
+  char buffer[LONGEST_TEXT + 1] = {};
+  const ssize_t count = read(pipe.descriptor, buffer, LONGEST_TEXT);
   if (count > 0) {
     SendText(buffer, static_cast<std::size_t>(count));
   } else if (count == 0 || errno != EAGAIN) {
-    poll(nullptr, 0, std::min(Pause_MS, untilLook));
-    Reopen(pipe);
+    poll(nullptr, 0, PAUSE_MS);
+    TarnDDPTrace_OpenPipe(pipe);
   }
   usleep(1000);
 }
