@@ -27,16 +27,7 @@ std::string RecordText(const Record& record) {
          "\tMAA:" + record.mac + "\tEXTSID:0\tEXTAPPVER:" + record.firmware + "\r\n";
 }
 
-// A member of another type spoils its own field only; an absent one reads as empty or 0.
-
-std::string TextOf(XmlRpcValue& results, const std::string& name) {
-  try {
-    return results[name].getString();
-  } catch (const TarnXmlRpc::XmlRpcException&) {
-    return {};
-  }
-}
-
+/// Like RPCItem::GetText(): a member of another type spoils its own field only, and an absent one reads as 0.
 int NumberOf(XmlRpcValue& results, const std::string& name) {
   try {
     return results[name].getInt();
@@ -48,17 +39,17 @@ int NumberOf(XmlRpcValue& results, const std::string& name) {
 Record ServiceRecord(Infos::CResults& infos, Network::CResults& network) {
   Record record;
   record.deviceType = infos.Get_DeviceType();
-  record.deviceName = TextOf(infos, Infos::CResults::ItemName_DeviceName());
+  record.deviceName = RPCItem::GetText(infos, Infos::CResults::ItemName_DeviceName());
   record.modelCode =
       boost::str(boost::format("XT%d%03d#") % NumberOf(infos, Infos::CResults::ItemName_MainModuleType()) %
                  NumberOf(infos, Infos::CResults::ItemName_SubModuleType()));
-  record.serialNumber = TextOf(infos, Infos::CResults::ItemName_SerialNumber());
+  record.serialNumber = RPCItem::GetText(infos, Infos::CResults::ItemName_SerialNumber());
   record.isDHCPActive = NumberOf(network, Network::CResults::ItemName_DHCPActive()) != 0 ? "true" : "false";
   record.ip = network.Get_IPAddress();
   record.mask = network.Get_SubnetMask();
   record.gateway = network.Get_GatewayAddress();
   record.mac = network.Get_MACAddress();
-  record.firmware = TextOf(infos, Infos::CResults::ItemName_Firmware());
+  record.firmware = RPCItem::GetText(infos, Infos::CResults::ItemName_Firmware());
   return record;
 }
 

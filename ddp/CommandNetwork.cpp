@@ -1,6 +1,7 @@
 #include "ddp/CommandNetwork.h"
 
 #include "ddp/DeviceService.h"
+#include "ddp/Reply.h"
 #include "ddp/Upkeep.h"
 #include "rpc/RPCConf.h"
 #include "util/DHCPClient.h"
@@ -16,7 +17,7 @@ struct Settings {
   std::string ip, mask, gateway, dns;
 };
 
-std::string Reply(bool done) { return done ? "ACK\n" : "NACK\n"; }
+std::string Reply(bool done) { return done ? REPLY_ACK : REPLY_NACK; }
 
 bool SetThroughService(const Settings& settings, bool dhcpOn) {
   SetNetwork::CParams params;
@@ -59,9 +60,9 @@ bool SetOnInterface(const Settings& settings) {
 
 /// The client can only turn DHCP on, and so a request to turn it off leases an address too.
 bool LeaseOnInterface() {
-  constexpr int Attempts = 1;
+  constexpr int ATTEMPTS = 1;
   unsigned leaseSeconds = 0;
-  const bool done = ul_ConfigureNetworkWithDHCP(sInterfaceName.c_str(), Attempts, &leaseSeconds);
+  const bool done = ul_ConfigureNetworkWithDHCP(sInterfaceName.c_str(), ATTEMPTS, &leaseSeconds);
   Upkeep_ExpectNetworkChange();
   return done;
 }

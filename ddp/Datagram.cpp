@@ -16,9 +16,9 @@ std::vector<std::string> TarnDDPCommand_SplitFields(std::string_view datagram) {
   return fields;
 }
 
-// Tools rely on this very count, not on a stricter one. It also takes some texts that are no MAC address, such as
-// twelve digits followed by ":" and anything: harmless, because a filter must equal this device's MAC text to be
-// obeyed.
+// Takes some texts that are no MAC address, such as twelve digits followed by ":" and anything: harmless, because a
+// filter must equal this device's MAC text to be obeyed. Kept for compatibility: a stricter count would take them for
+// arguments.
 bool TarnDDPCommand_IsMacAddress(std::string_view field) {
   int hexDigits = 0;
   int separators = 0;

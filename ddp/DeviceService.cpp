@@ -8,6 +8,9 @@ std::string sInterfaceName = "eth0";
 
 namespace {
 
+/// What else a call may return counts as a success: a positive fault code, and what lies below.
+bool IsFailure(int status) { return status >= -9999 && status <= -1; }
+
 /// Whether a response does not name the method called, while one to an earlier request is still to come. A fault names
 /// none, so that a late fault cannot be told from the call's own.
 bool IsOfAnotherCall(const std::string& method, const TarnXmlRpc::XmlRpcValue& params,
@@ -20,7 +23,7 @@ bool IsOfAnotherCall(const std::string& method, const TarnXmlRpc::XmlRpcValue& p
 }  // namespace
 
 bool TarnDDPCommand_Init(const std::string& host, int port, const std::string& interfaceName) {
-  constexpr unsigned ConnectTimeout_MS = 500;
+  constexpr unsigned CONNECT_TIMEOUT_MS = 500;
   sInterfaceName = interfaceName;
 
   TarnXmlRpc::XmlRpcValue config;
@@ -29,10 +32,10 @@ bool TarnDDPCommand_Init(const std::string& host, int port, const std::string& i
   XmlRpcTransport.SetCfg(config);
 
   XmlRpcTransport.timeout = 2000;  // stands until a Connect() succeeds and puts its own in place
-  if (XmlRpcTransport.Connect(ConnectTimeout_MS) >= 0) return true;
+  if (XmlRpcTransport.Connect(CONNECT_TIMEOUT_MS) >= 0) return true;
   // No status of Connect() is that low: a success at this attempt is told as a failure, which costs a line on the
   // console and nothing else, because everything that follows asks IsConnected().
-  return XmlRpcTransport.Connect(ConnectTimeout_MS) < -9999;
+  return XmlRpcTransport.Connect(CONNECT_TIMEOUT_MS) < -9999;
 }
 
 bool IsConnected() { return XmlRpcTransport.connected; }
@@ -52,7 +55,7 @@ bool CallDeviceService(const char* method, const TarnXmlRpc::XmlRpcValue& params
     const bool isLate = owed > 0 && hasResponse && IsOfAnotherCall(method, params, results);
     const bool isTimeout = status == STATUS_RECEIVE_TIMEOUT && afterTimeout == AfterTimeout::Disconnect;
     if (isLate || isTimeout || status == STATUS_OUT_OF_STEP) XmlRpcTransport.Disconnect();
-    return !isLate && (status < -9999 || status > -1);
+    return !isLate && !IsFailure(status);
   } catch (...) {
     XmlRpcTransport.Disconnect();
     return false;

@@ -20,11 +20,25 @@ void SetText(char (&setting)[128], const char* value) {
 /// The low 32 bits on every machine, whatever the width of long. The bound is compared unsigned, so a negative number
 /// passes it.
 std::int32_t PortOf(const char* value) {
-  constexpr std::uint32_t HighestRefused = 999;
-  constexpr std::int32_t Instead = 1400;
+  constexpr std::uint32_t HIGHEST_REFUSED = 999;
+  constexpr std::int32_t INSTEAD = 1400;
   const auto number = static_cast<std::uint32_t>(std::strtoll(value, nullptr, 10));
-  return number <= HighestRefused ? Instead : static_cast<std::int32_t>(number);
+  return number <= HIGHEST_REFUSED ? INSTEAD : static_cast<std::int32_t>(number);
 }
+
+constexpr char HELP[] =
+    "usage: tarnddpd [-nodaemon] [-if INTERFACE] [-ip ADDRESS] [-port NUMBER]\n"
+    "\n"
+    "Makes this device findable and configurable on the local network. Sets a multicast route, needs root for "
+    "settings.\n"
+    "\n"
+    "  -nodaemon      stay in the foreground and log to standard output\n"
+    "  -if INTERFACE  interface of the route, the multicast groups and the settings (eth0)\n"
+    "  -ip ADDRESS    address of the device service, a dotted quad (127.0.0.1)\n"
+    "  -port NUMBER   TCP port of the device service (1200)\n"
+    "\n"
+    "Any other word is ignored. See tarnddpd(8).\n";
+constexpr char VERSION[] = "tarnddpd " TARNDDPD_VERSION "\n";
 
 }  // namespace
 
@@ -39,4 +53,10 @@ void ReadOptions(int argc, const char* const* argv) {
     if (is("-port")) port = PortOf(value);
     if (is("-if")) SetText(InterfaceName, value);
   }
+}
+
+const char* AnswerInsteadOfServing(int argc, const char* const* argv) {
+  if (argc != 2) return nullptr;
+  if (std::strcmp(argv[1], "--help") == 0) return HELP;
+  return std::strcmp(argv[1], "--version") == 0 ? VERSION : nullptr;
 }

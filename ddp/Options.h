@@ -21,3 +21,7 @@ extern std::int32_t ServiceSystem;
 /// took as its value. "-ip" and "-if" ignore a value of 128 characters or more; "-port" reads the low 32 bits of a
 /// decimal number, and 0 to 999 (a text that is no number counts as 0) become 1400, while a negative one stays.
 void ReadOptions(int argc, const char* const* argv);
+
+/// What to print instead of starting, if the only argument is "--help" or "--version": people try them anywhere. Else
+/// null.
+const char* AnswerInsteadOfServing(int argc, const char* const* argv);

@@ -7,6 +7,7 @@
 #include "ddp/CommandDeviceIdent.h"
 #include "ddp/CommandNetwork.h"
 #include "ddp/Datagram.h"
+#include "ddp/Reply.h"
 #include "ddp/TarnDDPServer.h"
 #include "ddp/TarnDDPTrace.h"
 #include "rpc/RPCSys.h"
@@ -15,9 +16,6 @@
 AbsTime_US DisableIdentEndTime_US = 0;
 
 namespace {
-
-constexpr char Acknowledged[] = "ACK\n";
-constexpr char Refused[] = "NACK\n";
 
 using RPCSys::SendSysCmd;
 
@@ -30,7 +28,7 @@ std::string Identify(const Fields&) {
 }
 
 std::string SetIPAddress(const Fields& fields) {
-  if (fields.size() < 5) return Refused;
+  if (fields.size() < 5) return REPLY_NACK;
   return Command_SetIPAddress(fields[1], fields[2], fields[3], fields.size() == 5 ? std::string() : fields[4]);
 }
 
@@ -45,31 +43,31 @@ std::string SetDHCPMode(const Fields& fields) {
 /// The device halts and stays down until it is powered anew.
 std::string Reboot(const Fields&) {
   ul_RunCommand("halt");
-  return Acknowledged;
+  return REPLY_ACK;
 }
 
 std::string DisableIdent(const Fields&) {
-  constexpr std::uint64_t Silence_US = 10000000;
-  ul_MathAbsTime_NowAddParam_US(Silence_US, &DisableIdentEndTime_US);
-  return Acknowledged;
+  constexpr std::uint64_t SILENCE_US = 10000000;
+  ul_MathAbsTime_NowAddParam_US(SILENCE_US, &DisableIdentEndTime_US);
+  return REPLY_ACK;
 }
 
 std::string EnableIdent(const Fields&) {
   DisableIdentEndTime_US = 0;
-  return Acknowledged;
+  return REPLY_ACK;
 }
 
-/// Unlike SetDHCPMode(), a text that is not on or off is nobody's to catch: it ends the daemon.
+/// Unlike in SetDHCPMode(), a text that is not on or off throws, and nothing catches it: it ends the daemon.
 std::string SwitchTrace(const Fields& fields) {
   if (fields.size() < 2) return {};
   EnableTrace(boost::lexical_cast<bool>(fields[1]));
-  return Acknowledged;
+  return REPLY_ACK;
 }
 
 /// The argument is a shell line by design. The reply is the same whether it ran or not.
 std::string ExecuteCommand(const Fields& fields) {
   if (fields.size() >= 2 && IsConnected()) ul_RunCommand(fields[1]);
-  return Refused;
+  return REPLY_NACK;
 }
 
 struct Command {
@@ -78,7 +76,7 @@ struct Command {
   std::string (*run)(const Fields& fields);
 };
 
-constexpr Command commands[] = {
+constexpr Command COMMANDS[] = {
     {"DEVICEIDENT?", false, Identify},          {"DEVICEIDENTEXT?", false, Identify},
     {"SETIPADDRESS!", false, SetIPAddress},     {"SETDHCPMODE!", false, SetDHCPMode},
     {"DEVICEREBOOT!", false, Reboot},           {"DEVICEDISABLEIDENT!", false, DisableIdent},
@@ -86,7 +84,7 @@ constexpr Command commands[] = {
     {"EXECUTECOMMAND!", true, ExecuteCommand},
 };
 
-/// Hands the service a request that is not ours; what comes of it is not told.
+/// Hands the service a request that is not ours and ignores its answer.
 void Forward(const std::string& datagram) {
   if (!IsConnected()) return;
   SendSysCmd::CParams params;
@@ -111,7 +109,7 @@ std::string TarnDDPCommand_Execute(const std::string& datagram, bool directlyAdd
   if (!PassMacFilter(fields)) return {};
 
   for (char& c : fields[0]) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  for (const Command& command : commands) {
+  for (const Command& command : COMMANDS) {
     if (fields[0] != command.word) continue;
     return directlyAddressed || !command.needsDirectAddressing ? command.run(fields) : std::string();
   }

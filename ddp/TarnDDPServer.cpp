@@ -9,14 +9,20 @@
 #include <cstring>
 #include <memory>
 
-#include "base/ConsoleLine.h"
 #include "base/Descriptor.h"
+#include "ddp/Print.h"
 
 struct TarnDDPServer::Endpoint {
   const char* address;
   const char* port;
+  const char* scanMethod;
   bool isGroup;
 };
+
+constexpr TarnDDPServer::Endpoint TarnDDPServer::TABLE[ENDPOINTS] = {
+    {address_IPV6, port_IPV6, "IPV6 Multicast", true},
+    {address_IPV4, port_IPV4, "IPV4 Multicast", true},
+    {address_Broadcast, port_Broadcast, "UDP Broadcast", false}};
 
 namespace {
 
@@ -44,7 +50,7 @@ AddressList ResolveWildcard(int family, const char* port) {
   return Resolve(nullptr, port, &hints);
 }
 
-void PrintSystemError() { ConsoleLine(STDOUT_FILENO, std::string(std::strerror(errno)) + "\n"); }
+void PrintSystemError() { Print(std::strerror(errno)); }
 
 template <typename Value>
 bool SetOption(int descriptor, int level, int option, const Value& value) {
@@ -58,8 +64,8 @@ bool GetReceiveBuffer(int descriptor) {
 }
 
 bool EnlargeReceiveBuffer(int descriptor) {
-  constexpr int ReceiveBuffer = 300000;
-  return GetReceiveBuffer(descriptor) && SetOption(descriptor, SOL_SOCKET, SO_RCVBUF, ReceiveBuffer) &&
+  constexpr int RECEIVE_BUFFER = 300000;
+  return GetReceiveBuffer(descriptor) && SetOption(descriptor, SOL_SOCKET, SO_RCVBUF, RECEIVE_BUFFER) &&
          GetReceiveBuffer(descriptor);
 }
 
@@ -80,8 +86,6 @@ bool JoinGroup(int descriptor, const addrinfo& group) {
   return false;
 }
 
-bool IsFine(bool changed) { return changed || errno == EADDRINUSE; }
-
 }  // namespace
 
 TarnDDPServer Server;
@@ -90,27 +94,55 @@ TarnDDPServer::TarnDDPServer() { connectionsOpen = InitConnections(); }
 
 bool TarnDDPServer::InitConnections() {
   // Nothing reads this record.
-  spareAddressIPV4.sin_family = AF_INET;
-  spareAddressIPV4.sin_port = 5563;
-  spareAddressIPV4.sin_addr.s_addr = inet_addr(port_IPV4);
+  _spareAddressIPV4.sin_family = AF_INET;
+  _spareAddressIPV4.sin_port = 5563;
+  _spareAddressIPV4.sin_addr.s_addr = inet_addr(port_IPV4);
 
-  bool usable = OpenEndpoint({address_IPV6, port_IPV6, true}, socket_IPV6);
-  if (OpenEndpoint({address_IPV4, port_IPV4, true}, socket_IPV4)) usable = true;
-  if (OpenEndpoint({address_Broadcast, port_Broadcast, false}, socket_Broadcast)) usable = true;
+  bool usable = false;
+  for (std::size_t which = 0; which < ENDPOINTS; ++which) usable = OpenEndpoint(which) || usable;
   if (usable) connectionsOpen = true;
   return usable;
 }
 
-bool TarnDDPServer::OpenEndpoint(const Endpoint& endpoint, int& descriptor) {
-  const AddressList group = ResolveNumeric(endpoint.address);
-  if (!group) return false;
-  const AddressList wildcard = ResolveWildcard(group->ai_family, endpoint.port);
-  if (!wildcard) return false;
-  Replace(descriptor, GateDescriptor(socket(group->ai_family, SOCK_DGRAM, IPPROTO_UDP)));
-  constexpr int enable = 1;
-  return descriptor >= 0 && SetOption(descriptor, SOL_SOCKET, SO_REUSEADDR, enable) &&
-         bind(descriptor, wildcard->ai_addr, wildcard->ai_addrlen) == 0 && EnlargeReceiveBuffer(descriptor) &&
-         (!endpoint.isGroup || JoinGroup(descriptor, *group));
+bool TarnDDPServer::OpenEndpoint(std::size_t which) {
+  const AddressList group = ResolveNumeric(TABLE[which].address);
+  if (!group) {
+    _errors[which] = ENOMEM;  // an address in numbers, and without memory for it
+    return false;
+  }
+  return OpenSocket(which, group->ai_family) && EnlargeReceiveBuffer(_sockets[which]) &&
+         (!TABLE[which].isGroup || ::JoinGroup(_sockets[which], *group));
+}
+
+/// The new socket takes its place even if it cannot be bound.
+bool TarnDDPServer::OpenSocket(std::size_t which, int family) {
+  errno = ENOMEM;  // as above
+  const AddressList wildcard = ResolveWildcard(family, TABLE[which].port);
+  bool isOpen = false;
+  if (wildcard) {
+    constexpr int ENABLE = 1;
+    Replace(_sockets[which], GateDescriptor(socket(family, SOCK_DGRAM, IPPROTO_UDP)));
+    isOpen = _sockets[which] >= 0 && SetOption(_sockets[which], SOL_SOCKET, SO_REUSEADDR, ENABLE) &&
+             bind(_sockets[which], wildcard->ai_addr, wildcard->ai_addrlen) == 0;
+  }
+  _errors[which] = isOpen ? 0 : errno;
+  return isOpen;
+}
+
+std::array<TarnDDPServer::EndpointState, TarnDDPServer::ENDPOINTS> TarnDDPServer::GetEndpoints() const {
+  std::array<EndpointState, ENDPOINTS> states = {};
+  for (std::size_t which = 0; which < ENDPOINTS; ++which) states[which] = {TABLE[which].port, _errors[which]};
+  return states;
+}
+
+bool TarnDDPServer::OpenClosedEndpoints() {
+  bool isOpened = false;
+  for (std::size_t which = 0; which < ENDPOINTS; ++which) {
+    if (_errors[which] == 0) continue;
+    OpenEndpoint(which);
+    isOpened = isOpened || _errors[which] == 0;
+  }
+  return isOpened;
 }
 
 /// Stores the new descriptor before the old one is closed, so that the trace thread never sends to a closed one. The
@@ -119,26 +151,25 @@ void TarnDDPServer::Replace(int& descriptor, int replacement) {
   const int replaced = descriptor;
   descriptor = replacement;
   if (replaced <= STDERR_FILENO) return;
-  if (activeSocket == replaced) activeSocket = replacement;
+  if (_activeSocket == replaced) _activeSocket = replacement;
   CloseKeepingErrno(replaced);
 }
 
 std::string TarnDDPServer::Receive() {
   char buffer[1024] = {};
   timeval timeout = {1, 0};
-  const int endpoints[] = {socket_IPV6, socket_IPV4, socket_Broadcast};
   fd_set ready;
   FD_ZERO(&ready);
-  for (const int endpoint : endpoints)
+  for (const int endpoint : _sockets)
     if (endpoint >= 0) FD_SET(endpoint, &ready);
   if (select(FD_SETSIZE, &ready, nullptr, nullptr, &timeout) <= 0) return {};
 
-  for (const int endpoint : endpoints) {
+  for (const int endpoint : _sockets) {
     if (endpoint < 0 || !FD_ISSET(endpoint, &ready)) continue;
-    activeSocket = endpoint;
-    senderAddressLength = sizeof senderAddress;
-    const ssize_t count = recvfrom(activeSocket, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(senderAddress),
-                                   &senderAddressLength);
+    _activeSocket = endpoint;
+    _senderAddressLength = sizeof _senderAddress;
+    const ssize_t count = recvfrom(_activeSocket, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(_senderAddress),
+                                   &_senderAddressLength);
     if (count <= 0 || count >= static_cast<ssize_t>(sizeof buffer)) return {};
     return buffer;  // the zeroed rest ends the text
   }
@@ -146,15 +177,15 @@ std::string TarnDDPServer::Receive() {
 }
 
 bool TarnDDPServer::Send(const std::string& reply) {
-  const int through = activeSocket;
+  const int through = _activeSocket;
   if (through < 0) return false;
   ssize_t sent = -1;
-  if (through == socket_IPV4) {
+  if (through == _sockets[IPV4]) {
     const AddressList group = Resolve(address_IPV4, port_IPV4, nullptr);
     if (group) sent = sendto(through, reply.data(), reply.size(), 0, group->ai_addr, group->ai_addrlen);
   } else {
-    sent = sendto(through, reply.data(), reply.size(), 0, reinterpret_cast<const sockaddr*>(senderAddress),
-                  senderAddressLength);
+    sent = sendto(through, reply.data(), reply.size(), 0, reinterpret_cast<const sockaddr*>(_senderAddress),
+                  _senderAddressLength);
   }
   if (sent == static_cast<ssize_t>(reply.size())) return true;
   PrintSystemError();
@@ -163,33 +194,48 @@ bool TarnDDPServer::Send(const std::string& reply) {
 
 std::string TarnDDPServer::GetSender() const {
   char text[128] = "";
-  if (activeSocket == socket_IPV6) {
-    inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(senderAddress)->sin6_addr, text, sizeof text);
+  if (_activeSocket == _sockets[IPV6]) {
+    inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(_senderAddress)->sin6_addr, text, sizeof text);
   } else {
-    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(senderAddress)->sin_addr, text, sizeof text);
+    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(_senderAddress)->sin_addr, text, sizeof text);
   }
   return text;
 }
 
 std::string TarnDDPServer::GetScanMethod() const {
-  if (activeSocket == socket_IPV6) return "IPV6 Multicast";
-  if (activeSocket == socket_IPV4) return "IPV4 Multicast";
-  if (activeSocket == socket_Broadcast) return "UDP Broadcast";
+  for (std::size_t which = 0; which < ENDPOINTS; ++which) {
+    if (_activeSocket == _sockets[which]) return TABLE[which].scanMethod;
+  }
   return "Unknown";
 }
 
-bool TarnDDPServer::JoinGroups(unsigned index) { return ChangeGroups(IP_ADD_MEMBERSHIP, IPV6_ADD_MEMBERSHIP, index); }
+bool TarnDDPServer::JoinGroups(unsigned index) {
+  const bool isJoinedIPV4 = JoinGroup(AF_INET, index);
+  return JoinGroup(AF_INET6, index) && isJoinedIPV4;
+}
 
-void TarnDDPServer::LeaveGroups(unsigned index) { ChangeGroups(IP_DROP_MEMBERSHIP, IPV6_DROP_MEMBERSHIP, index); }
+void TarnDDPServer::LeaveGroups(unsigned index) {
+  LeaveGroup(AF_INET, index);
+  LeaveGroup(AF_INET6, index);
+}
 
-bool TarnDDPServer::ChangeGroups(int optionIPV4, int optionIPV6, unsigned index) {
-  ip_mreqn membershipIPV4 = {};
-  inet_pton(AF_INET, address_IPV4, &membershipIPV4.imr_multiaddr);
-  membershipIPV4.imr_ifindex = static_cast<int>(index);
-  const bool doneIPV4 = IsFine(SetOption(socket_IPV4, IPPROTO_IP, optionIPV4, membershipIPV4));
+bool TarnDDPServer::JoinGroup(int family, unsigned index) {
+  return ChangeGroup(family, IP_ADD_MEMBERSHIP, IPV6_ADD_MEMBERSHIP, index) || errno == EADDRINUSE;
+}
 
-  ipv6_mreq membershipIPV6 = {};
-  inet_pton(AF_INET6, address_IPV6, &membershipIPV6.ipv6mr_multiaddr);
-  membershipIPV6.ipv6mr_interface = index;
-  return IsFine(SetOption(socket_IPV6, IPPROTO_IPV6, optionIPV6, membershipIPV6)) && doneIPV4;
+bool TarnDDPServer::LeaveGroup(int family, unsigned index) {
+  return ChangeGroup(family, IP_DROP_MEMBERSHIP, IPV6_DROP_MEMBERSHIP, index);
+}
+
+bool TarnDDPServer::ChangeGroup(int family, int optionIPV4, int optionIPV6, unsigned index) {
+  if (family == AF_INET6) {
+    ipv6_mreq membership = {};
+    inet_pton(AF_INET6, address_IPV6, &membership.ipv6mr_multiaddr);
+    membership.ipv6mr_interface = index;
+    return SetOption(_sockets[IPV6], IPPROTO_IPV6, optionIPV6, membership);
+  }
+  ip_mreqn membership = {};
+  inet_pton(AF_INET, address_IPV4, &membership.imr_multiaddr);
+  membership.imr_ifindex = static_cast<int>(index);
+  return SetOption(_sockets[IPV4], IPPROTO_IP, optionIPV4, membership);
 }

@@ -3,6 +3,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <array>
+#include <cstddef>
 #include <string>
 
 // The three endpoints. Constants, so that `Server`, which opens its sockets before main(), finds them in place.
@@ -26,7 +28,7 @@ class TarnDDPServer {
   virtual ~TarnDDPServer() = default;
 
   /// Opens all three endpoints anew and closes the sockets that they replace. True if the broadcast endpoint works, or
-  /// one of the two groups was joined. Tells nothing, but for the cause of a failed IPv4 join on standard output.
+  /// one of the two groups was joined. Prints nothing but the cause of a failed IPv4 join, on standard output.
   bool InitConnections();
 
   /// Waits up to 1 s for one datagram. Returns its text up to its first NUL; empty if none came or if it has 1024 bytes
@@ -43,35 +45,52 @@ class TarnDDPServer {
   std::string GetScanMethod() const;
   /// Whether the last request came through the IPv6 endpoint, which is what the privileged commands ask for. That
   /// endpoint also hears unicast and IPv4 requests to its port.
-  bool WasDirectAddressed() const { return activeSocket == socket_IPV6; }
+  bool WasDirectAddressed() const { return _activeSocket == _sockets[IPV6]; }
 
-  void SetOwnMACAddress(const std::string& mac) { ownMACAddress = mac; }
+  void SetOwnMACAddress(const std::string& mac) { _ownMACAddress = mac; }
   /// Exact equality of the texts, case and separators included.
-  bool IsOwnMacAddress(const std::string& mac) const { return mac == ownMACAddress; }
+  bool IsOwnMacAddress(const std::string& mac) const { return mac == _ownMACAddress; }
 
   /// Joins both groups on the interface of that index as well; having joined there before is fine. True if both are now
-  /// joined there. Tells nothing.
+  /// joined there. Nothing is printed.
   bool JoinGroups(unsigned index);
   /// Forgets the joins of JoinGroups(`index`). The system remembers those on an interface that is gone, and lets a
   /// socket have about twenty.
   void LeaveGroups(unsigned index);
+  /// The same for one group, that of `family` (AF_INET or AF_INET6).
+  bool JoinGroup(int family, unsigned index);
+  bool LeaveGroup(int family, unsigned index);
+
+  /// An endpoint that is closed has an `error`, the errno of why its socket could not be made or bound; an open one 0.
+  struct EndpointState {
+    const char* port;
+    int error;
+  };
+  static constexpr std::size_t ENDPOINTS = 3;
+  std::array<EndpointState, ENDPOINTS> GetEndpoints() const;
+  /// Opens those that are closed and leaves the others alone. True if one is open now that was not. Nothing is printed,
+  /// but for the cause of a failed IPv4 join on standard output.
+  bool OpenClosedEndpoints();
 
  private:
   struct Endpoint;
+  /// In the order in which they are opened and read.
+  enum : std::size_t { IPV6, IPV4, BROADCAST };
+  static const Endpoint TABLE[ENDPOINTS];
 
-  bool OpenEndpoint(const Endpoint& endpoint, int& descriptor);
+  bool OpenEndpoint(std::size_t which);
+  bool OpenSocket(std::size_t which, int family);
   void Replace(int& descriptor, int replacement);
-  bool ChangeGroups(int optionIPV4, int optionIPV6, unsigned index);
+  bool ChangeGroup(int family, int optionIPV4, int optionIPV6, unsigned index);
 
-  // 1, not -1: if the IPv6 group cannot even be resolved, descriptor 1 is waited on.
-  int socket_IPV6 = 1;
-  int socket_IPV4 = -1;
-  int socket_Broadcast = -1;
-  int activeSocket = -1;
-  alignas(sockaddr_storage) unsigned char senderAddress[1024] = {};
-  socklen_t senderAddressLength = 0;
-  sockaddr_in spareAddressIPV4 = {};
-  std::string ownMACAddress;
+  // 1, not -1, for IPv6: if that group cannot even be resolved, descriptor 1 is waited on.
+  int _sockets[ENDPOINTS] = {1, -1, -1};
+  int _errors[ENDPOINTS] = {};
+  int _activeSocket = -1;
+  alignas(sockaddr_storage) unsigned char _senderAddress[1024] = {};
+  socklen_t _senderAddressLength = 0;
+  sockaddr_in _spareAddressIPV4 = {};
+  std::string _ownMACAddress;
 
  public:
   /// Whether InitConnections() succeeded once. To read.

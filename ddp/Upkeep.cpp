@@ -6,22 +6,45 @@
 #include <net/if.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <sstream>
 
 #include "base/Descriptor.h"
 #include "ddp/DeviceService.h"
+#include "ddp/Print.h"
 #include "ddp/TarnDDPServer.h"
 #include "util/EthernetCfg.h"
 #include "util/_Time.h"
 
 namespace {
 
+constexpr std::uint64_t INTERVAL_US = 5000000;
+
+AbsTime_US retryDeadline = 0;
 AbsTime_US networkDeadline = 0;
+bool isClosureTold[TarnDDPServer::ENDPOINTS] = {};
+
 #ifdef __GLIBC__
 const char* const heapAtStart = static_cast<char*>(sbrk(0));
 #endif
-unsigned joinedIndex = 0;  // where the groups were joined last; 0 for nowhere
+
+struct Group {
+  int family;
+  const char* address;
+  const char* list;
+  bool (*isListed)(const std::string& list, unsigned index, const char* group);
+  unsigned joinedIndex;  // where it was joined last; 0 for nowhere
+};
+Group groups[] = {{AF_INET, address_IPV4, "/proc/net/igmp", Upkeep_ListsGroupIPV4, 0},
+                  {AF_INET6, address_IPV6, "/proc/net/igmp6", Upkeep_ListsGroupIPV6, 0}};
+
+/// The sockets are new ones.
+void ForgetJoins() {
+  for (Group& group : groups) group.joinedIndex = 0;
+  Upkeep_ExpectNetworkChange();
+}
 
 /// Where the C library would keep what was freed in small pieces.
 void TrimHeap() {
@@ -43,22 +66,40 @@ std::string ReadProc(const char* path) {
   return text;
 }
 
-/// Whether the interface of that index has both groups; true where the system does not tell.
-bool HasGroups(unsigned index) {
-  const std::string groupsIPV4 = ReadProc("/proc/net/igmp");
-  const std::string groupsIPV6 = ReadProc("/proc/net/igmp6");
-  return (groupsIPV4.empty() || Upkeep_ListsGroupIPV4(groupsIPV4, index, address_IPV4)) &&
-         (groupsIPV6.empty() || Upkeep_ListsGroupIPV6(groupsIPV6, index, address_IPV6));
+/// True where the system does not tell.
+bool IsJoined(const Group& group, unsigned index) {
+  const std::string list = ReadProc(group.list);
+  return list.empty() || group.isListed(list, index, group.address);
 }
 
 /// What the system still knows of a join on an interface that is gone, or that lost its groups, stands in the way of
 /// the next one: a socket may have some twenty, and one of each kind.
-void JoinAnew(unsigned index) {
+void JoinAnew(Group& group, unsigned index) {
   char name[IF_NAMESIZE];
-  if (joinedIndex != 0 && if_indextoname(joinedIndex, name) == nullptr) Server.LeaveGroups(joinedIndex);
-  if (index == joinedIndex) Server.LeaveGroups(index);
-  Server.JoinGroups(index);
-  joinedIndex = index;
+  const bool isGone = group.joinedIndex != 0 && if_indextoname(group.joinedIndex, name) == nullptr;
+  if (isGone || index == group.joinedIndex) Server.LeaveGroup(group.family, group.joinedIndex);
+  Server.JoinGroup(group.family, index);
+  group.joinedIndex = index;
+}
+
+void TellClosedEndpoints() {
+  const auto endpoints = Server.GetEndpoints();
+  for (std::size_t which = 0; which < endpoints.size(); ++which) {
+    const bool isClosed = endpoints[which].error != 0;
+    if (isClosed && !isClosureTold[which]) {
+      char line[160];
+      std::snprintf(line, sizeof line, "tarnddpd: UDP port %s could not be opened: %s; tried again every 5 s\n",
+                    endpoints[which].port, std::strerror(endpoints[which].error));
+      ConsoleLine(STDERR_FILENO, line);
+    }
+    isClosureTold[which] = isClosed;
+  }
+}
+
+void OpenEndpoints() {
+  const bool isOpen = Server.InitConnections();
+  Print(isOpen ? "Successfully opened server conenctions" : "Failed to open server connections");
+  ForgetJoins();
 }
 
 }  // namespace
@@ -105,6 +146,19 @@ bool Upkeep_ListsGroupIPV6(const std::string& list, unsigned index, const char* 
   return false;
 }
 
+void Upkeep_Attach(const char* host, int port, const char* interface) {
+  const bool isAttached = TarnDDPCommand_Init(host, port, interface);
+  Print(isAttached ? "Successfully attached to device API" : "Failed to attach to device API - APPTERM");
+  ul_MathAbsTime_NowAddParam_US(INTERVAL_US, &retryDeadline);
+}
+
+void Upkeep_Retry(const char* host, int port, const char* interface) {
+  if ((IsConnected() && Server.connectionsOpen) || !ul_MathAbsTime_NowIsHigherParam(&retryDeadline)) return;
+  ul_MathAbsTime_NowAddParam_US(INTERVAL_US, &retryDeadline);
+  if (!IsConnected()) Upkeep_Attach(host, port, interface);
+  if (!Server.connectionsOpen) OpenEndpoints();
+}
+
 void Upkeep_ServiceConnection() {
   if (!IsConnected()) return;
   if (XmlRpcTransport.HasInput() || XmlRpcTransport.IsItsOwnPeer()) XmlRpcTransport.Disconnect();
@@ -112,21 +166,27 @@ void Upkeep_ServiceConnection() {
 
 void Upkeep_Memory() {
 #ifdef __GLIBC__
-  constexpr std::ptrdiff_t Grown = 1 << 20;  // below it, trimming costs each request more than it gives back
-  if (static_cast<char*>(sbrk(0)) - heapAtStart > Grown) TrimHeap();
+  constexpr std::ptrdiff_t GROWN = 1 << 20;  // below it, trimming costs each request more than it gives back
+  if (static_cast<char*>(sbrk(0)) - heapAtStart > GROWN) TrimHeap();
 #endif
 }
 
 void Upkeep_Network(const char* interface) {
-  constexpr std::uint64_t Interval_US = 5000000;
   if (!ul_MathAbsTime_NowIsHigherParam(&networkDeadline)) return;
-  ul_MathAbsTime_NowAddParam_US(Interval_US, &networkDeadline);
+  ul_MathAbsTime_NowAddParam_US(INTERVAL_US, &networkDeadline);
   TrimHeap();  // where a limit to memory made it grow elsewhere, Upkeep_Memory() does not see it
+
+  if (Server.connectionsOpen && Server.OpenClosedEndpoints()) ForgetJoins();
+  TellClosedEndpoints();
 
   const unsigned index = if_nametoindex(interface);
   if (index == 0) return;
-  if (index != joinedIndex || !HasGroups(index)) JoinAnew(index);
-  EthernetCfg_AddMulticastRoute(interface);  // costs less than to find out whether the route is there
+  for (Group& group : groups) {
+    if (index != group.joinedIndex || !IsJoined(group, index)) JoinAnew(group, index);
+  }
+  // Start-up did so by the command, whose words tell what is wrong, but which is not there on every device and does not
+  // do it again when the link was down. This costs less than to find out whether the route is there.
+  EthernetCfg_AddMulticastRoute(interface);
 }
 
 void Upkeep_ExpectNetworkChange() { ul_MathAbsTime_Clear(&networkDeadline); }

@@ -2,15 +2,25 @@
 
 #include <string>
 
-// What mends itself beside the loop's repairs, without a word and without a wake-up of its own. Main thread only; the
-// loop calls both after each Receive() and before a request is handled. Nothing here blocks or throws.
+// All that mends itself: the connection to the device service, the endpoints, the multicast groups and route, the
+// memory. Each call does nothing until it is time, and none wakes the process by itself. Main thread only; what memory
+// runs out for throws std::bad_alloc and is done the next time.
+
+/// Connects to the device service, says on standard output whether it did, and sets the time of the first
+/// Upkeep_Retry(). Blocks for at most 1 s.
+void Upkeep_Attach(const char* host, int port, const char* interface);
+
+/// 5 s after the last attempt, makes another: attaches anew if the service is not connected, opens the endpoints anew
+/// if none is usable.
+void Upkeep_Retry(const char* host, int port, const char* interface);
 
 /// Gives up the idle connection to the device service if there is anything to read on it: the service closed it, or its
 /// answers are out of step. Or if it leads to ourselves, while it would keep the service from its own port.
 void Upkeep_ServiceConnection();
 
-/// Joins both groups on `interface` and routes IPv4 multicast through it. Does so once in 5 s, and otherwise returns at
-/// once; an interface that is absent is left until it is back.
+/// Joins both groups on `interface`, each where it is missing, routes IPv4 multicast through it, and opens single
+/// endpoints that could not be opened before. A closed endpoint is told once, on standard error. Once in 5 s; an
+/// interface that is absent is left until it is back. Does not block.
 ///
 /// The system forgets the groups with the interface, and the route with its last address or when the link goes down;
 /// at start-up the IPv4 group is joined before the route is there.

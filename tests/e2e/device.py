@@ -16,7 +16,9 @@ from testnet import eventually  # noqa: E402,F401
 DAEMON = os.path.abspath(sys.argv.pop(1)) if len(sys.argv) > 1 else sys.exit("usage: *_test.py TARNDDPD [UNITTEST...]")
 DEVICE, PC = "192.168.1.2", "192.168.1.3"
 MAC = "00:1b:c4:0a:ff:05"   # as the service tells it
+FAULTS = os.path.join(os.path.dirname(DAEMON), "Faults.so")   # to preload
 QUIET = 0.4   # seconds after which an answer that did not come counts as none
+FIFO = "/tmp/tsl_app/FIFO_T_C2H_AET"
 ACK, NACK = b"ACK\n", b"NACK\n"
 
 
@@ -40,24 +42,32 @@ class Daemon:
     """tarnddpd on `host`, in the foreground unless told otherwise. Its output is a file; its `route` commands are
     recorded, each word in brackets, and then run."""
 
-    def __init__(self, net, host, *options, foreground=True, prefix=(), **popen):
+    def __init__(self, net, host, *options, foreground=True, prefix=(), env=None, **popen):
         self.host = host
-        self._output, self._routes, route = (pathlib.Path(net.folder, name) for name in ("output", "routes", "route"))
+        self._output, self._errors, self._routes, route = (
+            pathlib.Path(net.folder, name) for name in ("output", "errors", "routes", "route"))
         self.forget_routes()
         route.write_text(f"#!/bin/sh\n{{ printf '[%s]' \"$@\"; echo; }} >>{self._routes}\n"
                          f"exec {shutil.which('route')} \"$@\"\n", encoding="ascii")
         route.chmod(0o755)
         words = [*prefix, DAEMON, *(["-nodaemon"] if foreground else []), *options]
-        errors = pathlib.Path(net.folder, "errors")
-        with open(self._output, "wb") as output, open(errors, "wb") as error_output:
-            self.process = host.start(*words, env={**os.environ, "PATH": f"{net.folder}:{os.environ['PATH']}"},
-                                      **{"stdout": output, "stderr": error_output, **popen})
+        with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
+            path = f"{net.folder}:{os.environ['PATH']}"
+            self.process = host.start(*words, env={**os.environ, **(env or {}), "PATH": path},
+                                      **{"stdout": output, "stderr": errors, **popen})
         self.pid = self.process.pid
         if foreground and "stdout" not in popen and not eventually(lambda: "attach" in self.output()):
-            raise RuntimeError(f"the daemon did not start: {self.output()}{errors.read_text(encoding='latin-1')}")
+            raise RuntimeError(f"the daemon did not start: {self.output()}{self.errors()}")
 
     def output(self):
         return self._output.read_bytes().decode("latin-1")
+
+    def errors(self):
+        return self._errors.read_bytes().decode("latin-1")
+
+    def complaints(self):
+        """Its own lines on standard error, which the commands that it runs share."""
+        return [line for line in self.errors().splitlines() if line.startswith("tarnddpd: ")]
 
     def routes(self):
         return self._routes.read_text(encoding="latin-1").splitlines()

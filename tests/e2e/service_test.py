@@ -144,7 +144,10 @@ class Answers(DeviceTest):
                             connection.sendall(huge.pop() if huge else small)
 
         threading.Thread(target=serve, daemon=True).start()
+        self.addCleanup(self.start_daemon)
+        self.addCleanup(self.service.start)
         self.addCleanup(listener.close)
+        self.addCleanup(listener.shutdown, socket.SHUT_RDWR)   # which ends its thread
         for limit, answers in (
                 ("unlimited", 2 * [answer(b"", head=b"X" * 30000000), answer(b"", 30000000), answer(many)]),
                 ("65536", [answer(b"", 100000000), answer(member % (b"DeviceType", b"T" * 20000000)), answer(many)])):
@@ -155,7 +158,6 @@ class Answers(DeviceTest):
                     huge.append(text)
                     self.assertTrue(self.ask(IDENT, seconds=5))
                     self.assertTrue(eventually(lambda: daemon.resident() < 20000, 7), daemon.resident())
-        self.start_daemon()
 
     def test_descriptors_stay_as_many(self):
         self.start_daemon()

@@ -8,7 +8,8 @@ import subprocess
 import time
 import unittest
 
-from device import ACK, DAEMON, DEVICE, ENABLE, IDENT, PC, SERVICE_RECORD, DeviceTest, ddp_query, eventually, request
+from device import (ACK, DAEMON, DEVICE, ENABLE, FAULTS, FIFO, IDENT, PC, QUIET, SERVICE_RECORD, DeviceTest, ddp_query,
+                    eventually, request)
 
 ATTACHED, FAILED = "Successfully attached to device API\n", "Failed to attach to device API - APPTERM\n"
 
@@ -129,6 +130,43 @@ class Start(DeviceTest):
         for way in ddp_query.WAYS:
             self.wait_for_record(way)
         self.assertEqual(len(daemon.sockets()), 4)
+
+    def test_single_endpoint_that_was_taken_is_told_once_and_opened_later(self):
+        """The others answer meanwhile and stay as they are."""
+        for port, way in ((5563, "ipv4"), (5564, "ipv6"), (5562, "broadcast")):
+            with self.subTest(way):
+                self.daemon.stop()
+                with self.device.inside(), socket.socket(socket.AF_INET6, socket.SOCK_DGRAM) as holder:
+                    holder.bind(("::", port))
+                    daemon = self.start_daemon()
+                    for other in set(ddp_query.WAYS) - {way}:
+                        self.wait_for_record(other)
+                    self.assertFalse(eventually(lambda d=daemon: len(d.complaints()) > 1, 5.5))
+                    before = daemon.sockets()
+                self.wait_for_record(way)
+                self.assertEqual(len(daemon.sockets() & before), 3)
+                cause = "could not be opened: Address already in use; tried again every 5 s"
+                self.assertEqual(daemon.complaints(), [f"tarnddpd: UDP port {port} {cause}"])
+
+    def test_help_and_version_start_nothing(self):
+        for word, begin in (("--help", "usage: tarnddpd [-nodaemon]"), ("--version", "tarnddpd 0.1.0\n")):
+            told = subprocess.run(self.device.command(DAEMON, word), stdout=subprocess.PIPE, text=True, check=True,
+                                  timeout=5)
+            self.assertTrue(told.stdout.startswith(begin), told.stdout)
+        self.assertIn("Starting", self.start_daemon("--help").output())
+
+    def test_memory_that_runs_out_costs_a_datagram(self):
+        """Or a trace text; one without a line end calls no command, whose own exceptions end the daemon."""
+        self.start_daemon(env={"LD_PRELOAD": FAULTS})
+        for number in range(1, 10):
+            for way in ddp_query.WAYS:
+                self.callers[way].send(b"FAIL%d" % number + 500 * b"x")
+            self.assertEqual(self.ask(ENABLE, "broadcast"), ACK, number)   # read last
+        self.assertEqual(self.ask(request("SYSTRACE!", "1")), ACK)
+        with open(FIFO, "r+b", buffering=0) as pipe:
+            for text, arrives in ((b"FAIL1" + 500 * b"x", None), (b"next", b"next")):
+                pipe.write(text)
+                self.assertEqual(self.callers["ipv6"].receive(QUIET if arrives is None else 3)[0], arrives)
 
 
 if __name__ == "__main__":

@@ -1,6 +1,9 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
 #include <net/if.h>
+#include <poll.h>
 
 #include <cstring>
 #include <map>
@@ -10,6 +13,7 @@
 #include "ddp/Options.h"
 #include "ddp/TarnDDPCommand.h"
 #include "ddp/TarnDDPServer.h"
+#include "ddp/Upkeep.h"
 #include "tests/unit/LoopbackPeer.h"
 #include "xmlrpc/XmlRpcUtil.h"
 
@@ -92,6 +96,35 @@ TEST(Server, OutlivesAnyNumberOfInterfaces) {
     Server.LeaveGroups(passing);
     ASSERT_FALSE(Server.JoinGroups(passing));
   }
+}
+
+/// Snooping switches would see the device leave and join. The interface is too small for IPv6, whose group is missing.
+TEST(Upkeep, LeavesAMembershipThatIsThereAlone) {
+  const auto run = [](const std::string& command) { return std::system(command.c_str()); };
+  ASSERT_EQ(0,
+            run("ip link add tarn4 mtu 1000 type veth peer name tarn5 mtu 1000 && ip addr add 10.9.0.1/24 dev tarn4 &&"
+                "ip link set tarn4 up && ip link set tarn5 up"));
+  const int listener = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP));
+  sockaddr_ll peer = {};
+  peer.sll_family = AF_PACKET;
+  peer.sll_protocol = htons(ETH_P_IP);
+  peer.sll_ifindex = static_cast<int>(if_nametoindex("tarn5"));
+  ASSERT_EQ(0, bind(listener, reinterpret_cast<const sockaddr*>(&peer), sizeof peer));
+  const auto reports = [listener] {  // of memberships (IGMP), within the second that they may take
+    int count = 0;
+    for (pollfd input = {listener, POLLIN, 0}; poll(&input, 1, 1300) == 1;) {
+      unsigned char packet[64] = {};
+      recv(listener, packet, sizeof packet, 0);
+      if (packet[9] == IPPROTO_IGMP) ++count;
+    }
+    return count;
+  };
+  for (const bool isFirst : {true, false}) {
+    for (int times = 0; times < 3; ++times) Upkeep_ExpectNetworkChange(), Upkeep_Network("tarn4");
+    EXPECT_EQ(isFirst, reports() > 0);
+  }
+  EXPECT_EQ(0, run("grep -q 800500E0 /proc/net/igmp && ip link del tarn4"));
+  close(listener);
 }
 
 TEST(Command, DisconnectsFromAServiceThatIsOutOfStepAndDoesWithoutOneThatFails) {

@@ -1,0 +1,88 @@
+#include "ddp/Startup.h"
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+#include "ddp/Print.h"
+#include "util/Shell.h"
+
+namespace {
+
+/// So that no descriptor of ours ever takes the place of a standard stream.
+void OpenStandardStreams() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", O_RDWR);
+  }
+}
+
+/// A reader of our console that went away must not end us. Not SIG_IGN, which the commands that we run would inherit.
+void SurviveBrokenPipes() {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGPIPE, &action, nullptr);
+}
+
+/// What a huge answer took goes back to the system with it: the C library would otherwise learn from its size to keep
+/// blocks of that size in the heap.
+void ReturnLargeBlocks() {
+#ifdef __GLIBC__
+  constexpr int THRESHOLD = 65536;
+  mallopt(M_MMAP_THRESHOLD, THRESHOLD);
+#endif
+}
+
+void TellAbort(const char* cause) {
+  char line[512];
+  std::snprintf(line, sizeof line, "tarnddpd: aborted: %s\n", cause);
+  ConsoleLine(STDERR_FILENO, line);
+}
+
+/// Says why in one line, for which it needs no memory and waits for no reader.
+[[noreturn]] void Abort() {
+  try {
+    const std::exception_ptr thrown = std::current_exception();
+    if (thrown) std::rethrow_exception(thrown);
+    TellAbort("no exception");
+  } catch (const std::exception& thrown) {
+    TellAbort(thrown.what());
+  } catch (...) {
+    TellAbort("an exception of an unknown kind");
+  }
+  std::abort();
+}
+
+}  // namespace
+
+void Startup_Prepare() {
+  std::set_terminate(Abort);
+  OpenStandardStreams();
+  SurviveBrokenPipes();
+  ReturnLargeBlocks();
+}
+
+void Startup_AddMulticastRoute(const char* interface) {
+  char command[1024];
+  std::snprintf(command, sizeof command, "route add -net 224.0.0.0 netmask 224.0.0.0 %s\n",
+                ul_ShellWord(interface).c_str());
+  ul_RunRoute(command);
+}
+
+// Exits are immediate: nothing that is to be done or written at the end may be done in both processes.
+void Startup_Daemonize() {
+  Print("VRTX APP Started in Daemon mode! -> Daemonizing");
+  const pid_t child = fork();
+  if (child < 0) _exit(EXIT_FAILURE);
+  if (child > 0) _exit(EXIT_SUCCESS);
+  umask(0);
+  if (setsid() < 0 || chdir("/") < 0) _exit(EXIT_FAILURE);
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(stream);
+  for (const int mode : {O_RDONLY, O_RDWR, O_RDWR}) open("/dev/null", mode);
+}
