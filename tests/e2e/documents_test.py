@@ -63,6 +63,22 @@ class Firewalls(device.DeviceTest):
             self.assertEqual([way for way in self.callers if self.ask(IDENT, way, 1)], ways, ruleset)
 
 
+class Rooms(unittest.TestCase):
+    def test_each_includes_only_what_the_table_says(self):
+        root, allowed = DOCS.parent, {}
+        for folder, names in re.findall(r"^\| `([a-z/]+)/` \| `tarn[^|]*\| ([^|]*) \|$",
+                                        (DOCS / "design.md").read_text(encoding="utf-8"), re.M):
+            allowed[folder] = {folder, *re.findall(r"`([^`]*)`", names)}
+        self.assertEqual(len(allowed), 8)
+        wrong = []
+        for folder, names in allowed.items():
+            for path in root.glob(f"{folder}/*.[ch]*"):
+                for included in re.findall(r'^#include "([^"]*)"', path.read_text(encoding="utf-8"), re.M):
+                    if not names & {included, included.rpartition("/")[0]}:
+                        wrong.append(f"{path.relative_to(root)}: {included}")
+        self.assertEqual(wrong, [])
+
+
 class Sandbox(unittest.TestCase):
     def test_shows_nothing_of_the_machine(self):
         self.assertTrue(os.statvfs("/sys").f_flag & os.ST_RDONLY)
