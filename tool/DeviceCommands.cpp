@@ -84,6 +84,7 @@ int Trace(Network& network, Tracing& tracing, const std::string& called) {
     Say("nothing could be sent to " + called + ": " + network.SendError());
     return StatusNothingSent;
   }
+  ShowStatus("tracing " + called + "; Ctrl-C ends it");
   for (;;) {
     const auto isFrom = [&](const Datagram& datagram) { return tracing.IsFrom(datagram); };
     const auto datagram = network.Await(Clock::now() + silence, isFrom);

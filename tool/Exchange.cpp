@@ -163,7 +163,8 @@ std::optional<Report> Carry(Session& session, const Device& device, const Order&
   Outcome outcome = order.judge(SeenOf(device), after, *reply);
   if (outcome.result == Result::Gone) outcome.words += LastSeen(device);
   Report report = ReportOn(device, outcome, after ? std::optional(after->settings) : std::nullopt);
-  if (outcome.result != Result::Unchanged && outcome.result != Result::Refused) {
+  const bool wasSo = outcome.result == Result::Done && report.before == report.after;  // but for what no record shows
+  if (outcome.result != Result::Unchanged && outcome.result != Result::Refused && !wasSo) {
     report.restoring = RestoringCommand(ArgumentFor(device, session.All()), FactsOf(device.record).settings,
                                         after ? after->settings : order.planned);
   }

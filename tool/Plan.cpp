@@ -106,10 +106,7 @@ class Checker {
     for (const Device& device : devices) {
       std::vector<std::string> row = PlanRow(device);
       row[Dns] = line.fields[Dns];
-      const bool isTaken = std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
-        return entry.isAsHeard && entry.change.device->id == device.id;
-      });
-      if (row == line.fields && !isTaken) return &device;
+      if (row == line.fields) return &device;
     }
     return nullptr;
   }
@@ -185,12 +182,11 @@ class Checker {
     return !one.device && !other.device && (one.mac ? one.mac == other.mac : one.called == other.called);
   }
 
-  /// Whether the plan gives the holder of `address` another one.
-  bool MovesAway(int device, IPv4 address) const {
+  /// Whether the plan gives a device another address than it has. (The same one again is found before.)
+  bool MovesAway(int device) const {
     return std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
-      if (!entry.change.device || entry.change.device->id != device) return false;
-      return entry.change.step == Step::DhcpOn ||
-             (entry.change.step == Step::SetAddress && entry.change.address.address != address);
+      return entry.change.device && entry.change.device->id == device &&
+             (entry.change.step == Step::DhcpOn || entry.change.step == Step::SetAddress);
     });
   }
 
@@ -210,7 +206,7 @@ class Checker {
     if (neighbour == change.mac) neighbour.reset();
     const Device own = change.device.value_or(Device());
     for (const Holder& holder : HoldersOf(change.address.address, own, devices, neighbour)) {
-      if (holder.device == 0 || !MovesAway(holder.device, change.address.address)) return holder.text;
+      if (holder.device == 0 || !MovesAway(holder.device)) return holder.text;
       change.waitsFor.push_back(holder.device);
     }
     return {};

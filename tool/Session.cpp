@@ -26,7 +26,12 @@ Session::Session(const CommonOptions& options) : network(options.interfaces) {
     return;
   }
   Devices heard;
-  const auto showProgress = [&] { ShowStatus("asking who is there: " + DevicesText(heard.Count()) + " so far"); };
+  int shown = -1;
+  const auto showProgress = [&] {
+    if (heard.Count() == shown) return;
+    shown = heard.Count();
+    ShowStatus("asking who is there: " + DevicesText(shown) + " so far");
+  };
   if (!Collect(network, {options.seconds, 0}, heard, showProgress)) {
     Say("nothing could be sent: " + network.SendError());
     status = StatusNothingSent;

@@ -1,0 +1,279 @@
+#include "tool/Change.h"
+
+#include <gtest/gtest.h>
+
+namespace tarnddp {
+namespace {
+
+Device MakeDevice(int id, const std::string& mac, std::vector<Source> sources,
+                  const std::string& address = "192.168.1.10") {
+  Device device;
+  device.id = id;
+  device.sources = std::move(sources);
+  device.record = {"Tessel XT", "Bench", "XT175012#", std::to_string(id), "false", address, "255.255.255.0",
+                   "",          mac,     "4.2"};
+  return device;
+}
+
+const Source ipv6 = {"eth0", Way::IPv6, "fe80::5%eth0"}, group = {"eth0", Way::IPv4, "192.168.1.10"},
+             broadcast = {"eth0", Way::Broadcast, "192.168.1.10"}, routed = {"eth0", Way::IPv6, "2001:db8::5"};
+constexpr const char* mac = "00-1B-C4-0A-FF-05";
+
+TEST(StaticAddress, IsRefusedWhereNoHostCanHaveIt) {
+  const struct {
+    const char *address, *prefix, *gateway, *dns, *problem;
+  } cases[] = {{"192.168.1.20", "24", "", "", ""},
+               {"192.168.1.20", "24", "192.168.1.1", "10.0.0.53", ""},
+               {"192.168.1.20", "24", "0.0.0.0", "0.0.0.0", ""},
+               {"192.168.1.20", "30", "", "", "network itself"},
+               {"192.168.1.23", "30", "", "", "broadcast"},
+               {"192.168.1.20", "1", "", "", ""},
+               {"192.168.1.20", "0", "", "", "1 to 30"},
+               {"192.168.1.20", "31", "", "", "1 to 30"},
+               {"192.168.1.20", "", "", "", "1 to 30"},
+               {"192.168.1.020", "24", "", "", "no IPv4"},
+               {"bench\x1b", "24", "", "", "bench\\x1b"},
+               {"127.1.2.3", "8", "", "", "loopback"},
+               {"224.0.5.128", "24", "", "", "group"},
+               {"0.1.2.3", "8", "", "", "no address of a host"},
+               {"255.255.255.254", "24", "", "", "no address of a host"},
+               {"192.168.1.3", "24", "", "", "this PC"},
+               {"192.168.1.20", "24", "192.168.1.20", "", "itself"},
+               {"192.168.1.20", "24", "router", "", "gateway"},
+               {"192.168.1.20", "24", "192.168.1.255", "", "broadcast"},
+               {"192.168.1.20", "24", "192.168.2.255", "", ""},
+               {"192.168.1.20", "24", "", "224.0.0.1", "name server"},
+               {"192.168.1.20", "24", "", "192.168.01.1", "name server"}};
+  for (const auto& c : cases) {
+    StaticAddress wanted;
+    const std::string problem = ReadStaticAddress(c.address, c.prefix, c.gateway, c.dns, {0xc0a80103}, wanted);
+    EXPECT_EQ(*c.problem == '\0', problem.empty())
+        << c.address << '/' << c.prefix << ' ' << c.gateway << ": " << problem;
+    EXPECT_NE(std::string::npos, problem.find(c.problem)) << problem;
+    EXPECT_EQ(problem.empty(), wanted.address != 0);
+  }
+}
+
+TEST(StaticAddress, KeepsAGatewayThatIsOfUse) {
+  const struct {
+    const char* before;
+    std::optional<IPv4> gateway;
+    const char* target;
+    bool unwise;
+  } cases[] = {{"192.168.1.1", {}, "192.168.1.1", false},
+               {"192.168.2.1", {}, "", false},
+               {"192.168.1.20", {}, "", false},
+               {"192.168.1.255", {}, "", false},
+               {"\x1b", {}, "", false},
+               {"192.168.1.1", 0, "", false},
+               {"192.168.1.1", 0xc0a801fe, "192.168.1.254", false},
+               {"192.168.1.1", 0xc0a802fe, "192.168.2.254", true}};
+  for (const auto& c : cases) {
+    const StaticAddress wanted = {0xc0a80114, 24, c.gateway, {}};
+    const Target target = TargetOf(wanted, {"10.0.0.1", 8, c.before, true});
+    EXPECT_EQ(target.settings,
+              (Settings{"192.168.1.20", 24, *c.target ? std::optional<std::string>(c.target) : std::nullopt, false}));
+    EXPECT_EQ(target.notes.size(), c.gateway ? 1U : 2U);  // about the gateway, and always about the name server
+    EXPECT_EQ(StaticFields(target), (std::vector<std::string>{"192.168.1.20", "255.255.255.0", c.target, ""}));
+    EXPECT_EQ(c.unwise, !UnwiseGateway(wanted).empty());
+  }
+}
+
+TEST(StaticAddress, IsInForceOnlyIfAllThatWasSaidIs) {
+  const Seen seen = {{"192.168.1.20", 24, "192.168.1.1", false}, {"192.168.1.20"}};
+  const StaticAddress same = {0xc0a80114, 24, {}, {}};
+  const auto with = [&](auto change) {
+    StaticAddress wanted = same;
+    change(wanted);
+    return IsInForce(wanted, seen);
+  };
+  EXPECT_TRUE(IsInForce(same, seen));
+  EXPECT_TRUE(with([](StaticAddress& w) { w.gateway = 0xc0a80101; }));
+  EXPECT_FALSE(with([](StaticAddress& w) { w.gateway = 0xc0a80102; }));
+  EXPECT_FALSE(with([](StaticAddress& w) { w.gateway = 0; }));
+  EXPECT_FALSE(with([](StaticAddress& w) { w.prefix = 25; }));
+  EXPECT_FALSE(with([](StaticAddress& w) { w.dns = 0xc0a80101; }));
+  EXPECT_FALSE(IsInForce(same, {{"192.168.1.20", 24, "192.168.1.1", true}, {}}));
+  EXPECT_TRUE(IsInForce(same, {{"192.168.1.20", 24, "10.0.0.1", {}}, {}}));
+  EXPECT_FALSE(IsInForce(same, {seen.settings, {"192.168.1.20", "192.168.1.9"}}));
+}
+
+/// What would be sent to the first of `devices`: way, where, request; or why nothing.
+std::string Sent(const std::vector<Device>& devices) {
+  std::string why;
+  const auto path = PathTo(devices[0], devices, why);
+  if (!path) return why;
+  return std::string(WayName(path->to.way)) + ' ' + path->to.address + ' ' + Request(*path, "SETDHCPMODE!", {"1"});
+}
+
+TEST(Path, ReachesOneDeviceAloneOrNone) {
+  const Source other = {"eth0", Way::IPv6, "fe80::6%eth0"};
+  const Device second = MakeDevice(2, "00:1b:c4:0a:ff:06", {other, group});
+  const char *toLinkLocal = "ipv6 fe80::5%eth0 SETDHCPMODE!\t1\r\n",
+             *toAddress = "broadcast 192.168.1.10 SETDHCPMODE!\t00-1B-C4-0A-FF-05\t1\r\n",
+             *toGroup = "ipv4 192.168.1.10 SETDHCPMODE!\t00-1B-C4-0A-FF-05\t1\r\n",
+             *noMac = "its record holds no usable MAC address", *shared = "another device has the same MAC address";
+  EXPECT_EQ(toLinkLocal, Sent({MakeDevice(1, mac, {ipv6, group, broadcast}), second}));
+  EXPECT_EQ(toLinkLocal, Sent({MakeDevice(1, "", {ipv6}), second}));
+  EXPECT_EQ(toAddress, Sent({MakeDevice(1, mac, {group, broadcast})}));
+  EXPECT_EQ(toAddress, Sent({MakeDevice(1, mac, {routed, broadcast})}));
+  EXPECT_EQ(toGroup, Sent({MakeDevice(1, mac, {group})}));
+  EXPECT_EQ(toGroup, Sent({MakeDevice(1, mac, {group, broadcast}), second}));  // two with one address
+  EXPECT_EQ(toAddress, Sent({MakeDevice(1, mac, {ipv6, broadcast}), MakeDevice(2, "x", {ipv6})}));
+  EXPECT_EQ(shared, Sent({MakeDevice(1, mac, {broadcast}), MakeDevice(2, "00:1b:c4:0a:ff:05", {other})}));
+  for (const char* text : {"", "00:00:00:00:00:00", "000000000000", "00:1b:c4:0a:ff", "0:1b:c4:a:ff:5",
+                           "001b.c40a.ff05", "001bc40aff05:\t1", "192.168.1.1"}) {
+    EXPECT_EQ(noMac, Sent({MakeDevice(1, text, {group, broadcast})})) << text;
+  }
+  EXPECT_EQ("another device answers from the same IPv6 address",
+            Sent({MakeDevice(1, mac, {ipv6}), MakeDevice(2, "x", {ipv6})}));
+}
+
+TEST(Holders, AreDevicesHeardAndUnknownNeighbours) {
+  const Device own = MakeDevice(1, mac, {ipv6}), other = MakeDevice(2, "00:1b:c4:0a:ff:06", {group}, "10.0.0.1");
+  const auto holders = [&](const char* address, std::optional<std::string> neighbour) {
+    std::vector<int> ids;
+    for (const Holder& one : HoldersOf(ParseIPv4(address).value(), own, {own, other}, neighbour))
+      ids.push_back(one.device);
+    return ids;
+  };
+  EXPECT_EQ(std::vector<int>({2}), holders("10.0.0.1", {}));
+  EXPECT_EQ(std::vector<int>({2}), holders("192.168.1.10", {}));  // it answers from there
+  EXPECT_EQ(std::vector<int>(), holders("10.0.0.2", {}));
+  EXPECT_EQ(std::vector<int>({0}), holders("10.0.0.2", "00:1b:c4:0a:ff:07"));
+  EXPECT_EQ(std::vector<int>(), holders("10.0.0.2", "00:1b:c4:0a:ff:06"));  // what it had before
+  EXPECT_EQ(std::vector<int>(), holders("10.0.0.2", "00:1b:c4:0a:ff:05"));
+}
+
+TEST(Judgement, TellsWhatCameOfAStaticAddress) {
+  const Settings wanted = {"10.0.0.2", 16, {}, false};
+  const Seen before = {{"192.168.1.10", 24, "192.168.1.1", {}}, {"192.168.1.10"}}, done = {wanted, {"10.0.0.2"}};
+  const Seen old = {{"192.168.1.10", 24, "192.168.1.1", false}, {}}, unheard = {wanted, {}};
+  const struct {
+    Seen before;
+    std::optional<Seen> after;
+    Reply reply;
+    Result result;
+  } cases[] = {{before, done, Reply::Ack, Result::Done},
+               {before, done, Reply::None, Result::Done},
+               {before, unheard, Reply::Ack, Result::Done},
+               {before, {{{"10.0.0.2", 16, {}, {}}, {}}}, Reply::Ack, Result::Done},
+               {before, old, Reply::Ack, Result::Unchanged},
+               {before, old, Reply::None, Result::Unchanged},
+               {before, done, Reply::Nack, Result::Refused},
+               {before, {}, Reply::Nack, Result::Refused},
+               {before, {}, Reply::Ack, Result::Gone},
+               {before, {}, Reply::None, Result::Gone},
+               {before, {{old.settings, {"10.0.0.2"}}}, Reply::Ack, Result::Different},
+               {before, {{wanted, {"192.168.1.10"}}}, Reply::Ack, Result::Different},
+               {before, {{{"10.0.0.2", 24, {}, false}, {}}}, Reply::Ack, Result::Different},
+               {before, {{{"10.0.0.2", {}, {}, false}, {}}}, Reply::Ack, Result::Different},
+               {before, {{{"10.0.0.2", 16, "10.0.0.1", false}, {}}}, Reply::Ack, Result::Different},
+               {before, {{{"10.0.0.2", 16, {}, true}, {}}}, Reply::Ack, Result::Different},
+               {done, done, Reply::Ack, Result::Done},
+               {done, done, Reply::None, Result::Unchanged}};
+  for (const auto& c : cases) {
+    const Outcome outcome = JudgeStatic(wanted, c.before, c.after, c.reply);
+    EXPECT_STREQ(ResultName(c.result), ResultName(outcome.result)) << "case " << &c - cases << ": " << outcome.words;
+    EXPECT_FALSE(outcome.words.empty());
+  }
+}
+
+TEST(Judgement, TellsWhatCameOfDhcp) {
+  const auto seen = [](const char* address, std::optional<bool> dhcp) { return Seen{{address, 24, {}, dhcp}, {}}; };
+  const struct {
+    bool on;
+    std::optional<bool> before;
+    const char* address;
+    std::optional<bool> after;
+    Reply reply;
+    Result result;
+  } cases[] = {{true, false, "1.1.1.1", true, Reply::Ack, Result::Done},
+               {true, false, "1.1.1.1", true, Reply::None, Result::Done},
+               {true, false, "1.1.1.1", false, Reply::Ack, Result::Unchanged},
+               {true, {}, "2.2.2.2", {}, Reply::Ack, Result::Done},
+               {true, {}, "1.1.1.1", {}, Reply::Ack, Result::Done},
+               {true, {}, "1.1.1.1", {}, Reply::None, Result::Unchanged},
+               {true, {}, "2.2.2.2", {}, Reply::None, Result::Different},
+               {true, {}, "1.1.1.1", {}, Reply::Nack, Result::Refused},
+               {false, true, "1.1.1.1", false, Reply::Ack, Result::Done},
+               {false, true, "1.1.1.1", true, Reply::Ack, Result::Unchanged},
+               {false, true, "1.1.1.1", {}, Reply::Ack, Result::Different},
+               {true, {}, nullptr, {}, Reply::Ack, Result::Gone}};
+  for (const auto& c : cases) {
+    const auto after = c.address != nullptr ? std::optional(seen(c.address, c.after)) : std::nullopt;
+    const Outcome outcome = JudgeDhcp(c.on, seen("1.1.1.1", c.before), after, c.reply);
+    EXPECT_STREQ(ResultName(c.result), ResultName(outcome.result)) << "case " << &c - cases << ": " << outcome.words;
+  }
+}
+
+TEST(Restoring, NamesTheCommandThatBringsTheOldSettingsBack) {
+  const Settings now = {"192.168.1.20", 24, "192.168.1.1", false};
+  const struct {
+    Settings before;
+    const char* command;
+  } cases[] = {{{"192.168.1.10", 24, "192.168.1.1", true}, "tarnddp dhcp M on"},
+               {{"192.168.1.10", 24, "192.168.1.1", {}}, "tarnddp set-ip M 192.168.1.10/24 --gateway 192.168.1.1"},
+               {{"10.0.0.1", 8, {}, false}, "tarnddp set-ip M 10.0.0.1/8"},
+               {{"192.168.1.10", 24, {}, false}, "tarnddp set-ip M 192.168.1.10/24 --gateway 0.0.0.0"},
+               {{"10.0.0.1", 8, "11.0.0.1", false}, "tarnddp set-ip M 10.0.0.1/8 --gateway 11.0.0.1 --force"},
+               {{"0.0.0.0", 0, {}, false}, ""},
+               {{"10.0.0.1", {}, {}, false}, ""},
+               {{"$(halt)", 8, {}, false}, ""}};
+  for (const auto& c : cases) EXPECT_EQ(c.command, RestoringCommand("M", c.before, now));
+}
+
+TEST(Reachability, TakesBothEndsInOneNetwork) {
+  const std::vector<Interface> heardOn = {{"eth0", 2, true, true, false, true, {{0xc0a80103, 24}}, ""}};
+  const struct {
+    Settings settings;
+    const char *route, *word;
+  } cases[] = {
+      {{"192.168.1.20", 24, {}, false}, "eth0", ""},       {{"10.0.0.1", 8, {}, false}, "", "not be"},
+      {{"10.0.0.1", 8, {}, false}, "eth0", "not be"},      {{"10.0.0.1", 8, "10.0.0.2", false}, "eth0", "router"},
+      {{"192.168.1.20", 28, {}, false}, "eth0", "not be"}, {{"192.168.1.4", 29, {}, false}, "eth0", ""}};
+  for (const auto& c : cases) {
+    const std::string note = ReachabilityNote(c.settings, heardOn, c.route);
+    EXPECT_EQ(*c.word == '\0', note.empty()) << note;
+    EXPECT_NE(std::string::npos, note.find(c.word)) << note;
+  }
+}
+
+TEST(Forwarding, SendsNothingThatTheDaemonItselfWouldTake) {
+  const std::string long1 = std::string(1014, 'x'), nul("a\0b", 3);
+  const struct {
+    const char* word;
+    std::vector<std::string> arguments;
+    const char* request;
+  } cases[] = {{"hello", {}, "hello\r\n"},
+               {"Hello", {"a b", "", "00:1b:c4:0a:ff:05"}, "Hello\ta b\t\t00:1b:c4:0a:ff:05\r\n"},
+               {"", {}, ""},
+               {"SysTrace!", {"yes"}, ""},
+               {"executecommand!", {}, ""},
+               {"DEVICEIDENT?", {}, ""},
+               {"deviceidentext?", {}, ""},
+               {"SETIPADDRESS!", {}, ""},
+               {"SETDHCPMODE!", {}, ""},
+               {"DEVICEREBOOT!", {}, ""},
+               {"DEVICEDISABLEIDENT!", {}, ""},
+               {"DEVICEENABLEIDENT!", {}, ""},
+               {"a\tb", {}, ""},
+               {"SYSTRACE!\n", {}, ""},
+               {"a", {"b\r"}, ""},
+               {"a", {"b", nul}, ""},
+               {"a", {"001bc40aff05"}, ""},
+               {"a", {"00-1b-c4-0a-ff-05"}, ""},
+               {"a", {"001bc40aff05:x"}, ""},
+               {"hello", {long1 + "xx"}, ""}};
+  for (const auto& c : cases) {
+    std::string request;
+    EXPECT_EQ(*c.request == '\0', !ForwardedRequest(c.word, c.arguments, request).empty()) << c.word;
+    EXPECT_EQ(c.request, request);
+  }
+  std::string request;
+  EXPECT_EQ("", ForwardedRequest("hello", {long1 + "x"}, request));
+  EXPECT_EQ(1023U, request.size());
+}
+
+}  // namespace
+}  // namespace tarnddp
