@@ -93,6 +93,10 @@ bool Source::operator==(const Source& other) const {
   return way == other.way && interface == other.interface && address == other.address;
 }
 
+bool Source::operator<(const Source& other) const {
+  return std::tie(way, interface, address) < std::tie(other.way, other.interface, other.address);
+}
+
 const Source* Device::SourceBy(Way way) const {
   const auto found =
       std::find_if(sources.begin(), sources.end(), [way](const Source& source) { return source.way == way; });
@@ -163,9 +167,8 @@ struct Devices::Part {
 /// IPv6 answers come first, as the link-local address tells two devices apart; then an IPv4 answer goes to the device
 /// whose record it brings, or else to the first that it can be from.
 void Devices::Split(Group& group) {
-  std::stable_sort(group.heard.begin(), group.heard.end(), [](const Heard& one, const Heard& other) {
-    return one.answer.source.way < other.answer.source.way;
-  });
+  std::stable_sort(group.heard.begin(), group.heard.end(),
+                   [](const Heard& one, const Heard& other) { return one.answer.source < other.answer.source; });
   std::vector<Part> parts;
   for (Heard& heard : group.heard) {
     const auto canBe = [&heard](const Part& part) { return part.CanBe(heard.answer); };

@@ -24,6 +24,8 @@ struct Source {
   std::string address;  ///< the sender's: "192.168.1.2", or "fe80::1%eth0" with its zone
 
   bool operator==(const Source& other) const;
+  /// By the way, then the interface, then the address.
+  bool operator<(const Source& other) const;
 };
 
 struct Answer {

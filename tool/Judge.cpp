@@ -58,9 +58,11 @@ bool IsOwn(IPv4 address, const Host& host) {
   });
 }
 
-bool IsInSubnet(IPv4 address, const Interface& interface) {
-  return std::any_of(interface.subnets.begin(), interface.subnets.end(), [address](const Subnet& subnet) {
-    return InSameNetwork(address, subnet.address, MaskOfPrefix(subnet.prefix));
+bool IsInSubnet(IPv4 address, const Host& host) {
+  return std::any_of(host.interfaces.begin(), host.interfaces.end(), [address](const Interface& interface) {
+    return std::any_of(interface.subnets.begin(), interface.subnets.end(), [address](const Subnet& subnet) {
+      return InSameNetwork(address, subnet.address, MaskOfPrefix(subnet.prefix));
+    });
   });
 }
 
@@ -77,7 +79,8 @@ bool IsDropped(IPv4 address, const std::string& interface, const Host& host) {
   return host.routeInterface(address) != interface;
 }
 
-/// The command that gives this PC a way to the network of `address`.
+/// The command that gives this PC a way to the network of `address`, or, without a usable mask, to that address alone:
+/// the network may be on another interface as well.
 std::string RouteCommand(IPv4 address, const std::string& mask, const std::string& interface) {
   const std::optional<IPv4> number = ParseIPv4(mask);
   const int prefix = number ? PrefixOfMask(*number).value_or(32) : 32;
@@ -93,11 +96,11 @@ std::string ExplainDropped(const Device& device, const Host& host) {
   const Source* heard = device.SourceBy(Way::IPv6);
   if (!address || *address == 0 || heard == nullptr) return {};
   const Interface* interface = FindInterface(host, heard->interface);
-  if (interface == nullptr || interface->subnets.empty() || IsInSubnet(*address, *interface)) return {};
+  if (interface == nullptr || interface->subnets.empty()) return {};
   if (!IsDropped(*address, interface->name, host)) return {};
   return "this PC drops what " + IPv4Text(*address) + " sends to " + interface->name +
          " (reverse-path filter, and no route back); as root: " +
-         RouteCommand(*address, device.record.mask, interface->name);
+         RouteCommand(*address, IsInSubnet(*address, host) ? "" : device.record.mask, interface->name);
 }
 
 void JudgeAlone(Finding& finding, const Host& host) {
