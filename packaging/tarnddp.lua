@@ -203,14 +203,14 @@ local function showArguments(tree, tvb, command, arguments, count)
   end
 end
 
-local function showRequest(tree, tvb, bytes, port)
+local function showRequest(tree, tvb, bytes, port, flag)
   if #bytes > LONGEST_REQUEST then
-    tree:add_proto_expert_info(malformed, "More than " .. LONGEST_REQUEST .. " bytes: dropped")
+    flag("More than " .. LONGEST_REQUEST .. " bytes: dropped")
   end
   local text = bytes:match("^[^%z]*")
   if #text < #bytes then
     tree:add(fields.unseen, tvb(#text))
-    tree:add_proto_expert_info(malformed, "A NUL ends the request")
+    flag("A NUL ends the request")
   end
   local pieces = split(text, "\t\r\n")
   local word = pieces[1].text:upper()
@@ -227,7 +227,7 @@ local function showRequest(tree, tvb, bytes, port)
   showArguments(tree, tvb, command, pieces, count)
   tree:add(fields.count, count):set_generated()
   if not text:find("[\r\n]") then
-    tree:add_proto_expert_info(malformed, "Without CR or LF: ignored")
+    flag("Without CR or LF: ignored")
   else
     judgeRequest(tree, word, command, pieces, count, port)
   end
@@ -237,9 +237,9 @@ local function showRequest(tree, tvb, bytes, port)
   return info
 end
 
-local function showRecord(tree, tvb, bytes)
+local function showRecord(tree, tvb, bytes, flag)
   local line = bytes:match("^(.*)\r\n$")
-  if not line then tree:add_proto_expert_info(malformed, "A record ends with CR LF") end
+  if not line then flag("A record ends with CR LF") end
   local values = {}
   local isWhole = true
   for i, piece in ipairs(split(line or bytes, "\t")) do
@@ -254,7 +254,7 @@ local function showRecord(tree, tvb, bytes)
     if i == #KEYS then isWhole = isWhole and piece.offset + #piece.text == #(line or bytes) end
   end
   for _, key in ipairs(KEYS) do isWhole = isWhole and values[key[1]] ~= nil end
-  if not isWhole then tree:add_proto_expert_info(malformed, "Not the 15 pairs of a record in their order") end
+  if not isWhole then flag("Not the 15 pairs of a record in their order") end
   if values.LOC == "APPTERM" then tree:add_proto_expert_info(notice, "Fallback: the device service was not there") end
   return ("Record of %s: %s, %s"):format(values.LOC or "?", values.IPA or "?", values.MAA or "?")
 end
@@ -277,13 +277,17 @@ function protocol.dissector(tvb, packet, root)
   local tree = root:add(protocol, tvb())
   tree:add(fields.kind, kind):set_generated()
   tree:add(fields.way, WAYS[port] or "Unknown"):set_generated()
-  if tvb:reported_len() > tvb:len() then tree:add_proto_expert_info(malformed, "Cut by the capture") end
+  local isCut = tvb:reported_len() > tvb:len()
+  if isCut then tree:add_proto_expert_info(notice, "Cut by the capture") end
+  local function flag(what)   -- what is malformed; a datagram that is not all there is not blamed
+    if not isCut then tree:add_proto_expert_info(malformed, what) end
+  end
 
   local info = kind:upper()
   if kind == "request" then
-    info = showRequest(tree, tvb, bytes, port)
+    info = showRequest(tree, tvb, bytes, port, flag)
   elseif kind == "record" then
-    info = showRecord(tree, tvb, bytes)
+    info = showRecord(tree, tvb, bytes, flag)
   elseif kind == "trace" then
     info = showTrace(tree, tvb, bytes)
   end
