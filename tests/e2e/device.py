@@ -1,9 +1,11 @@
 """What the end-to-end tests share: the daemon on a device host, a PC host beside it, real UDP between them."""
 
 import contextlib
+import ctypes
 import os
 import pathlib
 import shutil
+import socket
 import sys
 import unittest
 
@@ -90,6 +92,23 @@ class Daemon:
 
     def sockets(self):
         return {target for target, _ in self.descriptors().values() if target.startswith("socket:")}
+
+    def open_sockets(self):
+        """Copies of them, through which their options are seen."""
+        process = os.pidfd_open(self.pid)
+        for number, (target, _) in self.descriptors().items():
+            if target.startswith("socket:"):
+                yield socket.socket(fileno=ctypes.CDLL(None).syscall(438, process, number, 0))   # pidfd_getfd
+        os.close(process)
+
+    def activity(self):
+        """How often each thread has waited so far, and how often anything was read."""
+        waits = []
+        for task in sorted(pathlib.Path(f"/proc/{self.pid}/task").iterdir(), key=lambda path: int(path.name)):
+            status = (task / "status").read_text(encoding="ascii")
+            waits.append(int(status.split("\nvoluntary_ctxt_switches:")[1].split()[0]))
+        reads = pathlib.Path(f"/proc/{self.pid}/io").read_text(encoding="ascii").split("syscr:")[1].split()[0]
+        return {"main": waits[0], "trace": waits[1], "reads": int(reads)}
 
     def resident(self):
         """The memory that it holds, in KiB."""

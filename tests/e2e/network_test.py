@@ -31,7 +31,8 @@ class ThroughTheService(DeviceTest):
                 (LEASE, {}, ACK, (*known, "192.168.1.53"), True),
                 (request("SETDHCPMODE!", "00"), {}, ACK, (*known, "192.168.1.53"), False),
                 (b"SETDHCPMODE!\n", {"DNSAddresses": ["1.1.1.1", "2.2.2.2"]}, ACK, (*known, "1.1.1.1"), True),
-                (LEASE, {"DNSAddresses": "1.1.1.1"}, ACK, (*known, ""), True)):
+                (LEASE, {"DNSAddresses": "1.1.1.1"}, ACK, (*known, ""), True),
+                (LEASE, {"DNSAddresses": [5]}, ACK, (*known, ""), True)):
             with self.subTest(datagram, facts=facts):
                 self.attach(**facts)
                 self.assertEqual(self.ask(datagram, "broadcast", 3 if reply else QUIET), reply)
@@ -224,6 +225,7 @@ class DHCP(Alone):
             expected[at] = offer[at]
         self.assertEqual(wanted.hex(" "), expected.hex(" "))
         self.assertEqual((len(discover), len(wanted)), (281, 269))
+        self.assertIn("224.0.0.0", self.device.run("ip", "route"), "before the ACK, though the address changed")
         self.expect("192.168.1.78/25", PC, "192.168.1.53", "192.168.1.127", is_routed=True)
 
     def test_what_servers_send(self):
@@ -298,9 +300,11 @@ class Trace(DeviceTest):
                 held.write(b"held\n")
                 self.assertIsNone(caller.receive(3)[0], bait)   # while it is tried once or twice
             self.assertEqual(self.daemon.output().count("Error at open\n\n"), refusals)
+        descriptors = len(self.daemon.descriptors())
         for change in (lambda: os.unlink(FIFO), lambda: os.rename(other, FIFO), lambda: shutil.rmtree("/tmp/tsl_app")):
             change()
             self.assertTrue(eventually(lambda: os.path.exists(FIFO) and text_arrives(), 3))
+            self.assertEqual(len(self.daemon.descriptors()), descriptors + 1)   # nothing was open after the link
         self.assertEqual(self.daemon.output().count("TarnDDPTrace successfully initialized\n"), 1)
 
     def test_modes_of_folder_and_pipe(self):

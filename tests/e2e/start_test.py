@@ -34,15 +34,38 @@ class Start(DeviceTest):
             self.assertRegex(self.daemon.output(), line)
 
     def test_service_absent(self):
-        """One line at the start, one at each deadline until it is there."""
+        """One line at the start, one at each deadline until it is there. Nothing spins meanwhile: what the two threads
+        wait for, and what is read of /proc, is counted."""
         self.service.stop()
         daemon = self.start_daemon()
-        begin = time.monotonic()
+        begin, before = time.monotonic(), daemon.activity()
         self.assertEqual(daemon.output().count(FAILED), 1)
-        self.assertTrue(eventually(lambda: daemon.output().count(FAILED) == 2, 7))
-        self.assertTrue(4.5 < time.monotonic() - begin < 6.5, time.monotonic() - begin)
+        self.assertTrue(eventually(lambda: daemon.output().count(FAILED) == 3, 15))
+        seconds = time.monotonic() - begin
+        self.assertGreater(seconds, 9)
+        for what, most in (("main", 4), ("trace", 1), ("reads", 2)):
+            with self.subTest(what):
+                self.assertLess(daemon.activity()[what] - before[what], most * seconds)
         self.service.start()
         self.assertTrue(eventually(lambda: ATTACHED in daemon.output(), 6.5))
+
+    def test_sockets(self):
+        self.wait_for_record()
+        with socket.socket(type=socket.SOCK_DGRAM) as asked:
+            asked.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 300000)
+            enlarged = asked.getsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF)
+        found = []
+        for one in self.daemon.open_sockets():
+            with one:
+                options = [one.getsockopt(socket.SOL_SOCKET, option) for option in
+                           (socket.SO_REUSEADDR, socket.SO_RCVBUF, socket.SO_BROADCAST)]
+                if one.type == socket.SOCK_DGRAM:
+                    found.append((one.family, one.getsockname()[:2], *options))
+                else:
+                    found.append((one.family, one.getpeername(), os.get_blocking(one.fileno())))
+        self.assertEqual(sorted(found), [
+            (socket.AF_INET, ("0.0.0.0", 5562), 1, enlarged, 0), (socket.AF_INET, ("0.0.0.0", 5563), 1, enlarged, 0),
+            (socket.AF_INET, ("127.0.0.1", 1200), False), (socket.AF_INET6, ("::", 5564), 1, enlarged, 0)])
 
     def test_options(self):
         mark = pathlib.Path(self.net.folder, "injected")
@@ -67,6 +90,11 @@ class Start(DeviceTest):
         self.assertEqual(os.getsid(daemon.pid), daemon.pid)
         self.assertEqual(os.readlink(f"/proc/{daemon.pid}/cwd"), "/")
         self.assertIn("Umask:\t0000", pathlib.Path(f"/proc/{daemon.pid}/status").read_text(encoding="ascii"))
+        os.kill(daemon.pid, signal.SIGPIPE)   # ends nothing
+        self.assertEqual(self.ask(request("SYSTRACE!", "1")), ACK)
+        with open(FIFO, "r+b", buffering=0) as pipe:
+            pipe.write(b"traced")
+        self.assertEqual(self.callers["ipv6"].receive(3)[0], b"traced")
         descriptors = daemon.descriptors()
         self.assertEqual([(descriptors[n][0], descriptors[n][1] & os.O_ACCMODE) for n in range(3)],
                          [("/dev/null", mode) for mode in (os.O_RDONLY, os.O_RDWR, os.O_RDWR)])
