@@ -90,7 +90,7 @@ class Run {
         Tell(line + ReportOn(session, change).outcome.words);
       }
     }
-    for (const auto& [note, lines] : notes) Say("line" + lines + ": " + note);
+    for (const auto& [note, lines] : notes) Say(std::string("line").append(lines).append(": ").append(note));
     Tell(std::to_string(count) + " to be changed, " + std::to_string(alone) + " left alone");
   }
 
@@ -171,7 +171,8 @@ int Apply(const ApplyOptions& options) {
   if (const std::string error = ReadPlan(text, lines); !error.empty()) return Refuse(options.plan, error);
   Session session(options);
   if (session.Status() != StatusDone) return session.Status();
-  CheckedPlan plan = CheckPlan(lines, session.All(), OwnAddresses(), NeighbourMac);
+  CheckedPlan plan =
+      CheckPlan(lines, session.All(), OwnAddresses(), [&](IPv4 address) { return session.StrangerAt(address); });
   for (const std::string& error : plan.errors) Refuse(options.plan, error);
   if (!plan.errors.empty()) return Refuse(options.plan, "the plan is wrong; no change was sent");
   Run run(session, std::move(plan.changes), options.json);

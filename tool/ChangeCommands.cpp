@@ -71,7 +71,7 @@ int SetIP(const SetIPOptions& options) {
     return Finish(ReportOn(*device, {Result::Done, words}, before.settings), options.json);
   }
   std::vector<std::string> holders;
-  for (const Holder& one : HoldersOf(wanted.address, *device, session.All(), NeighbourMac(wanted.address))) {
+  for (const Holder& one : HoldersOf(wanted.address, *device, session.All(), session.StrangerAt(wanted.address))) {
     holders.push_back(one.text);
   }
   if (!PassesUnwise(holders, options.force)) return StatusUsage;

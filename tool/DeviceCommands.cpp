@@ -38,7 +38,8 @@ class Tracing {
       isAcknowledged = true;
       return;
     }
-    PrintLines(datagram.bytes);
+    // A slow device may still be answering what was asked before.
+    if (!ReadRecord(datagram.bytes)) PrintLines(datagram.bytes);
   }
 
   bool IsFrom(const Datagram& datagram) const {

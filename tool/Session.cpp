@@ -72,6 +72,19 @@ std::vector<Interface> Session::HeardOn(const Device& device) const {
   return interfaces;
 }
 
+std::optional<std::string> Session::StrangerAt(IPv4 address) const {
+  std::optional<std::string> mac = NeighbourMac(address);
+  if (!mac) return std::nullopt;
+  for (const Device& device : devices) {
+    // A record may name another MAC address than that of the cable.
+    for (const Source& source : device.sources) {
+      const auto from = ParseIPv4(source.address);
+      if (from && NeighbourMac(*from) == mac) return std::nullopt;
+    }
+  }
+  return mac;
+}
+
 std::vector<IPv4> OwnAddresses() {
   std::vector<IPv4> addresses;
   for (const Interface& interface : ListInterfaces()) {

@@ -29,6 +29,9 @@ class Session {
   void Replace(const Device& device);
   /// The interfaces by which a device was heard.
   std::vector<Interface> HeardOn(const Device& device) const;
+  /// Whom the neighbour table has at `address`, by MAC address; nothing for one of the devices heard, as far as the
+  /// table can tell: of those it may remember what they had before.
+  std::optional<std::string> StrangerAt(IPv4 address) const;
 
  private:
   Network network;

@@ -131,7 +131,7 @@ TEST(Path, ReachesOneDeviceAloneOrNone) {
 
 TEST(Holders, AreDevicesHeardAndUnknownNeighbours) {
   const Device own = MakeDevice(1, mac, {ipv6}), other = MakeDevice(2, "00:1b:c4:0a:ff:06", {group}, "10.0.0.1");
-  const auto holders = [&](const char* address, std::optional<std::string> neighbour) {
+  const auto holders = [&](const char* address, const std::optional<std::string>& neighbour) {
     std::vector<int> ids;
     for (const Holder& one : HoldersOf(ParseIPv4(address).value(), own, {own, other}, neighbour))
       ids.push_back(one.device);
@@ -182,24 +182,23 @@ TEST(Judgement, TellsWhatCameOfAStaticAddress) {
 TEST(Judgement, TellsWhatCameOfDhcp) {
   const auto seen = [](const char* address, std::optional<bool> dhcp) { return Seen{{address, 24, {}, dhcp}, {}}; };
   const struct {
-    bool on;
-    std::optional<bool> before;
     const char* address;
-    std::optional<bool> after;
+    bool on;
+    std::optional<bool> before, after;
     Reply reply;
     Result result;
-  } cases[] = {{true, false, "1.1.1.1", true, Reply::Ack, Result::Done},
-               {true, false, "1.1.1.1", true, Reply::None, Result::Done},
-               {true, false, "1.1.1.1", false, Reply::Ack, Result::Unchanged},
-               {true, {}, "2.2.2.2", {}, Reply::Ack, Result::Done},
-               {true, {}, "1.1.1.1", {}, Reply::Ack, Result::Done},
-               {true, {}, "1.1.1.1", {}, Reply::None, Result::Unchanged},
-               {true, {}, "2.2.2.2", {}, Reply::None, Result::Different},
-               {true, {}, "1.1.1.1", {}, Reply::Nack, Result::Refused},
-               {false, true, "1.1.1.1", false, Reply::Ack, Result::Done},
-               {false, true, "1.1.1.1", true, Reply::Ack, Result::Unchanged},
-               {false, true, "1.1.1.1", {}, Reply::Ack, Result::Different},
-               {true, {}, nullptr, {}, Reply::Ack, Result::Gone}};
+  } cases[] = {{"1.1.1.1", true, false, true, Reply::Ack, Result::Done},
+               {"1.1.1.1", true, false, true, Reply::None, Result::Done},
+               {"1.1.1.1", true, false, false, Reply::Ack, Result::Unchanged},
+               {"2.2.2.2", true, {}, {}, Reply::Ack, Result::Done},
+               {"1.1.1.1", true, {}, {}, Reply::Ack, Result::Done},
+               {"1.1.1.1", true, {}, {}, Reply::None, Result::Unchanged},
+               {"2.2.2.2", true, {}, {}, Reply::None, Result::Different},
+               {"1.1.1.1", true, {}, {}, Reply::Nack, Result::Refused},
+               {"1.1.1.1", false, true, false, Reply::Ack, Result::Done},
+               {"1.1.1.1", false, true, true, Reply::Ack, Result::Unchanged},
+               {"1.1.1.1", false, true, {}, Reply::Ack, Result::Different},
+               {nullptr, true, {}, {}, Reply::Ack, Result::Gone}};
   for (const auto& c : cases) {
     const auto after = c.address != nullptr ? std::optional(seen(c.address, c.after)) : std::nullopt;
     const Outcome outcome = JudgeDhcp(c.on, seen("1.1.1.1", c.before), after, c.reply);
