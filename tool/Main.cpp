@@ -1,3 +1,5 @@
+#include <cstdio>
+#include <exception>
 #include <string>
 #include <variant>
 #include <vector>
@@ -25,14 +27,21 @@ int Run(const TraceOptions& options) { return Trace(options); }
 int Run(const HaltOptions& options) { return Halt(options); }
 int Run(const SendOptions& options) { return Send(options); }
 
+int RunProgram(const std::vector<std::string>& words) {
+  PrepareProcess();
+  HandleInterrupts();
+  const int status = std::visit([](const auto& options) { return Run(options); }, ReadCommandLine(words));
+  ShowStatus({});
+  return status == StatusDone && !IsOutputGood() ? StatusNotDone : status;
+}
+
 }  // namespace
 }  // namespace tarnddp
 
-int main(int argc, char** argv) {
-  tarnddp::PrepareProcess();
-  tarnddp::HandleInterrupts();
-  const tarnddp::Command command = tarnddp::ReadCommandLine(std::vector<std::string>(argv + (argc > 0), argv + argc));
-  const int status = std::visit([](const auto& options) { return tarnddp::Run(options); }, command);
-  tarnddp::ShowStatus({});
-  return status == tarnddp::StatusDone && !tarnddp::IsOutputGood() ? tarnddp::StatusNotDone : status;
+int main(int argc, char** argv) try {
+  return tarnddp::RunProgram(std::vector<std::string>(argv + (argc > 0), argv + argc));
+} catch (const std::exception& error) {
+  // No memory, no descriptor left.
+  std::fprintf(stderr, "tarnddp: %s\n", error.what());
+  return tarnddp::StatusNotDone;
 }

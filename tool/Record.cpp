@@ -80,12 +80,13 @@ std::optional<Record> ReadRecord(std::string_view datagram) {
   if (datagram.substr(content) == lineEnd) datagram = datagram.substr(0, content);
   Record record;
   std::vector<std::string_view> seen;
-  for (auto& [name, value] : SplitFields(datagram)) {
+  for (auto& field : SplitFields(datagram)) {
+    const std::string_view name = field.first;
     const auto* const key =
         std::find_if(std::begin(keys), std::end(keys), [&](const Key& k) { return k.name == name; });
     if (key == std::end(keys) || std::find(seen.begin(), seen.end(), name) != seen.end()) continue;
     seen.push_back(name);
-    record.*key->field = std::move(value);
+    record.*key->field = std::move(field.second);
   }
   return record;
 }

@@ -27,7 +27,11 @@ std::string Via(const Device& device) {
     if (at->second.find(way) == std::string::npos) at->second += way;
   }
   std::string via;
-  for (const auto& [interface, ways] : byInterface) via += (via.empty() ? "" : " ") + interface + ways;
+  for (const auto& [interface, ways] : byInterface) {
+    if (!via.empty()) via += ' ';
+    via += Shown(interface);
+    via += ways;
+  }
   return via;
 }
 
@@ -132,6 +136,7 @@ std::vector<std::string> Table(const std::vector<Finding>& findings, int columns
   for (const Finding& finding : findings) cells.push_back(Cells(finding.device));
   const std::vector<int> widths = Layout(cells, columns);
   std::vector<std::string> lines;
+  lines.reserve(cells.size());
   for (const auto& row : cells) lines.push_back(Line(row, widths, columns));
   return lines;
 }
@@ -150,11 +155,12 @@ std::string Json(const Finding& finding, std::string_view event, std::string_vie
                                    {"dhcp", Value(facts.settings.dhcp)},
                                    {"service", facts.service},
                                    {"answers", nlohmann::ordered_json::array()},
-                                   {"problems", finding.problems}};
+                                   {"problems", nlohmann::ordered_json::array()}};
   for (const Source& source : finding.device.sources) {
     object["answers"].push_back(
-        {{"interface", source.interface}, {"way", WayName(source.way)}, {"from", source.address}});
+        {{"interface", Utf8(source.interface)}, {"way", WayName(source.way)}, {"from", Utf8(source.address)}});
   }
+  for (const std::string& problem : finding.problems) object["problems"].push_back(Utf8(problem));
   if (!event.empty()) {
     object["event"] = event;
     object["time"] = time;

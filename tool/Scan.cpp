@@ -38,6 +38,7 @@ class Progress {
  private:
   static std::vector<Finding> WithoutProblems(const std::vector<Device>& devices) {
     std::vector<Finding> findings;
+    findings.reserve(devices.size());
     for (const Device& device : devices) findings.push_back({device, {}});
     return findings;
   }

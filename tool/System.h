@@ -57,14 +57,17 @@ bool JoinGroup(int socket, IPv4 group, unsigned index);
 /// closed pipe reported as an error of writing. To be called first.
 void PrepareProcess();
 
-/// Columns and rows of the terminal that standard output is; nothing if it is none.
+/// Columns and rows of the terminal that standard output is; nothing if it is none, or one that cannot move its cursor.
 struct TerminalSize {
   int columns = 0;
   int rows = 0;
 };
 std::optional<TerminalSize> OutputTerminal();
+/// Likewise for standard error.
 bool IsErrorTerminal();
 bool IsInputTerminal();
+/// Whether standard output is a pipe that nobody reads any more.
+bool IsReaderGone();
 
 /// Ctrl-C, and a request to end, ends the process at once with status 130, unless a KeepOnInterrupt lives: then
 /// WasInterrupted() says that it came, and the owner ends in order. The second one ends the process even so.

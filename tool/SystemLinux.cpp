@@ -5,6 +5,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -85,6 +86,11 @@ unsigned OutputInterface(const char* message, std::size_t length) {
   return 0;
 }
 
+bool IsFullTerminal(int descriptor) {
+  const char* kind = std::getenv("TERM");
+  return isatty(descriptor) != 0 && (kind == nullptr || std::strcmp(kind, "dumb") != 0);
+}
+
 volatile std::sig_atomic_t interrupts = 0;
 volatile std::sig_atomic_t keepers = 0;
 
@@ -141,6 +147,7 @@ std::vector<Interface> ListInterfaces() {
     if (found != byIndex.end()) found->second.linkLocal = address;
   }
   std::vector<Interface> interfaces;
+  interfaces.reserve(byIndex.size());
   for (auto& [index, interface] : byIndex) interfaces.push_back(std::move(interface));
   return interfaces;
 }
@@ -227,13 +234,18 @@ void PrepareProcess() {
 
 std::optional<TerminalSize> OutputTerminal() {
   winsize size = {};
-  if (isatty(STDOUT_FILENO) == 0) return std::nullopt;
+  if (!IsFullTerminal(STDOUT_FILENO)) return std::nullopt;
   if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return TerminalSize{80, 24};
   return TerminalSize{size.ws_col, size.ws_row};
 }
 
-bool IsErrorTerminal() { return isatty(STDERR_FILENO) != 0; }
+bool IsErrorTerminal() { return IsFullTerminal(STDERR_FILENO); }
 bool IsInputTerminal() { return isatty(STDIN_FILENO) != 0; }
+
+bool IsReaderGone() {
+  pollfd output = {STDOUT_FILENO, 0, 0};
+  return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+}
 
 void HandleInterrupts() {
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {

@@ -83,7 +83,7 @@ class Watcher {
   int Run() {
     Open();
     if (!network->IsUsable()) return StatusNothingSent;
-    for (int round = 1; IsOutputGood(); ++round) {
+    for (int round = 1; IsOutputGood() && !IsReaderGone(); ++round) {
       constexpr int asksWithoutAnswer = 3;
       if (ListInterfaces() != interfaces) Open();
       if (devices.ForgetBefore(round - asksWithoutAnswer)) isDirty = true;
@@ -112,7 +112,7 @@ class Watcher {
 
   void Listen(int round) {
     const Time end = Clock::now() + std::chrono::seconds(2);
-    while (Clock::now() < end && IsOutputGood()) {
+    while (Clock::now() < end && IsOutputGood() && !IsReaderGone()) {
       const std::optional<Datagram> datagram =
           network->Receive(std::min(end, Clock::now() + std::chrono::milliseconds(100)));
       const std::optional<Record> record = datagram ? ReadRecord(datagram->bytes) : std::nullopt;
@@ -145,7 +145,7 @@ class Watcher {
     line += event.change.empty() ? AddressText(FactsOf(device.record).settings) : event.change;
     for (const std::string& problem : event.finding.problems)
       if (event.change.empty()) line += "; " + problem;
-    Print(line + "\n");
+    Print(Shown(line) + "\n");
   }
 
   void ShowTable(const std::vector<Finding>& findings) {
