@@ -53,16 +53,21 @@ void TrimHeap() {
 #endif
 }
 
+struct OpenFile {
+  int descriptor;
+  ~OpenFile() {
+    if (descriptor >= 0) close(descriptor);
+  }
+};
+
 /// The text of a file of /proc; empty where it cannot be read.
 std::string ReadProc(const char* path) {
   std::string text;
-  const int descriptor = GateDescriptor(open(path, O_RDONLY | O_CLOEXEC));
-  if (descriptor < 0) return text;
+  const OpenFile file{GateDescriptor(open(path, O_RDONLY | O_CLOEXEC))};
   char piece[4096];
-  for (ssize_t count = 0; (count = read(descriptor, piece, sizeof piece)) > 0;) {
+  for (ssize_t count = 0; (count = read(file.descriptor, piece, sizeof piece)) > 0;) {
     text.append(piece, static_cast<std::size_t>(count));
   }
-  close(descriptor);
   return text;
 }
 

@@ -42,19 +42,19 @@ void LogResponse(const std::string& response) {
 
 int XmlRpcClientTransportHTTP::SetCfg(XmlRpcValue& cfg) {
   if (cfg.getMemberType(CfgParam_ServerPort) != XmlRpcValue::TypeInt) return STATUS_BAD_CONFIGURATION;
-  port = static_cast<std::uint16_t>(cfg[CfgParam_ServerPort].getInt());
-  if (port == 0) return STATUS_BAD_CONFIGURATION;
+  _port = static_cast<std::uint16_t>(cfg[CfgParam_ServerPort].getInt());
+  if (_port == 0) return STATUS_BAD_CONFIGURATION;
   if (cfg.getMemberType(CfgParam_ServerIP) != XmlRpcValue::TypeString) return STATUS_BAD_CONFIGURATION;
-  host = cfg[CfgParam_ServerIP].getString();
-  if (!host.empty()) return 0;
-  port = 0;
+  _host = cfg[CfgParam_ServerIP].getString();
+  if (!_host.empty()) return 0;
+  _port = 0;
   return STATUS_BAD_CONFIGURATION;
 }
 
 int XmlRpcClientTransportHTTP::Connect() {
   if (connected) return 0;
   Disconnect();  // an owner that cleared `connected` by hand left it open
-  connected = tcp.Call(host, port);
+  connected = _tcp.Call(_host, _port);
   if (connected) return 0;
   Disconnect();  // a failed call leaves its socket open
   return STATUS_CONNECT_FAILED;
@@ -63,7 +63,7 @@ int XmlRpcClientTransportHTTP::Connect() {
 int XmlRpcClientTransportHTTP::Connect(unsigned long limit) {
   if (!connected) {
     Disconnect();
-    connected = tcp.Call(host, port, limit);
+    connected = _tcp.Call(_host, _port, limit);
   }
   if (!connected) {
     Disconnect();
@@ -74,9 +74,9 @@ int XmlRpcClientTransportHTTP::Connect(unsigned long limit) {
 }
 
 int XmlRpcClientTransportHTTP::Disconnect() {
-  tcp.clear();
+  _tcp.clear();
   connected = false;
-  owed = 0;
+  _owed = 0;
   return 0;
 }
 
@@ -86,8 +86,8 @@ bool XmlRpcClientTransportHTTP::HasInput() {
   constexpr int MOST_PIECES = 16;  // a server that sends nothing but line ends without end is out of step as well
   char piece[256];
   for (int pieces = 0; pieces < MOST_PIECES; ++pieces) {
-    const ssize_t count = recv(tcp.GetSocket(), piece, sizeof piece, MSG_DONTWAIT);
-    if (count < 0) return errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && tcp.GetSocket() >= 0;
+    const ssize_t count = recv(_tcp.GetSocket(), piece, sizeof piece, MSG_DONTWAIT);
+    if (count < 0) return errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && _tcp.GetSocket() >= 0;
     const std::string_view text(piece, static_cast<std::size_t>(count));
     if (text.empty() || text.find_first_not_of("\r\n") != std::string_view::npos) return true;
   }
@@ -99,8 +99,8 @@ bool XmlRpcClientTransportHTTP::IsItsOwnPeer() const {
   sockaddr_in peer = {};
   socklen_t ownLength = sizeof own;
   socklen_t peerLength = sizeof peer;
-  return getsockname(tcp.GetSocket(), reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
-         getpeername(tcp.GetSocket(), reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
+  return getsockname(_tcp.GetSocket(), reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
+         getpeername(_tcp.GetSocket(), reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
          own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
 }
 
@@ -112,30 +112,30 @@ std::string XmlRpcClientTransportHTTP::generateHeader(const std::string& body) c
 }
 
 int XmlRpcClientTransportHTTP::execute(const std::string& request, std::string& answer) {
-  const BuffersOfOneCall storage{header, response};
+  const BuffersOfOneCall storage{_header, _response};
   return exchange(request, answer);
 }
 
 int XmlRpcClientTransportHTTP::exchange(const std::string& request, std::string& answer) {
   const std::string message = generateHeader(request) + request;
-  if (!tcp.Send(message.data(), message.size())) return Fail(answer, "Transmission failed!", -1, STATUS_SEND_FAILED);
-  ++owed;
-  header.clear();
-  response.clear();
-  head = HttpHead();
+  if (!_tcp.Send(message.data(), message.size())) return Fail(answer, "Transmission failed!", -1, STATUS_SEND_FAILED);
+  ++_owed;
+  _header.clear();
+  _response.clear();
+  _head = HttpHead();
 
   int status = STATUS_HEADER_INCOMPLETE;
   while (status == STATUS_HEADER_INCOMPLETE) status = readHeader();
-  if (status == STATUS_BAD_LENGTH) --owed;
+  if (status == STATUS_BAD_LENGTH) --_owed;
   if (status != 0) return Fail(answer, "readHeader() failed!", status, status);
 
-  while (!IsWhole(response, contentLength)) {
-    status = readString(response);
+  while (!IsWhole(_response, _contentLength)) {
+    status = readString(_response);
     if (status != 0) return Fail(answer, "readResponse() failed!", status, status);
   }
-  --owed;
-  LogResponse(response);
-  answer = std::move(response);
+  --_owed;
+  LogResponse(_response);
+  answer = std::move(_response);
   return 0;
 }
 
@@ -146,37 +146,37 @@ int XmlRpcClientTransportHTTP::execute(const std::string& request, std::string& 
 int XmlRpcClientTransportHTTP::readString(std::string& target) {
   char chunk[CHUNK + 1];
   if (timeout != 0) {
-    const int status = tcp.Receive(chunk, CHUNK, timeout);
+    const int status = _tcp.Receive(chunk, CHUNK, timeout);
     if (status != 0) return status;
-  } else if (!tcp.Receive(chunk, CHUNK)) {
+  } else if (!_tcp.Receive(chunk, CHUNK)) {
     return STATUS_RECEIVE_FAILED;
   }
-  chunk[tcp.received] = '\0';
-  target.append(chunk, tcp.received);
+  chunk[_tcp.received] = '\0';
+  target.append(chunk, _tcp.received);
   return 0;
 }
 
 int XmlRpcClientTransportHTTP::readHeader() {
-  const int status = readString(header);
+  const int status = readString(_header);
   if (status != 0) return status;
-  XmlRpcUtil::log(4, "XmlRpcClientTransportHTTP::readHeader(): client has read %d bytes", Length(header));
+  XmlRpcUtil::log(4, "XmlRpcClientTransportHTTP::readHeader(): client has read %d bytes", Length(_header));
 
-  const HttpHead::State state = head.read(header);
+  const HttpHead::State state = _head.read(_header);
   if (state == HttpHead::State::Incomplete) return STATUS_HEADER_INCOMPLETE;
   if (state == HttpHead::State::NoLength) return STATUS_BAD_LENGTH;
-  contentLength = head.contentLength();
-  XmlRpcUtil::log(4, "client read content length: %d", contentLength);
-  response = header.c_str() + head.bodyStart();  // up to a zero byte; what arrives later is taken whole
-  header.clear();
+  _contentLength = _head.contentLength();
+  XmlRpcUtil::log(4, "client read content length: %d", _contentLength);
+  _response = _header.c_str() + _head.bodyStart();  // up to a zero byte; what arrives later is taken whole
+  _header.clear();
   return 0;
 }
 
 int XmlRpcClientTransportHTTP::readResponse() {
-  while (!IsWhole(response, contentLength)) {
-    const int status = readString(response);
+  while (!IsWhole(_response, _contentLength)) {
+    const int status = readString(_response);
     if (status != 0) return status;
   }
-  LogResponse(response);
+  LogResponse(_response);
   return 0;
 }
 

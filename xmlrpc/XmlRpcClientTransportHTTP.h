@@ -54,7 +54,7 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
 
   /// Requests on this connection without their response yet: such a response may still come, and be read as that of a
   /// later request. 0 after a connect or disconnect. A response without a good length counts, as does a fault.
-  unsigned OwedResponses() const { return owed; }
+  unsigned OwedResponses() const { return _owed; }
 
   /// One exchange. On success `response` is the body of the response, surplus bytes included; on failure a fault
   /// document whose code is the status (-1 for STATUS_SEND_FAILED). `request` and `response` may be one string. A
@@ -70,25 +70,25 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
   int readResponse();  // until the body is whole, as exchange() does in place
   int readString(std::string& target);
 
-  std::string host;
-  std::uint16_t port = 0;
+  std::string _host;
+  std::uint16_t _port = 0;
 
  public:
   bool connected = false;
 
  private:
-  CTCP tcp;
-  std::string header;
-  std::int32_t contentLength = 0;
-  std::string response;
+  CTCP _tcp;
+  std::string _header;
+  std::int32_t _contentLength = 0;
+  std::string _response;
 
  public:
   /// Receive time-out in ms for each read; 0 waits without limit on a blocking connection.
   std::uint32_t timeout = 0;
 
  private:
-  HttpHead head;  // how far `header` is read
-  unsigned owed = 0;
+  HttpHead _head;  // how far `_header` is read
+  unsigned _owed = 0;
 };
 
 }  // namespace TarnXmlRpc
