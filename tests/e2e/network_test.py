@@ -235,17 +235,10 @@ class DHCP(Alone):
 
         ok, mask, offer = bytes([53, 1, 5]), bytes([1, 4, 255, 255, 255, 0]), reply(OFFER_TAIL)
         for name, first, second, prefix in (
-                ("silence", None, None, None), ("silence after the offer", offer, None, None),
+                ("silence", None, None, None),
                 ("NAK", offer, reply(bytes([53, 1, 6]) + SERVER_ID + b"\xff"), None),
-                ("another transaction", offer[:7] + b"\1" + offer[8:], None, None),
-                ("239 bytes", reply(OFFER_TAIL, 239), None, None),
-                ("240 bytes as the ACK, the REQUEST's type behind", offer, reply(ok, 240), None),
                 ("243 bytes as the ACK, the REQUEST's options behind", offer, reply(ok), 24),   # no mask
-                ("another cookie, another client", offer[:28] + bytes(16) + offer[44:236] + bytes(4) + offer[240:],
-                 reply(ok + mask + b"\xff"), 24),
-                ("552 bytes, the mask last", offer, reply(ok + b"\0\1\0" + bytes(300) + mask, 552), 24),
-                ("more than fits", reply(OFFER_TAIL, 1200), reply(ok + mask, 1200), 24),
-                ("a length that leads out of the message", offer, reply(ok + mask + b"\7\xff\1\2"), 24)):
+                ("more than fits", reply(OFFER_TAIL, 1200), reply(ok + mask, 1200), 24)):
             with self.subTest(name):
                 self.setUp()
                 self.scripted(first, second, NACK if prefix is None else ACK)

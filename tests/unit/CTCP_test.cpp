@@ -1,38 +1,29 @@
 #include "net/CTCP.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
-#include <pty.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
+#include <sys/ioctl.h>
 
-#include "base/ConsoleLine.h"
+#include <tuple>
+#include <vector>
+
 #include "tests/unit/LoopbackPeer.h"
-
-namespace {
-
-int plainBirths = 0;  // sockets that another thread's fork() could take along, until the gate has closed that
-
-}  // namespace
-
-extern "C" int socket(int domain, int type, int protocol) noexcept {
-  if ((type & SOCK_CLOEXEC) == 0) ++plainBirths;
-  return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
-}
-
-extern "C" int accept(int listening, sockaddr* address, socklen_t* size) {
-  ++plainBirths;
-  return accept4(listening, address, size, 0);
-}
+#include "tests/unit/SystemCalls.h"
 
 namespace {
 
 constexpr char LOOPBACK[] = "127.0.0.1";
 
-/// A listening socket that nobody accepts from.
-struct Listener : CTCP {
-  explicit Listener(int connections) { EXPECT_TRUE(OpenPort(INADDR_LOOPBACK, 0, connections) && GetPort(port) > 0); }
+unsigned short PortOf(const CTCP& tcp) {
   unsigned short port = 0;
+  tcp.GetPort(port);
+  return port;
+}
+
+/// Listens on a free port of the loopback interface.
+struct Listener : CTCP {
+  explicit Listener(int connections) { EXPECT_TRUE(OpenPort(INADDR_LOOPBACK, 0, connections)); }
 };
 
 int OptionOf(int descriptor, int level, int option) {
@@ -41,132 +32,238 @@ int OptionOf(int descriptor, int level, int option) {
   return getsockopt(descriptor, level, option, &value, &size) == 0 ? value : -1;
 }
 
-TEST(GateDescriptor, MovesAStandardDescriptorUpAndRefusesWhatSelectCannotHold) {
-  const int saved = dup(STDIN_FILENO);
-  close(STDIN_FILENO);
-  const int opened = open("/dev/null", O_RDONLY), gated = GateDescriptor(opened);
-  const bool moved = opened == STDIN_FILENO && gated > STDERR_FILENO && fcntl(opened, F_GETFD) == -1;
-  dup2(saved, STDIN_FILENO);
-  EXPECT_TRUE(moved) << gated;
-  EXPECT_EQ(GateDescriptor(saved), saved) << "others stay where they are";
-  EXPECT_TRUE(fcntl(gated, F_GETFD) == FD_CLOEXEC && fcntl(saved, F_GETFD) == FD_CLOEXEC);
-  for (const int descriptor : {gated, saved}) close(descriptor);
-  errno = ENFILE;
-  EXPECT_TRUE(GateDescriptor(-1) == -1 && errno == ENFILE) << errno;
-  rlimit limit = {};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  if (limit.rlim_max <= FD_SETSIZE) GTEST_SKIP() << "this machine opens no descriptor so high";
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
-  const int high = fcntl(STDERR_FILENO, F_DUPFD, FD_SETSIZE);
-  EXPECT_TRUE(GateDescriptor(high) == -1 && errno == EMFILE && fcntl(high, F_GETFD) == -1) << errno;
-}
-
-TEST(ConsoleLine, NeverWaitsForAReaderThatStopped) {
-  int ends[2] = {}, terminal[2] = {};
-  ASSERT_TRUE(pipe(ends) == 0 && openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr) == 0);
-  const int saved = dup(STDERR_FILENO);
-  alarm(20);  // a write that waits would wait for ever
-  for (const int console : {ends[1], terminal[1]}) {
-    for (int i = 0; i < 3000; ++i) ConsoleLine(console, "a line of a daemon that nobody reads\n");
-    dup2(console, STDERR_FILENO);
-    CTCP().Send("x", 1);  // nor does what says why it failed
-    dup2(saved, STDERR_FILENO);
-  }
-  alarm(0);
-  EXPECT_EQ(0, fcntl(terminal[1], F_GETFL) & O_NONBLOCK) << "the terminal is everybody's";
-  close(ends[0]);
-  ConsoleLine(ends[1], "nor one whose reader went away\n");  // raises no SIGPIPE
-  for (const int descriptor : {ends[1], terminal[0], terminal[1], saved}) close(descriptor);
-}
-
-TEST(CTCP, SaysWhyItFailedAndPrintsOnlyWhereItShould) {
-  char text[16] = "";
-  CTCP tcp;
-  errno = 0;
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(tcp.SetSendBufferSize(1) || tcp.GetPeerIP(text));
-  EXPECT_EQ(errno, EBADF);
-  EXPECT_FALSE(tcp.Send(text, 1) || tcp.Receive(text, 1) || tcp.Accept() || tcp.ActivateKeepalive());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "CTCP::Send(): Bad file descriptor\nCTCP::Receive(): Bad file descriptor\nCTCP::Accept(): accept: Bad file "
-            "descriptor\nCTCP::ActivateKeepalive(): setsockopt SO_KEEPALIVE: Bad file descriptor\n");
-  const int before = CountDescriptors();
-  unsigned long address = 0;
-  EXPECT_TRUE(CTCP::GetDeviceIP("lo", address) && address == htonl(INADDR_LOOPBACK)) << address;
-  EXPECT_FALSE(CTCP::GetDeviceIP("a name far longer than any interface", address));
-  EXPECT_EQ(CountDescriptors(), before + 2) << "the probe's sockets stay open";
-}
-
-TEST(CTCP, SocketsAreCloseOnExecFromBirth) {
-  plainBirths = 0;
-  unsigned long address = 0;
-  CTCP::GetDeviceIP("lo", address);
-  Listener server(5);
-  CTCP clients[2];
-  EXPECT_TRUE(clients[0].Call(LOOPBACK, server.port) && server.Accept());
-  EXPECT_TRUE(clients[1].Call(LOOPBACK, server.port, 1000));
-  EXPECT_EQ(0, plainBirths);
-}
-
-TEST(CTCP, TimedReceiveTellsItsOutcomesApart) {
-  char text[8] = "";
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  CTCP tcp;
-  EXPECT_EQ(tcp.Receive(text, 8, 0), -3538);
-  for (const int descriptor : {-7, FD_SETSIZE, FD_SETSIZE + 5000}) {
-    tcp.SetSocket(descriptor);
-    EXPECT_EQ(tcp.Receive(text, 1, 0), EBADF - 3500) << descriptor;
-  }
-  tcp.SetSocket(pair[0]);
-  EXPECT_EQ(tcp.Receive(text, 8, 0), -3560);
-  Write(pair[1], "abc");
-  EXPECT_TRUE(tcp.Receive(text, 8, 1000) == 0 && std::string(text, tcp.received) == "abc") << tcp.received;
-  EXPECT_TRUE(tcp.Receive(text, 0) && tcp.received == 0) << "needs no data";
-  close(pair[1]);
-  EXPECT_TRUE(tcp.Receive(text, 8, 1000) == -6915 && errno == -3415) << errno;
-}
-
-TEST(CTCP, TimedCallIsNonBlockingAndKeepsTheReasonOfAFailure) {
-  const std::string much(64 << 20, 'x');
-  const int before = CountDescriptors();
-  for (const unsigned long timeout : {0UL, 1000UL}) {
-    Listener both(5);
-    ASSERT_TRUE(both.Call(LOOPBACK, both.port, timeout) && both.Send(much.data(), much.size()));
-    EXPECT_TRUE(both.sent > 0 && both.sent < much.size()) << "what the system took: " << both.sent;
-  }
-  EXPECT_EQ(CountDescriptors(), before);
-  Listener full(0);
-  CTCP waiting[2];
-  for (CTCP& tcp : waiting) tcp.Call(LOOPBACK, full.port, 50);
-  const std::tuple<const char*, unsigned short, int> cases[] = {
-      {LOOPBACK, 1, ECONNREFUSED}, {LOOPBACK, full.port, ETIMEDOUT}, {"no address", 1, ENETUNREACH}};
-  for (const auto& [ip, port, cause] : cases) {
-    CTCP tcp;
-    EXPECT_TRUE(!tcp.Call(ip, port, 100) && errno == cause) << ip << errno;
-    EXPECT_TRUE(tcp.Hangup() == 0 && tcp.Hangup() == -1) << "was open";
-  }
-}
-
-TEST(CTCP, OneShotServerServesOneConnection) {
-  CTCP server, client;
-  int descriptor = -2;
-  unsigned short port = 0;
-  EXPECT_TRUE(!server.Accept(descriptor, 0) && errno == -3538 && descriptor == -1) << errno;
-  ASSERT_TRUE(server.OpenPort(INADDR_LOOPBACK, 0, 1) && server.GetPort(port) > 0);
-  EXPECT_TRUE(!server.Accept(20UL) && errno == -3535) << errno;
-  EXPECT_TRUE(!client.OpenPort(INADDR_LOOPBACK, port, 1) && errno == EADDRINUSE && client.ClosePort() == -1) << errno;
-  ASSERT_TRUE(client.Call(LOOPBACK, port) && server.Accept(descriptor, 1000));
-  EXPECT_EQ(server.GetPort(port), -1) << "connection handed over, listening socket closed";
-  server.SetSocket(descriptor);
-  char ip[16] = "";
-  std::string localIP, localPort;
-  EXPECT_TRUE(client.GetPeerIP(ip) && server.GetLocalConnectedIPAndPort(localIP, localPort));
-  EXPECT_EQ(ip + localIP + localPort, std::string(LOOPBACK) + LOOPBACK + std::to_string(server.GetPort(port)));
-  EXPECT_TRUE(server.SetSendBufferSize(8192) && server.ActivateKeepalive());
-  EXPECT_EQ(OptionOf(descriptor, SOL_SOCKET, SO_SNDBUF), 8192) << "asked for 4096, which the kernel doubles";
-  EXPECT_TRUE(OptionOf(descriptor, IPPROTO_TCP, TCP_KEEPIDLE) == 60 && OptionOf(descriptor, IPPROTO_TCP, TCP_NODELAY));
+std::string StateOf(const CTCP& tcp) {
+  sockaddr_in address = {};
+  return std::string(tcp.GetSocket() == -1 ? "" : " connected") +
+         (tcp.GetListenSocketAddr(&address) ? " listening" : "");
 }
 
 }  // namespace
+
+TEST(CTCP, EveryFailureKeepsItsReasonLosesNoDescriptorAndPrintsOnlyWhereItShould) {
+  Listener server(999);  // nobody takes the connections away
+  char text[INET_ADDRSTRLEN] = "before";
+  unsigned long address = 0;
+  unsigned short port = 0, serverPort = PortOf(server);
+  std::string ip = "before";
+  int descriptor = 0;
+  const std::function<bool(CTCP&)> nothing = [](CTCP&) { return true; };
+  const auto called = [&](CTCP& tcp) { return tcp.Call(LOOPBACK, serverPort); };
+  const auto calledWithin = [&](CTCP& tcp) { return tcp.Call(LOOPBACK, serverPort, 2000); };
+  const auto awaited = [&](CTCP& tcp) {
+    return tcp.OpenPort(INADDR_LOOPBACK, 0, 2) && CTCP().Call(LOOPBACK, PortOf(tcp));
+  };
+  const std::string why = ": Invalid cross-device link\n", keepalive = "CTCP::ActivateKeepalive(): setsockopt ";
+  const std::tuple<const char*, std::function<bool(CTCP&)>, std::function<int(CTCP&)>, std::string> cases[] = {
+      {"Call", nothing, called, "socket: 0\nfcntl: 0\nconnect: 0 connected\n"},
+      {"Call within", nothing, calledWithin,
+       "socket: 0\nfcntl: 0\nfcntl: 0 connected\nfcntl: 0 connected\n"
+       "connect: 0 connected\nselect: 1 connected\ngetsockopt: 0 connected\n"},
+      {"OpenPort", nothing, [](CTCP& tcp) { return tcp.OpenPort(0, 0, 5); },
+       "socket: 0\nNetOpenServerPort socket" + why + "fcntl: 0\nNetOpenServerPort socket" + why +
+           "setsockopt: 0\nbind: 0\nsetsockopt: 0\nlisten: 0\n"},
+      {"Accept", awaited, [](CTCP& tcp) { return tcp.Accept(); },
+       "accept4: 0 listening\nCTCP::Accept(): accept" + why + "fcntl: 0 listening\nCTCP::Accept(): accept" + why +
+           "setsockopt: 0 listening\nCTCP::Accept(): setsockopt TCP_NODELAY" + why},
+      {"Accept within", awaited, [&](CTCP& tcp) { return tcp.Accept(descriptor, 2000) * 10 + descriptor; },
+       "select: -1 listening\naccept4: -1 listening\nCTCP::Accept(): accept" + why +
+           "fcntl: -1 listening\nCTCP::Accept(): accept" + why +
+           "setsockopt: -1 listening\nCTCP::Accept(): setsockopt TCP_NODELAY" + why},
+      {"Send", called, [](CTCP& tcp) { return tcp.Send("x", 1); }, "send: 0 connected\nCTCP::Send()" + why},
+      {"Receive", calledWithin, [&](CTCP& tcp) { return tcp.Receive(text, 1); },
+       "recv: 0 connected\nCTCP::Receive()" + why},
+      {"ActivateKeepalive", called, [](CTCP& tcp) { return tcp.ActivateKeepalive(); },
+       "setsockopt: 0\n" + keepalive + "SO_KEEPALIVE" + why + "setsockopt: 0\n" + keepalive + "TCP_KEEPIDLE" + why +
+           "setsockopt: 0\n" + keepalive + "TCP_KEEPINTVL" + why + "setsockopt: 0\n" + keepalive + "TCP_KEEPCNT" + why},
+      {"SetSendBufferSize", called, [](CTCP& tcp) { return tcp.SetSendBufferSize(9); }, "setsockopt: 0\n"},
+      {"GetDeviceIP", nothing, [&](CTCP&) { return CTCP::GetDeviceIP("lo", address); },
+       "socket: 0\nGetDeviceIP socket" + why + "fcntl: 0\nGetDeviceIP socket" + why + "ioctl: 0, descriptors: 1\n"},
+      {"GetPort", called, [&](CTCP& tcp) { return tcp.GetPort(port) + port; }, "getsockname: -1 connected\n"},
+      {"GetPeerIP", called, [&](CTCP& tcp) { return tcp.GetPeerIP(text) ? 1 : *text; }, "getpeername: 0 connected\n"},
+      {"GetLocal", called,
+       [&](CTCP& tcp) { return tcp.GetLocalConnectedIPAndPort(ip, ip) ? 1 : static_cast<int>(ip.size()); },
+       "getsockname: 0 connected\n"}};
+  for (const auto& [name, prepare, action, expected] : cases) {
+    const auto attempt = [&prepare = prepare, &action = action] {
+      CTCP tcp;
+      EXPECT_TRUE(Undisturbed([&] { return prepare(tcp); }));
+      const int result = action(tcp);
+      return std::to_string(result) + Undisturbed([&] { return StateOf(tcp); });
+    };
+    EXPECT_EQ(expected, WithEachCallFailing(attempt)) << name;
+  }
+}
+
+TEST(CTCP, WithoutASocketSaysSo) {
+  CTCP tcp;
+  char text[INET_ADDRSTRLEN] = "";
+  int descriptor = 0;
+  const std::pair<std::function<int()>, std::string> cases[] = {
+      {[&] { return tcp.Receive(text, 0); }, "1 Success"},  // nothing is wanted, nothing asked for
+      {[&] { return tcp.Receive(text, 1, 0); }, "-3538 Success"},
+      {[&] { return tcp.Accept(descriptor, 0) * 10 + descriptor; }, "-1 Unknown error -3538"},
+      {[&] { return tcp.GetPort(*std::make_unique<unsigned short>()); }, "-1 Bad file descriptor"},
+      {[&] { return tcp.Hangup(); }, "-1 Success"},
+      {[&] { return tcp.ClosePort(); }, "-1 Success"}};
+  for (const auto& [action, expected] : cases) {
+    errno = 0;
+    const int result = action();
+    EXPECT_EQ(expected, std::to_string(result) + " " + std::strerror(errno));
+  }
+}
+
+TEST(CTCP, SocketsAreCloseOnExecFromBirthAndHaveTheirOptions) {
+  int births = 0, descriptor = -2;
+  on_socket = [&births](int domain, int type, int protocol) {
+    births += type == (SOCK_STREAM | SOCK_CLOEXEC) && domain == AF_INET && protocol == IPPROTO_TCP ? 1 : 100;
+    return real_socket(domain, type, protocol);
+  };
+  on_accept4 = [&births](int own, sockaddr* address, socklen_t* size, int flags) {
+    births += flags == SOCK_CLOEXEC ? 10 : 100;
+    return real_accept4(own, address, size, flags);
+  };
+  Listener server(1);
+  CTCP clients[2];
+  sockaddr_in address = {};
+  EXPECT_TRUE(server.GetListenSocketAddr(&address));
+  EXPECT_EQ(htonl(INADDR_LOOPBACK), address.sin_addr.s_addr);
+  EXPECT_TRUE(clients[0].Call(LOOPBACK, PortOf(server)));
+  EXPECT_TRUE(clients[1].Call(LOOPBACK, PortOf(server), 1000));
+  EXPECT_EQ("", StateOf(server).substr(10)) << "listens";
+  EXPECT_TRUE(server.Accept(descriptor, 1000));
+  EXPECT_EQ("", StateOf(server)) << "one connection, which is handed over";
+  server.SetSocket(descriptor);
+  on_socket = nullptr;
+  on_accept4 = nullptr;
+  EXPECT_EQ(13, births);
+  const auto optionsOf = [](int socket) {
+    std::string text = (fcntl(socket, F_GETFL) & O_NONBLOCK) != 0 ? "nonblocking" : "blocking";
+    const std::pair<int, int> options[] = {{SOL_SOCKET, SO_REUSEADDR},   {IPPROTO_TCP, TCP_NODELAY},
+                                           {SOL_SOCKET, SO_KEEPALIVE},   {IPPROTO_TCP, TCP_KEEPIDLE},
+                                           {IPPROTO_TCP, TCP_KEEPINTVL}, {IPPROTO_TCP, TCP_KEEPCNT}};
+    for (const auto& [level, option] : options) {
+      text += " " + std::to_string(OptionOf(socket, level, option));
+    }
+    return text;
+  };
+  EXPECT_EQ("blocking 0 0 0 7200 75 9", optionsOf(clients[0].GetSocket()));
+  EXPECT_EQ("nonblocking 0 0 0 7200 75 9", optionsOf(clients[1].GetSocket()));
+  EXPECT_EQ("blocking 1 1 0 7200 75 9", optionsOf(descriptor)) << "the listening socket's own";
+  EXPECT_TRUE(server.ActivateKeepalive());
+  EXPECT_TRUE(server.SetSendBufferSize(8192));
+  EXPECT_EQ("blocking 1 1 1 60 5 5", optionsOf(descriptor));
+  EXPECT_EQ(8192, OptionOf(descriptor, SOL_SOCKET, SO_SNDBUF)) << "asked for 4096, which the kernel doubles";
+  char peer[INET_ADDRSTRLEN] = "";
+  std::string ip, port;
+  EXPECT_TRUE(clients[0].GetPeerIP(peer));
+  EXPECT_STREQ(LOOPBACK, peer);
+  EXPECT_TRUE(server.GetLocalConnectedIPAndPort(ip, port));
+  EXPECT_EQ(LOOPBACK + (":" + std::to_string(PortOf(server))), ip + ":" + port);
+  unsigned long found = 0;
+  EXPECT_TRUE(CTCP::GetDeviceIP("lo", found));
+  EXPECT_EQ(htonl(INADDR_LOOPBACK), found);
+  EXPECT_EQ(0, server.Hangup());
+  EXPECT_EQ(-1, server.GetSocket());
+  EXPECT_EQ(-1, fcntl(descriptor, F_GETFD));
+  ASSERT_TRUE(server.OpenPort(INADDR_LOOPBACK, 0, 2));
+  ASSERT_TRUE(CTCP().Call(LOOPBACK, PortOf(server)));
+  EXPECT_TRUE(server.Accept(descriptor));
+  EXPECT_EQ(" listening", StateOf(server));
+  EXPECT_EQ(0, close(descriptor));
+}
+
+TEST(CTCP, ReceiveTellsItsOutcomesApart) {
+  char text[8] = "";
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+  CTCP tcp;
+  for (const int descriptor : {-7, FD_SETSIZE, FD_SETSIZE + 5000}) {
+    tcp.SetSocket(descriptor);
+    EXPECT_EQ(EBADF - 3500, tcp.Receive(text, 1, 0)) << descriptor;
+  }
+  tcp.SetSocket(pair[0]);
+  EXPECT_EQ(-3560, tcp.Receive(text, 8, 0));
+  const std::tuple<const char*, unsigned long, const char*> cases[] = {
+      {"abc", 8, "abc"}, {"defg", 2, "de"}, {"", 1, "f"}};
+  for (const auto& [sent, length, expected] : cases) {
+    Write(pair[1], sent);
+    EXPECT_EQ(0, tcp.Receive(text, length, 1000));
+    EXPECT_EQ(expected, std::string(text, tcp.received));
+  }
+  EXPECT_TRUE(tcp.Receive(text, 8));
+  EXPECT_EQ(1U, tcp.received);
+  EXPECT_TRUE(tcp.Receive(text, 0));
+  EXPECT_EQ(0U, tcp.received);
+  close(pair[1]);
+  EXPECT_EQ(-6915, tcp.Receive(text, 8, 1000));
+  EXPECT_EQ(-3415, errno);
+  EXPECT_EQ(0U, tcp.received);
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(tcp.Send(text, 1)) << "and no SIGPIPE";
+  EXPECT_EQ(0U, tcp.sent);
+  EXPECT_EQ("CTCP::Send(): Broken pipe\n", testing::internal::GetCapturedStderr());
+}
+
+TEST(CTCP, WaitsLastAsLongAsTheyShouldAndTellHowTheyEnded) {
+  Listener server(5);
+  const unsigned short port = PortOf(server);
+  char byte = 0;
+  const auto call = [&](unsigned long timeout) {
+    return [&, timeout](CTCP& tcp) { return tcp.Call(LOOPBACK, port, timeout); };
+  };
+  const auto receive = [&](unsigned long timeout) {
+    return [&, timeout](CTCP& tcp) { return tcp.Receive(&byte, 1, timeout); };
+  };
+  const auto accept = [&](unsigned long timeout) { return [&, timeout](CTCP&) { return server.Accept(timeout); }; };
+  const std::tuple<std::function<int(CTCP&)>, int, std::string> cases[] = {
+      {call(0), 0, "2 sets, no limit: 0 Connection timed out"},
+      {call(1500), 0, "2 sets, 1 s 500000: 0 Connection timed out"},
+      {call(999), -1, "2 sets, 0 s 999000: 1 Interrupted system call"},  // the first send() or recv() will tell
+      {call(1), 1, "2 sets, 0 s 1000: 0 Operation now in progress"},     // neither set has it
+      {receive(0), 0, "1 sets, 0 s 0: -3560 Success"},
+      {receive(1500), -1, "1 sets, 1 s 500000: -3496 Interrupted system call"},
+      {accept(0), 0, "1 sets, 0 s 0: 0 Unknown error -3535"},
+      {accept(1500), -1, "1 sets, 1 s 500000: 0 Interrupted system call"}};
+  for (const auto& [operation, answer, expected] : cases) {
+    CTCP tcp;
+    std::string wait;
+    tcp.SetSocket(dup(STDIN_FILENO));
+    if (expected[0] == '2') tcp.clear();
+    errno = 0;
+    on_select = [&wait, &answer = answer](int, fd_set* readers, fd_set* writers, fd_set*, timeval* limit) {
+      wait = std::string(writers == nullptr ? "1 sets, " : "2 sets, ") +
+             (limit == nullptr ? "no limit" : std::to_string(limit->tv_sec) + " s " + std::to_string(limit->tv_usec));
+      for (fd_set* const set : {readers, writers}) {
+        if (set != nullptr) FD_ZERO(set);
+      }
+      if (answer < 0) errno = EINTR;
+      return answer;
+    };
+    const int result = operation(tcp);
+    on_select = nullptr;
+    EXPECT_EQ(expected, wait + ": " + std::to_string(result) + " " + std::strerror(errno));
+  }
+}
+
+TEST(CTCP, SendTakesWhatTheSystemTakesAndCallFailsForItsReason) {
+  Listener server(5), full(0);
+  CTCP client;
+  const std::string much(64 << 20, 'x');
+  ASSERT_TRUE(client.Call(LOOPBACK, PortOf(server), 1000));
+  EXPECT_TRUE(client.Send(much.data(), much.size()));
+  EXPECT_GT(client.sent, 0U);
+  EXPECT_LT(client.sent, much.size()) << "what the system took";
+  CTCP waiting[2];
+  for (CTCP& tcp : waiting) tcp.Call(LOOPBACK, PortOf(full), 50);
+  const std::tuple<const char*, unsigned short, int> cases[] = {
+      {LOOPBACK, 1, ECONNREFUSED}, {LOOPBACK, PortOf(full), ETIMEDOUT}, {"no address", 1, ENETUNREACH}};
+  for (const auto& [ip, port, cause] : cases) {
+    CTCP tcp;
+    EXPECT_FALSE(tcp.Call(ip, port, 100));
+    EXPECT_EQ(cause, errno) << ip;
+    EXPECT_EQ(0, tcp.Hangup()) << "was open";
+  }
+  CTCP tcp;
+  EXPECT_FALSE(tcp.OpenPort(INADDR_LOOPBACK, PortOf(full), 5));
+  EXPECT_EQ(EADDRINUSE, errno);
+}

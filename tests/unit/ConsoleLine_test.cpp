@@ -1,0 +1,51 @@
+#include "base/ConsoleLine.h"
+
+#include <gtest/gtest.h>
+#include <pty.h>
+
+#include <csignal>
+
+#include "tests/unit/LoopbackPeer.h"
+
+namespace {
+
+std::string Read(int descriptor) {
+  std::string text(100000, '\0');
+  fcntl(descriptor, F_SETFL, O_NONBLOCK);
+  const ssize_t size = read(descriptor, text.data(), text.size());
+  return text.substr(0, size < 0 ? 0 : static_cast<std::size_t>(size));
+}
+
+}  // namespace
+
+TEST(ConsoleLine, IsWrittenWholeOrNotAtAllAndNeverWaited) {
+  const std::string line(3000, 'x'), longest(5000, 'y');
+  int ends[2] = {}, terminal[2] = {};
+  ASSERT_EQ(0, pipe(ends));
+  ASSERT_EQ(0, openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr));
+  const int before = CountDescriptors();
+  alarm(20);  // a write that waits would wait for ever
+  errno = EXDEV;
+  ConsoleLine(ends[1], longest);
+  EXPECT_EQ(EXDEV, errno);
+  EXPECT_EQ(longest.substr(0, 4096), Read(ends[0]));
+  fcntl(ends[1], F_SETPIPE_SZ, 4096);
+  for (int i = 0; i < 2; ++i) ConsoleLine(ends[1], line);
+  EXPECT_EQ(line, Read(ends[0]));
+  ConsoleLine(terminal[1], "told\n");
+  EXPECT_EQ("told\r\n", Read(terminal[0]));
+  for (int i = 0; i < 100; ++i) ConsoleLine(terminal[1], line);
+  alarm(0);
+  EXPECT_EQ(0, fcntl(terminal[1], F_GETFL) & O_NONBLOCK) << "which would hold for everybody who has the terminal";
+  const int saved = dup(STDERR_FILENO);
+  dup2(ends[1], STDERR_FILENO);
+  ConsoleError("why");
+  dup2(saved, STDERR_FILENO);
+  close(saved);
+  EXPECT_EQ(EXDEV, errno);
+  EXPECT_EQ("why: Invalid cross-device link\n", Read(ends[0]));
+  EXPECT_EQ(before, CountDescriptors());
+  close(ends[0]);
+  ConsoleLine(ends[1], "nobody reads\n");  // raises no SIGPIPE
+  for (const int descriptor : {ends[1], terminal[0], terminal[1]}) close(descriptor);
+}

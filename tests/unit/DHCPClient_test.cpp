@@ -1,0 +1,150 @@
+#include "util/DHCPClient.h"
+
+#include <arpa/inet.h>
+#include <sys/select.h>
+
+#include <algorithm>
+#include <ctime>
+#include <deque>
+#include <tuple>
+#include <vector>
+
+#include "tests/unit/Interface.h"
+#include "tests/unit/SystemCalls.h"
+#include "util/DHCPMessage.h"
+
+namespace {
+
+DHCPBuffer Reply(std::uint8_t type, std::initializer_list<std::uint8_t> options) {
+  DHCPBuffer reply = ul_DHCPBuildDiscover({});  // which has transaction and message type where a reply has them
+  reply[0] = 2;
+  reply[16] = 10;
+  reply[242] = type;
+  std::copy(options.begin(), options.end(), reply.begin() + 243);
+  return reply;
+}
+
+std::string Text(const sockaddr* address) {
+  const auto* const inet = reinterpret_cast<const sockaddr_in*>(address);
+  return inet_ntoa(inet->sin_addr) + (":" + std::to_string(ntohs(inet->sin_port)));
+}
+
+/// A server that gives these answers, whatever it is sent, and a clock that is not waited for: `log` tells what
+/// happens.
+struct Wire {
+  std::deque<DHCPBuffer> answers;
+  std::string log;
+
+  Wire() {
+    on_bind = [this](int own, const sockaddr* address, socklen_t size) {
+      int on[2] = {};
+      for (const int option : {SO_BROADCAST, SO_REUSEADDR}) {
+        socklen_t length = sizeof on[0];
+        real_getsockopt(own, SOL_SOCKET, option, &on[option == SO_REUSEADDR], &length);
+      }
+      log += std::string(on[0] + on[1] == 2 ? "" : "options? ") + "bind " + Text(address) + "\n";
+      return real_bind(own, address, size);
+    };
+    on_sendto = [this](int own, const void* data, size_t size, int flags, const sockaddr* to, socklen_t toSize) {
+      log += "send " + std::to_string(size) + " of type " + std::to_string(static_cast<const char*>(data)[242]) +
+             " to " + Text(to) + "\n";
+      return real_sendto(own, data, size, flags, to, toSize);
+    };
+    on_select = [this](int, fd_set*, fd_set*, fd_set*, timeval* limit) {
+      log += "wait " + std::to_string(limit->tv_sec) + " s " + std::to_string(limit->tv_usec) + "\n";
+      return answers.empty() ? 0 : 1;
+    };
+    on_recv = [this](int, void* data, size_t size, int) -> ssize_t {
+      std::memcpy(data, answers.front().data(), size);
+      answers.pop_front();
+      return 300;
+    };
+    on_nanosleep = [this](const timespec* wanted, timespec*) {
+      log += "sleep " + std::to_string(wanted->tv_sec) + " s " + std::to_string(wanted->tv_nsec) + "\n";
+      return 0;
+    };
+  }
+  ~Wire() {
+    on_bind = nullptr;
+    on_sendto = nullptr;
+    on_select = nullptr;
+    on_recv = nullptr;
+    on_nanosleep = nullptr;
+  }
+};
+
+}  // namespace
+
+// One test, as the process remembers a MAC address and that it added the route for broadcasts.
+TEST_F(Interface, DHCPTellsEachStepAndEndsAtTheFirstFailureWhichCostsItsSleeps) {
+  const DHCPBuffer offer = Reply(DHCP_OFFER, {255}), nak = Reply(6, {1, 4, 255, 255, 0, 0, 255});
+  const DHCPBuffer ack = Reply(DHCP_ACK, {51, 4, 0, 1, 81, 128, 1, 4, 255, 255, 255, 0, 3, 4,   10, 0,
+                                          0,  1, 6, 4, 10, 0,   0, 2, 28,  4,   10,  0, 0, 255, 255});
+  const std::string client = "DHCP Client - ", error = "Error - Configure Network with DHCP - ",
+                    called = client + "DHCP request called for interface ";
+  const std::string route = "route add 255.255.255.255 netmask 0.0.0.0 dev dev0\n";
+  const std::string noMac = called + "absent\nError: get mac address: No such device\n" + client +
+                            "ERROR: Could not read network settings of absent\n";
+  const std::string hasMac = called + "dev0\n" + client + "HW address of dev0 is 00:1b:c4:0a:ff:05\n";
+  const std::string acked = hasMac + client + "DHCP acknowledge received: address=10.0.0.0 mask=";
+  const std::string set = client + "Configure dev0 with new network settings\nroute add default gw ";
+  const std::string applied = acked + "255.255.255.0 dns=10.0.0.2 gw=10.0.0.1 lease=86400s\n" + set +
+                              "10.0.0.1\nnameserver 10.0.0.2\nroute del default\nroute add default gw 10.0.0.1\n";
+  const std::string discover = "bind 0.0.0.0:68\nsend 281 of type 1 to 255.255.255.255:67\nwait 2 s 0\n";
+  const std::string request = discover + "send 269 of type 3 to 255.255.255.255:67\nwait 2 s 0\n",
+                    sleep = "sleep 1 s 0\n";
+  const std::tuple<const char*, int, std::vector<DHCPBuffer>, unsigned, std::string, std::string> cases[] = {
+      {"absent", 0, {}, 77, "", noMac},
+      {"absent", 2, {}, 77, sleep + sleep, noMac},
+      {"dev0",
+       2,
+       {},
+       77,
+       discover + sleep + sleep,
+       hasMac + client + route + client + route + error + "no response on dhcp discover\n" + route},
+      {"dev0", 2, {ack}, 77, discover + sleep + sleep, hasMac},
+      {"dev0", 2, {offer}, 77, request + sleep + sleep, hasMac + error + "no response from dhcp request\n"},
+      {"dev0", 2, {offer, nak}, 77, request + sleep + sleep, acked + "0.0.0.0 dns=0.0.0.0 gw=0.0.0.0 lease=0s\n"},
+      {"dev0", 0, {}, 0, "", hasMac + set + "\nnameserver \nroute del default\nroute add default gw\n"},
+      {"dev0", 2, {offer, ack}, 86400, request, applied}};
+  const int input = dup(0);
+  for (const auto& [interface, attempts, answers, lease, log, expected] : cases) {
+    Run("ip route replace default dev dev0");  // takes the broadcasts
+    Wire wire;
+    wire.answers = {answers.begin(), answers.end()};
+    const int before = CountDescriptors();
+    unsigned leased = 77;  // stays so where nothing is applied
+    EXPECT_EQ(lease != 77, ul_ConfigureNetworkWithDHCP(interface, attempts, &leased));
+    EXPECT_EQ(lease, leased);
+    EXPECT_EQ(log, wire.log);
+    EXPECT_EQ(expected, Printed() + Changes());
+    EXPECT_EQ(attempts > 0 && expected == noMac ? -1 : 0, fcntl(0, F_GETFD));  // its descriptor before any socket
+    dup2(input, 0);
+    EXPECT_EQ(before, CountDescriptors());
+  }
+  close(input);
+  EXPECT_EQ("10.0.0.0/24 brd 10.0.0.255\n", Output("ip -4 -o address show dev dev0 | cut -d' ' -f7-9"));
+
+  // Each failure, as far as it ends the exchange. Without a socket to read the MAC address, the one read before counts.
+  const std::string link = " (Invalid cross-device link)\n", could = " 0 " + error + "could not ";
+  const std::string silent = " 0 " + error + "no response ",
+                    receive = "recv:" + could + "receive data from socket" + link;
+  const std::string closed = " 1 Error: Could not create socket for ethernet configuration\n";
+  const std::string expected =
+      "socket:" + closed + "fcntl:" + closed + "ioctl: 1 Error: get mac address: Invalid cross-device link\n" +
+      "socket:" + could + "create socket" + link + "fcntl:" + could + "create socket" + link + "setsockopt:" + could +
+      "set sock opt" + link + "setsockopt: 1" + could.substr(2) + "set sock opt" + link + "bind:" + could +
+      "bind socket" + link + "sendto:" + could + "send dhcp discover" + link + "select:" + silent +
+      "on dhcp discover\n" + receive + "sendto:" + could + "send dhcp request" + link + "select:" + silent +
+      "from dhcp request\n" + receive + "socket:" + closed + "fcntl:" + closed;
+  Wire wire;
+  const std::string found = WithEachCallFailing([&] {
+    Undisturbed([&] { return wire.answers = {offer, ack}, ul_RunCommand("ip route replace default dev dev0"); });
+    const int result = ul_ConfigureNetworkWithDHCP("dev0", 1, nullptr);
+    const std::string printed = Undisturbed([] { return Printed(); });
+    const std::size_t at = printed.find("Error"), end = printed.find('\n', at);
+    errno = EXDEV;
+    return std::to_string(result) + " " + (at == std::string::npos ? "" : printed.substr(at, end - at));
+  });
+  EXPECT_EQ(expected, found.substr(0, expected.size()));
+}

@@ -1,0 +1,185 @@
+#include "util/EthernetCfg.h"
+
+#include <net/if.h>
+#include <sys/ioctl.h>
+
+#include <random>
+#include <regex>
+#include <tuple>
+
+#include "tests/unit/Interface.h"
+#include "tests/unit/SystemCalls.h"
+
+TEST_F(Interface, AppliesMaskAddressAndBroadcastThenRouteAndResolver) {
+  const std::string unknown = "unknown interface: No such device\n", start = "192.168.77.2/24 brd 192.168.77.255\n";
+  const std::tuple<const char*, const char*, const char*, const char*, std::string, std::string> cases[] = {
+      {"dev0", "10.1.2.3", "255.255.0.0", nullptr, "10.1.2.3/16 brd 10.1.255.255\n", ""},
+      {"dev0", "10.1.2.3", "255.255.0.0", "10.1.0.255", "10.1.2.3/16 brd 10.1.0.255\n", ""},
+      {"dev0", "10.1.2.3", nullptr, "", "10.1.2.3/8 brd 255.255.255.255\n", ""},
+      {"dev0", "", "255.255.0.0", nullptr, "192.168.77.2/16 brd 0.0.255.255\n", ""},
+      {"dev0", "172.16.2.3", "0.0.0.0", "", "172.16.2.3/16 brd 255.255.255.255\n", ""},  // the mask of the class
+      {"dev0", "192.168.77.2", "0.0.0.0", "0.0.0.0", "192.168.77.2/24\n", ""},  // which the kernel does not set here
+      {"dev0", "", "0.0.0.0", "0.0.0.0", "192.168.77.2/24\n", ""},
+      {"dev0", "10.1.2.3", "255.255.0.0", "x", "10.1.2.3/16 brd 10.1.255.255\n",
+       "Error: set broadcast address: Invalid argument\n"},
+      {"dev0", "10.1.2.3", "x", nullptr, start, "Error: Could not configure subnet mask: Invalid argument\n"},
+      {"dev0", "1.2.3.x", "255.255.255.0", nullptr, start, "Error: set ip address: Invalid argument\n"},
+      {"", "10.1.2.3", "255.255.0.0", nullptr, start,
+       "Error: Network Socket not initialized!Error: : " + unknown + "Error: : " + unknown}};
+  for (const auto& [interface, ip, mask, broadcast, address, printed] : cases) {
+    Run("ip address flush dev dev0 && ip address add 192.168.77.2/24 broadcast + dev dev0 && ip link set dev0 down");
+    EthernetCfg_Final();
+    ASSERT_TRUE(EthernetCfg_Init(interface));
+    const bool done = address != start;
+    EXPECT_EQ(done, EthernetCfg_SetActSettings(ip, mask, broadcast, "192.168.77.1", "10.1.0.2"));
+    EXPECT_EQ(address, Output("ip -4 -o address show dev dev0 | cut -d' ' -f7-9 | sed 's/ scope.*//'"));
+    EXPECT_EQ(printed + (done ? "route add default gw 192.168.77.1\n" : ""), Printed());
+    EXPECT_EQ(done ? "nameserver 10.1.0.2\nroute del default\nroute add default gw 192.168.77.1\n" : "", Changes());
+    if (interface == std::string("dev0")) Run("ip link show dev0 | grep -q ,UP");  // after a failure as well
+  }
+}
+
+TEST_F(Interface, EveryFailureIsTold) {
+  char texts[5][128] = {};
+  bool valid = false;
+  const std::string link = "Invalid cross-device link\n",
+                    flags = "ioctl: 0 Error: dev0: unknown interface: " + link +
+                            "ioctl: 0 Error: Could not configure interface flag: " + link;
+  const auto told = [this](bool result) {
+    return std::to_string(result) + Undisturbed([] {
+             const std::string text = Printed();
+             return text.empty() ? "" : " " + text.substr(0, text.size() - 1);
+           });
+  };
+  EXPECT_EQ(
+      "ioctl: 0 Error: Could not configure subnet mask: " + link + "ioctl: 0 Error: set ip address: " + link +
+          "ioctl: 1\nioctl: 0 Error: Could not configure subnet mask: " + link +
+          "ioctl: 1 Error: set broadcast address: " + link + flags + flags,
+      WithEachCallFailing([&] {
+        Undisturbed([] { return ul_RunCommand("ip address flush dev dev0; ip address add 1.2.3.4/24 dev dev0"); });
+        return told(EthernetCfg_SetActSettings("10.1.2.3", "255.255.0.0", nullptr, nullptr, nullptr));
+      }));
+  EXPECT_EQ(
+      "ioctl: 0 Error: Could not configure subnet mask: Invalid argument\nError: dev0: unknown interface: " + link +
+          "ioctl: 0 Error: Could not configure subnet mask: Invalid argument\nError: SIOCSIFFLAGS - Invalid "
+          "cross-device lin\n" +
+          "ioctl: 0 Error: Could not configure subnet mask: Invalid argument\nError: dev0: unknown interface: " + link +
+          "ioctl: 0 Error: Could not configure subnet mask: Invalid argument\nError: Could not configure interface "
+          "flag: " +
+          link,
+      WithEachCallFailing([&] { return told(EthernetCfg_SetActSettings(nullptr, "x", nullptr, nullptr, nullptr)); }));
+  EXPECT_EQ("ioctl: 0 Error: get broadcast address: " + link + "ioctl: 0 Error: get mac address: " + link +
+                "ioctl: 0 Error: get ip address: " + link + "ioctl: 0 Error: get subnet mask: " + link,
+            WithEachCallFailing([&] {
+              return told(EthernetCfg_GetActSettings(texts[0], texts[1], texts[2], nullptr, nullptr, texts[4], &valid));
+            }));
+  EXPECT_EQ("socket: 0\nfcntl: 0\nioctl: 0\n",
+            WithEachCallFailing([&] { return told(EthernetCfg_AddMulticastRoute("dev0")); }));
+  EthernetCfg_Final();
+  EXPECT_EQ(
+      "socket: 0 Error: Could not create socket for ethernet configuration\nfcntl: 0 Error: Could not create socket "
+      "for ethernet configuration\n",
+      WithEachCallFailing([&] {
+        const bool result = EthernetCfg_Init("dev0");
+        if (result) EthernetCfg_Final();
+        return told(result);
+      }));
+  EXPECT_FALSE(EthernetCfg_Init(nullptr));
+}
+
+TEST_F(Interface, SettingsAreReadAndWhatCannotBeReadIsLeftAlone) {
+  char texts[5][128] = {"?", "?", "?", "?", "?"};
+  bool valid = false;
+  const auto read = [&] {
+    return EthernetCfg_GetActSettings(texts[0], texts[1], texts[2], texts[3], nullptr, texts[4], &valid);
+  };
+  const auto all = [&] {
+    std::string text;
+    for (const char* one : texts) text += one + std::string(" ");
+    return text;
+  };
+  ASSERT_EQ(0, EthernetCfg_Final());
+  ASSERT_TRUE(EthernetCfg_Init(""));
+  EXPECT_FALSE(read());
+  EXPECT_EQ("? ? ? 0.0.0.0 ? ", all()) << "the gateway: from the local table";
+  EXPECT_TRUE(valid);
+  EthernetCfg_Final();
+  EthernetCfg_Init("dev0");
+  Run("ip route add default via 192.168.77.1");
+  EXPECT_TRUE(read());
+  EXPECT_EQ("192.168.77.2 255.255.255.0 192.168.77.255 192.168.77.1 00:1b:c4:0a:ff:05 ", all());
+  Run("for i in $(seq 200); do ip route add 10.1.$i.0/24 via 192.168.77.1; done");
+  EXPECT_EQ(-1, get_gatewayip(texts[3])) << "the table is too large";
+}
+
+TEST_F(Interface, AnyTextMayLieInTheGatewayThatWasAppliedLast) {
+  const char* const remembered = DefGateway;
+  const std::string tooLong(1100, '1');
+  for (const char* gateway : {tooLong.c_str(), "10.168.77.1", remembered, remembered + 1}) {
+    const std::string text = gateway, before = DefGateway;
+    const bool isRun = text.size() < 1000;
+    EXPECT_TRUE(EthernetCfg_SetActSettings(nullptr, nullptr, nullptr, gateway, DefGateway));
+    EXPECT_EQ(text.substr(0, 1023), DefGateway);
+    EXPECT_EQ("nameserver " + before + "\nroute del default\n" + (isRun ? "route add default gw " + text + "\n" : ""),
+              Changes());
+  }
+}
+
+TEST_F(Interface, OnlyOurOwnSocketIsClosedAndLongNamesAreCut) {
+  EXPECT_EQ(0, EthernetCfg_Final());
+  const int stranger = dup(1);  // takes the number of our socket
+  EXPECT_EQ(-1, EthernetCfg_Final());
+  EXPECT_EQ(EBADF, errno);
+  EXPECT_EQ(0, close(stranger));
+  const std::string name = "fifteen_letters" + std::string(300, 'x');
+  Run("ip link set far0 name fifteen_letters");
+  EXPECT_TRUE(EthernetCfg_Init(name.c_str()));
+  EXPECT_TRUE(set_flag(name.c_str(), IFF_NOARP));
+  EXPECT_FALSE(set_flag(nullptr, IFF_NOARP));
+  Run("ip link show fifteen_letters | grep -q NOARP");
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(EthernetCfg_AddMulticastRoute("dev0")) << "there already";
+  EXPECT_EQ("224.0.0.0/3 dev dev0 scope link \n", Output("ip route show 224.0.0.0/3"));
+  EXPECT_FALSE(EthernetCfg_AddMulticastRoute(nullptr));
+  EXPECT_EQ(ENODEV, errno);
+}
+
+TEST_F(Interface, MacAddressIsFoundInTheOutputOfIfconfig) {
+  Run("cd /tmp/first && echo 'echo \"$1  HWaddr $1 \"' >ifconfig && chmod +x *");
+  char mac[128] = "?";
+  bool hasAddress = true;
+  EXPECT_FALSE(ul_GetMACAddressString("00:1B", mac, &hasAddress));
+  EXPECT_FALSE(ul_GetMACAddressString(nullptr, mac, nullptr));
+  EXPECT_STREQ("?", mac);
+  EXPECT_TRUE(ul_GetMACAddressString("00:1B:C4:0A:FF:05 inet addr", mac, &hasAddress));
+  EXPECT_TRUE(hasAddress);
+  EXPECT_TRUE(ul_GetMACAddressString("00:1B:C4:0A:FF:06;", mac, &hasAddress));
+  EXPECT_FALSE(hasAddress);
+  EXPECT_STREQ("00:1B:C4:0A:FF:06", mac);
+}
+
+TEST(MacText, IsReadAsTheRuleSays) {
+  std::mt19937 generator(20261125);
+  const std::regex rule("([0-9a-fA-F]{1,2}:){5}([0-9a-fA-F]{2}|[0-9a-fA-F](?![^ \\t\\n\\v\\f\\r]))");
+  const std::string valid[] = {"0:1b:c4:0a:ff:05", "00:1B:C4:a:ff:5 ", "99:00:aa:FF:09:af:12"},
+                    odd = "0f: gG\t\n-@`/9A\xff";
+  int isMacs = 0;
+  for (int round = 0; round < 5000; ++round) {
+    std::string text = valid[generator() % 3];
+    for (auto changes = generator() % 3; changes > 0; --changes) {
+      const std::size_t at = generator() % (text.size() + 1);
+      text.replace(at, generator() % 2, generator() % 2, odd[generator() % odd.size()]);
+    }
+    std::smatch match;
+    std::array<unsigned, 6> expected = {9, 9, 9, 9, 9, 9};
+    const bool isMac = std::regex_search(text, match, rule, std::regex_constants::match_continuous);
+    if (isMac)
+      std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%2x", &expected[0], &expected[1], &expected[2], &expected[3],
+                  &expected[4], &expected[5]);
+    isMacs += isMac ? 1 : 0;
+    unsigned char mac[6] = {9, 9, 9, 9, 9, 9};
+    EXPECT_EQ(isMac ? mac : nullptr, ConverMacAddressStringIntoByte(text.c_str(), mac)) << text;
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), mac)) << text;
+  }
+  EXPECT_GT(isMacs, 1000);
+  EXPECT_EQ(nullptr, ConverMacAddressStringIntoByte(nullptr, nullptr));
+}
