@@ -83,7 +83,7 @@ std::optional<Record> ReadRecord(std::string_view datagram) {
   for (auto& field : SplitFields(datagram)) {
     const std::string_view name = field.first;
     const auto* const key =
-        std::find_if(std::begin(keys), std::end(keys), [&](const Key& k) { return k.name == name; });
+        std::find_if(std::begin(keys), std::end(keys), [&name = name](const Key& k) { return k.name == name; });
     if (key == std::end(keys) || std::find(seen.begin(), seen.end(), name) != seen.end()) continue;
     seen.push_back(name);
     record.*key->field = std::move(field.second);
