@@ -32,7 +32,8 @@ inline void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(30))
 /// A server on a free loopback port. Its thread runs the script on one connection after the other and closes each.
 struct LoopbackPeer {
   explicit LoopbackPeer(const std::function<void(int connection)>& script) {
-    _listener.OpenPort(INADDR_LOOPBACK, 0, 8);
+    // Another program may have been given the same free port, and listen on it first.
+    for (int tries = 0; tries < 100 && !_listener.OpenPort(INADDR_LOOPBACK, 0, 8);) ++tries;
     _listener.GetPort(port);
     _thread = std::thread([this, script] {
       for (int connection = -1; !_ends; CTCP::CloseSocket(connection)) {
