@@ -58,7 +58,7 @@ def set_interface(interface, facts):
     ip("-4", "addr", "flush", "dev", interface)
     ip("addr", "add", str(address), "brd", "+", "dev", interface)
     if facts["GatewayAddress"] not in ("", "0.0.0.0"):
-        ip("route", "replace", "default", "via", facts["GatewayAddress"], "dev", interface)
+        ip("route", "replace", "default", "via", facts["GatewayAddress"], "dev", interface, "onlink")
 
 
 class DeviceService:

@@ -9,6 +9,8 @@ import json
 import os
 import pathlib
 import shutil
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -19,6 +21,7 @@ LAB = pathlib.Path(__file__).resolve().parent
 INTERFACE = "eth0"
 PIPE = pathlib.Path("/tmp/tsl_app/FIFO_T_C2H_AET")
 _CLONE_NEWNET = 0x40000000
+_ETH_P_ALL, _SO_RCVBUFFORCE, _SO_TIMESTAMPNS = 3, 33, 35
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
@@ -132,6 +135,32 @@ class Network:
             host.close()
         subprocess.run(["ip", "link", "del", "lan"], check=False)
         shutil.rmtree(self.folder, ignore_errors=True)
+
+
+class Wire:
+    """What passes a host's eth0 from now on, by the kernel's own clock; looked at afterwards."""
+
+    def __init__(self, host):
+        with host.inside():
+            self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(_ETH_P_ALL))
+        with contextlib.suppress(PermissionError):   # who may not gets what there is
+            self._socket.setsockopt(socket.SOL_SOCKET, _SO_RCVBUFFORCE, 512 << 20)
+        self._socket.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
+        self._socket.bind((INTERFACE, _ETH_P_ALL))
+        self._socket.setblocking(False)
+
+    def take(self):
+        """What passed since the last look: milliseconds, whether the host sent it, the frame."""
+        frames = []
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                frame, control, _, address = self._socket.recvmsg(65536, 64)
+                seconds, nanoseconds = struct.unpack("qq", control[0][2])
+                frames.append((seconds * 1e3 + nanoseconds / 1e6, address[2] == socket.PACKET_OUTGOING, frame))
+        return frames
+
+    def close(self):
+        self._socket.close()
 
 
 class Device:

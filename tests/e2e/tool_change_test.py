@@ -1,0 +1,322 @@
+"""Changing devices: what leaves the PC, what came of it, what is refused."""
+
+import json
+import pathlib
+import re
+import shlex
+import threading
+import time
+import unittest
+
+from pc import DAEMON, IDENT, Fake, Run, Terminal, ddp_query, eventually, link_local, record, sent, testnet
+
+MACS = [f"00:1b:c4:0a:12:{number:02x}" for number in range(16)]
+QUICK = ("--time", "1.2")
+
+
+def settings(address, prefix=24, gateway=None, dhcp=False):
+    return {"address": address, "prefix": prefix, "gateway": gateway, "dhcp": dhcp}
+
+
+class Change(unittest.TestCase):
+    def setUp(self):
+        self.net = testnet.Network()
+        self.addCleanup(self.net.close)
+        self.pc = self.net.host("pc", "192.168.1.3/24")
+        self.wire = testnet.Wire(self.pc)
+        self.addCleanup(self.wire.close)
+        self.devices = {}
+
+    def device(self, number, address, name=None):
+        """A real device, without a service if it has no name."""
+        facts = name and [f"DeviceName={name}", f"SerialNumber=1000{number:02d}"]
+        device = testnet.Device(self.net, f"device-{number}", address, DAEMON, facts, MACS[number])
+        self.devices[number] = device
+        return device
+
+    def fake(self, number, reply):
+        """One that `reply` drives; it answers from 192.168.1.(90 + number)."""
+        host = self.net.host(f"fake-{number}", f"192.168.1.{90 + number}/24", MACS[number])
+        fake = Fake(host, [record(MACS[number], f"Fake {number}", f"9{number}", f"192.168.1.{90 + number}")], reply)
+        self.addCleanup(fake.close)
+        self.devices[number] = fake
+        return fake
+
+    def ready(self):
+        with self.pc.inside(), ddp_query.Caller("ipv6", testnet.INTERFACE) as six, \
+                ddp_query.Caller("ipv4", testnet.INTERFACE) as four:
+            self.assertTrue(eventually(lambda: len(self.devices) == len({
+                answer for caller in (six, four) for answer, _ in caller.ask_all(IDENT, 0.4)}), 20), "not all answer")
+        self.wire.take()
+
+    def sent(self):
+        """What was sent, as (device or destination, port, fields): an end of empty fields, and over IPv6 the filter,
+        make no difference."""
+        found = []
+        for to, port, fields in sent(self.wire):
+            if to.startswith("fe80::"):
+                number, = (number for number in self.devices if link_local(MACS[number]) == to)
+                to, fields = f"device {number}", [word for at, word in enumerate(fields) if (at, word) != (1, MACS[number])]
+            while fields and not fields[-1]:
+                fields.pop()
+            found.append((to, port, *fields))
+        return found
+
+    def run_all(self, rows, pause=0.0, options=QUICK):
+        """Runs all commands side by side, begun `pause` seconds after each other: by row what came of it."""
+        runs = []
+        for words in rows:
+            runs.append(Run(self.pc, *words, *options))
+            time.sleep(pause)
+        return [run.end() for run in runs]
+
+    def records(self):
+        """By number, what a scan tells."""
+        out = Run(self.pc, "scan", "--json", *QUICK).end()[1]
+        return {MACS.index(fact["mac"]): fact for fact in map(json.loads, out.splitlines())}
+
+    def test_set_ip(self):
+        """Each row at once: what is sent, the result."""
+        self.device(1, "192.168.1.21/24", "Press 1")
+        self.device(2, "192.168.1.22/24")
+        for number in (3, 4):
+            self.device(number, "192.168.1.23/24", "Twin")
+        self.device(5, "10.20.30.40/16", "Far")
+        self.device(6, "192.168.1.26/24").host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
+        self.device(7, "192.168.1.27/24", "Stubborn").service.Behave({"fault": -17, "only": "RPCConf.SetNetwork"})
+        self.device(8, "192.168.1.28/24", "Settled")
+        self.fake(9, lambda datagram: None)
+        self.fake(10, lambda datagram: b"NACK\n")
+        self.fake(11, lambda datagram: b"ACK\n")
+        leaving = self.fake(12, lambda datagram: leaving.records.clear() or b"ACK\n")
+        self.ready()
+
+        def six(number, *fields):
+            return (f"device {number}", 5564, "SETIPADDRESS!", *fields)
+        mask = "255.255.255.0"
+        rows = (
+            (("Fake 9", "192.168.1.39/24"), 1, "unchanged", 2 * [six(9, "192.168.1.39", mask)], settings("192.168.1.99"),
+             settings("192.168.1.99")),
+            (("Press 1", "192.168.1.31/24", "--gateway", "192.168.1.1", "--dns", "9.9.9.9"), 0, "done",
+             [six(1, "192.168.1.31", mask, "192.168.1.1", "9.9.9.9")], settings("192.168.1.21"),
+             settings("192.168.1.31", gateway="192.168.1.1")),
+            (("1202", "192.168.1.32/25"), 0, "done", [six(2, "192.168.1.32", "255.255.255.128")],
+             settings("192.168.1.22", dhcp=None), settings("192.168.1.32", 25, dhcp=None)),
+            (("00-1B-C4-0A-12-03", "192.168.1.33/24"), 0, "done", [six(3, "192.168.1.33", mask)], settings("192.168.1.23"),
+             settings("192.168.1.33")),
+            (("100005", "192.168.1.35/24", "--gateway", "10.0.0.1", "--force"), 0, "done",
+             [six(5, "192.168.1.35", mask, "10.0.0.1")], settings("10.20.30.40", 16),
+             settings("192.168.1.35", gateway="10.0.0.1")),
+            (("192.168.1.26", "192.168.1.36/24"), 0, "done",
+             [("192.168.1.26", 5562, "SETIPADDRESS!", MACS[6], "192.168.1.36", mask)], settings("192.168.1.26", dhcp=None),
+             settings("192.168.1.36", dhcp=None)),
+            (("Stubborn", "192.168.1.37/24"), 1, "different", [six(7, "192.168.1.37", mask)], settings("192.168.1.27"),
+             settings("192.168.1.27")),
+            (("Settled", "192.168.1.28/24"), 0, "done", [], settings("192.168.1.28"), settings("192.168.1.28")),
+            ((link_local(MACS[4]) + "%eth0", "192.168.1.34/24", "--dry-run"), 0, "planned", [], settings("192.168.1.23"),
+             settings("192.168.1.34")),
+            (("910", "192.168.1.40/24"), 1, "refused", [six(10, "192.168.1.40", mask)], settings("192.168.1.100"),
+             settings("192.168.1.100")),
+            (("911", "192.168.1.41/24"), 1, "unchanged", [six(11, "192.168.1.41", mask)], settings("192.168.1.101"),
+             settings("192.168.1.101")),
+            (("912", "192.168.1.42/24"), 1, "gone", [six(12, "192.168.1.42", mask)], settings("192.168.1.102"), None))
+        ended = self.run_all([("set-ip", *words, "--json") for words, *_ in rows], 0.3, ())
+        self.assertEqual(sorted(self.sent()), sorted(one for row in rows for one in row[3]))
+        for (words, status, result, _, before, after), (got, out, err) in zip(rows, ended):
+            with self.subTest(words):
+                number = next(number for number, mac in enumerate(MACS) if mac in out)
+                self.assertEqual((json.loads(out), got), ({"mac": MACS[number], "result": result, "before": before,
+                                                           "after": after}, status), err)
+        self.assertIn("10.0.0.1", ended[4][2])
+        self.assertEqual(self.records()[4]["address"], "192.168.1.23")
+
+        # The command that takes it back does so.
+        undo = re.search(r"tarnddp (set-ip .*)", ended[1][2])[1]
+        self.assertEqual(Run(self.pc, *shlex.split(undo), *QUICK).end()[0], 0)
+        facts = self.records()[1]
+        self.assertEqual({key: facts[key] for key in settings("")}, settings("192.168.1.21"))
+
+    def test_refusals(self):
+        """Nothing leaves the PC but requests for records."""
+        self.device(1, "192.168.1.21/24", "Press 1")
+        self.device(2, "192.168.1.22/24")
+        for number in (3, 4):
+            self.device(number, "192.168.1.23/24", "Twin")
+        self.device(6, "192.168.1.26/24", "Old").host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
+        self.ready()
+        folder = pathlib.Path(self.net.folder)
+        heading = "mac,serial,name,address,prefix,gateway,dns,dhcp\n"
+        good = f"{MACS[1]},,,192.168.1.41,24,,,off\n"
+        plans = {"good": good, "no-mac": good + ",,,192.168.1.42,24,,,off\n", "mac-twice": good + good,
+                 "address-twice": good + f"{MACS[2]},,,192.168.1.41,24,,,off\n",
+                 "taken": good + f"{MACS[2]},,,192.168.1.23,24,,,\n", "mask": good + f"{MACS[2]},,,192.168.1.42,31,,,\n",
+                 "gateway": good + f"{MACS[2]},,,192.168.1.42,24,10.0.0.1,,\n", "dhcp": good + f"{MACS[2]},,,,,,,maybe\n",
+                 "name": good + f"{MACS[2]},,,host.example,24,,,\n", "columns": good + f"{MACS[2]},,,192.168.1.42,24,,,off,more\n",
+                 "quote": good + f"{MACS[2]},,\"x,192.168.1.42,24,,,off\n"}
+        for name, plan in plans.items():
+            (folder / name).write_text(heading + plan, encoding="utf-8")
+        rows = [*((("set-ip", "Press 1", address), 2) for address in (
+            "192.168.1.41", "192.168.1.41/0", "192.168.1.41/31", "192.168.1.41/33", "192.168.1.041/24", "192.168.1.300/24",
+            "192.168.1/24", "host.example/24", "192.168.1.0/24", "192.168.1.255/24", "127.0.0.5/8", "224.0.0.5/8",
+            "192.168.1.3/24", "192.168.1.41/24x", "0x7f000001/8", "192.168.1.22/24", "192.168.1.41/255.255.255.0", "/24")),
+            (("set-ip", "Press 1", "192.168.1.41/24", "--gateway", "192.168.1.41", "--force"), 2),
+            (("set-ip", "Press 1", "192.168.1.41/24", "--gateway", "10.0.0.1"), 2),
+            (("set-ip", "Press 1", "192.168.1.41/24", "--dns", "dns.example"), 2),
+            (("set-ip", "nobody", "192.168.1.41/24"), 1), (("set-ip", "Twin", "192.168.1.41/24"), 1),
+            (("set-ip", "192.168.1.23", "192.168.1.41/24"), 1), (("set-ip", "000000", "192.168.1.41/24"), 1),
+            (("set-ip", "APPTERM", "192.168.1.41/24"), 1), (("set-ip", "001bc40a12", "192.168.1.41/24"), 1),
+            (("set-ip", "Press 1", "192.168.1.41/24", "--interface", "eth7"), 3),
+            (("dhcp", "Press 1", "maybe"), 2), (("dhcp", "192.168.1.22", "off"), 1), (("dhcp", "Twin", "on"), 1),
+            (("halt", "Press 1"), 2), (("halt", "Twin", "--yes"), 1), (("trace", "Twin"), 1), (("frobnicate",), 2),
+            *((("send", "Press 1", *words), 2) for words in (
+                ("DEVICEREBOOT!",), ("setDHCPmode!", "1"), ("systrace!", "x"), ("DEVICEIDENT?",), ("deviceidentext?",),
+                ("ExecuteCommand!", "ls"), ("DEVICEDISABLEIDENT!",), ("deviceenableident!",), ("SETIPADDRESS!", "1"),
+                ("A\tB",), ("A\nB",), ("A", "b\rc"), ("A", MACS[2]), ("A", "00-1b-c4-0a-12-02"), ("A", "001bc40a1202"),
+                ("A", "x" * 1020), ("",))),
+            (("send", "Old", "WORD"), 1), (("apply", f"{folder}/absent", "--yes"), 2), (("apply", f"{folder}/good"), 2),
+            *((("apply", f"{folder}/{name}", "--yes"), 2) for name in plans if name != "good")]
+        ended = self.run_all([words for words, _ in rows])
+        sent_all = self.sent()
+        for (words, status), (got, out, err) in zip(rows, ended):
+            with self.subTest(words):
+                self.assertEqual(got, status, err)
+                self.assertNotEqual(err, "")
+                if words[-1] != f"{folder}/good":   # of this one the plan is shown
+                    self.assertEqual(out, "")
+                if "Twin" in words:
+                    self.assertIn(MACS[3], err)
+                    self.assertIn(MACS[4], err)
+                if words[0] == "apply" and "--yes" in words and "absent" not in words[1]:
+                    self.assertRegex(err, r"\b3\b")
+                if words == ("dhcp", "192.168.1.22", "off"):
+                    self.assertIn("set-ip", err)
+        self.assertEqual(sent_all, [])
+
+    def test_dhcp(self):
+        self.device(1, "192.168.1.21/24", "Press 1")
+        self.device(2, "192.168.1.22/24")
+        testnet.start_dnsmasq(self.net.host("server", "192.168.1.4/24"), self.net.folder, "192.168.1.150", "192.168.1.150")
+        self.ready()
+        for words, number, before, after in (
+                (("Press 1", "on"), 1, settings("192.168.1.21"), settings("192.168.1.21", dhcp=True)),
+                (("1202", "on"), 2, settings("192.168.1.22", dhcp=None),
+                 settings("192.168.1.150", gateway="192.168.1.4", dhcp=None)),
+                (("Press 1", "off"), 1, settings("192.168.1.21", dhcp=True), settings("192.168.1.21"))):
+            with self.subTest(words):
+                status, out, err = Run(self.pc, "dhcp", *words, "--json", *QUICK).end()
+                self.assertEqual((json.loads(out), status), ({"mac": MACS[number], "result": "done", "before": before,
+                                                              "after": after}, 0), err)
+                self.assertEqual(self.sent(), [(f"device {number}", 5564, "SETDHCPMODE!", str(int(words[1] == "on")))])
+
+    def test_apply(self):
+        for number, name in ((1, "Press 1"), (2, 'quo"te, \x1b[2J'), (3, "Third")):
+            self.device(number, f"192.168.1.{20 + number}/24", name)
+        self.ready()
+        csv = Run(self.pc, "scan", "--csv", *QUICK).end()[1]
+        plan = pathlib.Path(self.net.folder, "plan.csv")
+        plan.write_text("\ufeff" + csv, encoding="utf-8")
+        self.assertEqual(Run(self.pc, "apply", str(plan), *QUICK).end()[0], 0)   # nothing to do needs no answer
+        self.assertEqual(self.sent(), [])
+        # Two change places, one by one or not; and one that is not there.
+        plan.write_text(csv.replace(".21,", ".X,").replace(".22,", ".21,").replace(".X,", ".22,") +
+                        f"{MACS[9]},,Ghost,192.168.1.29,24,,,off\r\n", encoding="utf-8", newline="")
+        answers = {b"n\n": 1, b"\x04": 1, b"\x03": 130}
+        terminals = [Terminal(self.pc, "apply", str(plan), *QUICK, columns=120) for _ in answers]
+        for terminal, (answer, wanted) in zip(terminals, answers.items()):
+            terminal.wait_for("[y/N]")
+            terminal.type(answer)
+            status, lines = terminal.end()
+            self.assertEqual(status, wanted, lines)
+            self.assertTrue(any(MACS[9] in line or "Ghost" in line for line in lines), lines)
+        self.assertEqual(self.sent(), [])
+        terminal = Terminal(self.pc, "apply", str(plan), *QUICK, columns=120)
+        terminal.wait_for("[y/N]")
+        terminal.type(b"y\n")
+        status, lines = terminal.end()
+        self.assertEqual(status, 1, lines)   # the one that is not there
+        self.assertEqual({number: facts["address"] for number, facts in self.records().items()},
+                         {1: "192.168.1.22", 2: "192.168.1.21", 3: "192.168.1.23"}, lines)
+        self.assertEqual([one[:4] for one in sorted(self.sent())], [
+            ("device 1", 5564, "SETIPADDRESS!", "192.168.1.22"), ("device 2", 5564, "SETIPADDRESS!", "192.168.1.21")])
+        self.assertEqual(Run(self.pc, "apply", str(plan), "--yes", *QUICK).end()[0], 1)
+        self.assertEqual(self.sent(), [])
+
+    def test_trace(self):
+        """Lines as they come, no reply among them; back after another took the route; off at the end."""
+        device = self.device(1, "192.168.1.21/24", "Press 1")
+        self.ready()
+        over = threading.Event()
+
+        def tell():
+            number = 0
+            while not over.wait(0.1):
+                device.trace(f"line {number} \x1b[2J\n".encode())
+                number += 1
+        program = threading.Thread(target=tell)
+        trace = Run(self.pc, "trace", "Press 1", *QUICK)
+        program.start()
+        self.addCleanup(program.join)
+        self.addCleanup(over.set)
+        first = [trace.process.stdout.readline() for _ in range(5)]
+        other = self.net.host("other", "192.168.1.5/24")
+        with other.inside(), ddp_query.Caller("ipv6", testnet.INTERFACE) as caller:
+            caller.ask(IDENT, 3)
+        stolen = [trace.process.stdout.readline() for _ in range(25)]
+        trace.interrupt()
+        status, rest, err = trace.end()
+        self.assertEqual(status, 130, err)
+        lines = [*first, *stolen, *rest.splitlines(keepends=True)]
+        for line in lines:
+            self.assertRegex(line, r"^line \d+ \\x1b\[2J\n$")
+        numbers = [int(line.split()[1]) for line in lines]
+        self.assertEqual(numbers, sorted(set(numbers)))
+        gaps = [later - earlier for earlier, later in zip(numbers, numbers[1:]) if later - earlier > 1]
+        self.assertTrue(gaps, "the other one did not take the route")
+        said = self.sent()
+        self.assertEqual({one[:3] for one in said}, {("device 1", 5564, "SYSTRACE!")})
+        self.assertRegex("".join(one[3] for one in said), "^1{2,5}0+$")
+
+    def test_halt_and_send(self):
+        first, second = self.device(1, "192.168.1.21/24", "Press 1"), self.device(2, "192.168.1.22/24", "Press 2")
+        third = self.device(3, "192.168.1.23/24", "Press 3")
+        self.ready()
+        self.assertEqual(Run(self.pc, "send", "Press 1", "CALIBRATE", "3", "a b", *QUICK).end()[0], 0)
+        self.assertEqual(self.sent(), [("device 1", 5564, "CALIBRATE", "3", "a b")])
+        calls = eventually(lambda: [call["params"] for call in first.service.Calls() if call["method"] == "RPCSys.SendSysCmd"])
+        self.assertEqual([call["Msg"] for call, in calls], ["CALIBRATE\t3\ta b\n"])   # as XML reads it
+        for answer, wanted, halted in ((b"no\n", 1, False), (b"yes\n", 0, True)):
+            terminal = Terminal(self.pc, "halt", "Press 1", *QUICK)
+            terminal.wait_for("[y/N]")
+            terminal.type(answer)
+            status, lines = terminal.end()
+            self.assertEqual((status, first.halted.exists()), (wanted, halted), lines)
+        self.assertEqual(Run(self.pc, "halt", "Press 2", "--yes", *QUICK).end()[0], 0)
+        self.assertEqual((second.halted.exists(), third.halted.exists()), (True, False))
+        self.assertEqual(self.sent(), [(f"device {number}", 5564, "DEVICEREBOOT!") for number in (1, 2)])
+
+    def test_interrupt(self):
+        """Ctrl-C while the answer to a change is awaited, and in the middle of a plan."""
+        for number in (1, 2):
+            self.fake(number, lambda datagram: None)
+        self.ready()
+        plan = pathlib.Path(self.net.folder, "plan.csv")
+        plan.write_text("mac,serial,name,address,prefix,gateway,dns,dhcp\n" + "".join(
+            f"{MACS[number]},,,192.168.1.{number + 40},24,,,\n" for number in (1, 2)), encoding="utf-8")
+        runs = [Run(self.pc, *words, *QUICK) for words in (
+            ("set-ip", "Fake 1", "192.168.1.51/24"), ("dhcp", "Fake 1", "on"), ("halt", "Fake 1", "--yes"),
+            ("apply", str(plan), "--yes"))]
+        terminal = Terminal(self.pc, "apply", str(plan), "--yes", *QUICK)
+        terminal.wait_for("1 of 2")
+        words = set()
+        self.assertTrue(eventually(lambda: words.update(one[2] for one in self.sent()) or len(words) == 3, 20), words)
+        time.sleep(0.5)
+        for run in runs:
+            run.interrupt()
+        terminal.type(b"\x03")
+        self.assertEqual([run.process.wait(20) for run in (*runs, terminal)], [130] * 5)
+        terminal.end()
+        self.assertNotIn("device 2", {one[0] for one in self.sent()})
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,326 @@
+"""Finding devices, as a person and a script do it."""
+
+import csv
+import io
+import ipaddress
+import json
+import re
+import subprocess
+import time
+import unittest
+
+from pc import DAEMON, IDENT, Fake, Run, Terminal, ddp_query, eventually, link_local, record, sent, testnet
+
+MACS = [f"00:1b:c4:0a:12:{number:02x}" for number in range(8)]
+HEADINGS = ["NAME", "SERIAL", "MAC", "ADDRESS", "DHCP", "SERVICE"]
+
+
+class Found(unittest.TestCase):
+    """A network of real devices, and PCs whose routes differ."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.net = testnet.Network()
+        cls.addClassCleanup(cls.net.close)
+
+        def device(number, address, name, serial):
+            facts = name and [f"DeviceName={name}", f"SerialNumber={serial}"]
+            return testnet.Device(cls.net, f"device-{number}", address, DAEMON, facts, MACS[number])
+        cls.press = device(1, "192.168.1.21/24", "Press 1", "100001")
+        cls.plain = device(2, "192.168.1.22/24", None, None)
+        cls.twins = [device(number, "192.168.1.23/24", "Twin", f"10000{number}") for number in (3, 4)]
+        cls.far = device(5, "10.20.30.40/16", "Far", "100005")
+        cls.devices = [cls.press, cls.plain, *cls.twins, cls.far]
+        # Three PCs: no way back to other subnets, and the kernel drops what has none; the same, but it takes all; with
+        # a default route.
+        cls.pc, cls.open_pc, cls.routed_pc = (cls.net.host(name, f"192.168.1.{number}/24") for number, name in enumerate(
+            ("pc", "pc-open", "pc-routed"), 3))
+        for pc, strict in ((cls.pc, 1), (cls.open_pc, 0), (cls.routed_pc, 1)):
+            pc.run("sh", "-c", f"for i in all {testnet.INTERFACE}; do echo {strict} >/proc/sys/net/ipv4/conf/$i/rp_filter; done")
+        cls.routed_pc.run("ip", "route", "add", "default", "via", "192.168.1.1")
+        with cls.open_pc.inside(), ddp_query.Caller("ipv4", testnet.INTERFACE) as caller:
+            assert eventually(lambda: len(caller.ask_all(IDENT, 0.5)) == len(cls.devices), 20), "not all devices answer"
+
+    def model(self, hears_far=False):
+        """By MAC: what --json has to tell, and what each problem has to name."""
+        found = {}
+        for device in self.devices:
+            number = MACS.index(device.mac)
+            address = ipaddress.ip_interface({5: "10.20.30.40/16"}.get(number, f"192.168.1.{20 + min(number, 3)}/24"))
+            service = device is not self.plain
+            ways = {"ipv6": f"{link_local(device.mac)}%eth0", "ipv4": str(address.ip), "broadcast": str(address.ip)}
+            if device is self.far:
+                del ways["broadcast"]   # it has no way back to the PC
+                if not hears_far:
+                    del ways["ipv4"]
+            problems = [MACS[7 - number]] if device in self.twins else []
+            if device is self.far and not hears_far:
+                problems = ["ip route add 10.20.0.0/16 dev eth0"]
+            found[device.mac] = ({
+                "mac": device.mac, "serial": f"10000{number}" if service else None,
+                "name": {1: "Press 1", 3: "Twin", 4: "Twin", 5: "Far"}.get(number),
+                **{key: value if service else None for key, value in (
+                    ("type", "Tessel XT"), ("model", "XT175012#"), ("firmware", "4.2.1"))},
+                "address": str(address.ip), "prefix": address.network.prefixlen, "gateway": None,
+                "dhcp": False if service else None, "service": service,
+                "answers": sorted(({"interface": "eth0", "way": way, "from": sender} for way, sender in ways.items()),
+                                  key=str)}, problems)
+        return found
+
+    def check_json(self, lines, expected):
+        got = {}
+        for line in lines.splitlines():
+            found = json.loads(line)
+            problems = found.pop("problems")
+            found["answers"].sort(key=str)
+            wanted, wanted_problems = expected.get(found["mac"], (None, []))
+            self.assertEqual(found, wanted)
+            self.assertEqual(len(problems), len(wanted_problems), problems)
+            for problem, part in zip(problems, wanted_problems):
+                self.assertIn(part, problem)
+            got[found["mac"]] = found
+        self.assertEqual(len(got), len(lines.splitlines()))
+        self.assertEqual(sorted(got), sorted(expected))
+
+    def test_forms(self):
+        """What a scan prints into a pipe, and its exit status."""
+        wire = testnet.Wire(self.pc)
+        runs = {words: Run(self.pc, *words.split()) for words in (
+            "", "scan", "scan --json", "scan --csv", "scan --json --expect 5", "scan --expect 6 --json",
+            "scan --json --interface eth0", "scan --interface eth9", "scan --interface lo", "scan --interface eth0 --interface eth9")}
+        done = {words: run.end() for words, run in runs.items()}
+        self.assertEqual(sent(wire), [])
+        wire.close()
+        self.assertEqual({words: status for words, (status, _, _) in done.items()},
+                         {**dict.fromkeys(runs, 0), "scan --expect 6 --json": 1, "scan --interface eth9": 3,
+                          "scan --interface lo": 3, "scan --interface eth0 --interface eth9": 3})
+        for words in ("scan --json", "scan --json --expect 5", "scan --expect 6 --json", "scan --json --interface eth0"):
+            with self.subTest(words):
+                self.check_json(done[words][1], self.model())
+        for words in ("scan --interface eth9", "scan --interface lo"):
+            self.assertEqual(done[words][1], "")
+            self.assertIn(words.split()[-1], done[words][2])
+        self.assertEqual(done[""][1], done["scan"][1])
+        self.assertIn("ip route add 10.20.0.0/16 dev eth0", done["scan"][2])
+
+        rows = list(csv.reader(io.StringIO(done["scan --csv"][1], newline="")))
+        self.assertEqual(rows[0], "mac,serial,name,address,prefix,gateway,dns,dhcp".split(","))
+        plan = [[mac, facts["serial"] or "", facts["name"] or "", facts["address"], str(facts["prefix"]), "", "",
+                 "off" if facts["service"] else ""] for mac, (facts, _) in self.model().items()]
+        self.assertEqual(sorted(rows[1:]), sorted(plan))
+
+        heading, *lines = done["scan"][1].splitlines()
+        self.assertEqual(heading.split()[:6], HEADINGS)
+        cells = sorted((re.split(r"\s{2,}", line.strip()) for line in lines), key=lambda row: MACS.index(
+            next(cell for cell in row if cell in MACS)))
+        self.assertEqual([row[:6] for row in cells if MACS[2] not in row], [
+            [facts["name"], facts["serial"], mac, f"{facts['address']}/{facts['prefix']}", "off", "yes"]
+            for mac, (facts, _) in self.model().items() if facts["service"]])
+        away, = (line for line in lines if MACS[2] in line)
+        self.assertIn("192.168.1.22/24", away)
+        self.assertNotRegex(away, r"APPTERM|000000|\?\?\?")
+
+    def test_routes_of_the_pc(self):
+        """A default route makes no difference to what is heard, but a reverse path does; the advice helps."""
+        runs = [Run(pc, "scan", "--json") for pc in (self.open_pc, self.routed_pc)]
+        advice = re.search(r"ip route add \S+ dev \S+", Run(self.pc, "scan").end()[2])[0]
+        for run in runs:
+            status, out, _ = run.end()
+            self.assertEqual(status, 0)
+            facts = {fact["mac"]: fact for fact in map(json.loads, out.splitlines())}
+            self.assertEqual(sorted(facts), MACS[1:6])
+            self.assertEqual({answer["way"] for answer in facts[self.far.mac]["answers"]}, {"ipv6", "ipv4"})
+        self.pc.run(*advice.split())
+        self.addCleanup(self.pc.run, *advice.replace("add", "del").split())
+        far, = (json.loads(line) for line in Run(self.pc, "scan", "--json").end()[1].splitlines() if self.far.mac in line)
+        self.assertEqual(({answer["way"] for answer in far["answers"]}, far["problems"]), ({"ipv6", "ipv4"}, []))
+
+    def test_terminal(self):
+        """The table fits, and nothing of how it grew stays behind."""
+        terminals = {columns: Terminal(self.pc, columns=columns, rows=rows)
+                     for columns, rows in ((200, 50), (80, 24), (60, 24), (20, 24))}
+        plain = Run(self.pc).end()[1].split("\n")
+        for columns, terminal in terminals.items():
+            with self.subTest(columns=columns):
+                status, lines = terminal.end()
+                self.assertEqual(status, 0)
+                heading, = (at for at, line in enumerate(lines) if line.lstrip().startswith("NAME"))
+                table = lines[heading:heading + 6]
+                if columns == 200:
+                    self.assertEqual([line.split() for line in table], [line.split() for line in plain[:6]])
+                if columns >= 80:
+                    self.assertEqual(table[0].split()[:6], HEADINGS)
+                    self.assertEqual([sum(mac in line for line in lines[:heading + 6]) for mac in MACS[1:6]], [1] * 5)
+                self.assertLessEqual(max(map(len, table)), columns)
+                self.assertFalse(any("scan" in line and "heard" in line for line in lines[heading + 6:]), lines)
+
+    def test_watch(self):
+        """What comes, changes and goes: as lines, as JSON, and as a table in place."""
+        text, objects = Run(self.pc, "scan", "--watch"), Run(self.pc, "scan", "--json", "--watch")
+        terminal = Terminal(self.pc, "--watch", columns=120)
+        terminal.wait_for("100005")
+        # Two go, so that only one of them has been heard changed before.
+        self.press.service.Set({"DeviceName": "Renamed"})
+        terminal.wait_for("Renamed")
+        self.assertFalse(any("Press 1" in line for line in terminal.lines()), terminal.lines())
+        port = f"p-{self.plain.host.name}"
+        subprocess.run(["ip", "link", "set", port, "down"], check=True)
+        self.addCleanup(subprocess.run, ["ip", "link", "set", port, "up"], check=True)
+        self.assertTrue(eventually(lambda: not any(MACS[2] in line for line in terminal.lines()), 30), terminal.lines())
+        terminal.type(b"\x03")
+        status, lines = terminal.end()
+        self.assertEqual(status, 130)
+        heading, = (at for at, line in enumerate(lines) if line.startswith("NAME"))
+        table = lines[heading:heading + 5]
+        self.assertEqual([sum(mac in line for line in table) for mac in MACS[1:6]], [1, 0, 1, 1, 1], lines)
+        time.sleep(1)
+        for run in (text, objects):
+            run.interrupt()
+        self.press.service.Reset()
+        expected = sorted([*(("came", mac) for mac in MACS[1:6]), ("changed", MACS[1]), ("went", MACS[2])])
+        status, out, _ = objects.end()
+        events = [json.loads(line) for line in out.splitlines()]
+        self.assertEqual(status, 130)
+        self.assertEqual(sorted((event["event"], event["mac"]) for event in events), expected)
+        for event in events:
+            self.assertRegex(event["time"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d+)?(Z|[+-]\d\d:\d\d)$")
+        status, out, _ = text.end()
+        self.assertEqual(status, 130)
+        self.assertEqual(len(out.splitlines()), len(expected), out)
+        for line in out.splitlines():
+            self.assertRegex(line, r"^\d\d:\d\d:\d\d\b.*\b(came|changed|went)\b")
+
+
+class Hostile(unittest.TestCase):
+    """Answers that no device gives, readers that do not read, and Ctrl-C."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.net = testnet.Network()
+        cls.addClassCleanup(cls.net.close)
+        cls.liar = cls.net.host("liar", "192.168.1.99/24")
+        cls.pc = cls.net.host("pc", "192.168.1.3/24")
+
+    def fake(self, records):
+        fake = Fake(self.liar, records)
+        self.addCleanup(fake.close)
+
+    def scan(self, *words):
+        status, out, err = Run(self.pc, "scan", "--time", "1.2", *words).end()
+        self.assertEqual(status, 0, err)
+        for text in (out, err):
+            self.assertNotRegex(text, r"[^\n -~\u00a0-\u061b\u061d-\u200d\u2010-\u2027\u202f-\u2065\u206a-\U0010ffff]")
+        return out, err
+
+    def test_text(self):
+        """A name as it was sent, as JSON tells it, as the table shows it."""
+        rows = ((b"plain", "plain", "plain"), ("Pr\u00fcfstand".encode(), "Pr\u00fcfstand", "Pr\u00fcfstand"),
+                (b"Pr\xfcfstand", "Pr\u00fcfstand", "Pr\u00fcfstand"), (b"", "", None),
+                (b"\x1b[2J\x1b]0;x\x07", "\x1b[2J\x1b]0;x\x07", r"\x1b[2J\x1b]0;x\x07"),
+                (b"\x9b31mred", "\x9b31mred", r"\xc2\x9b31mred"), ("\u009b1m".encode(), "\u009b1m", r"\xc2\x9b1m"),
+                (b"a\xff\x01", "a\u00ff\x01", "a\u00ff\\x01"), ("\u202egnp.exe".encode(), "\u202egnp.exe", r"\xe2\x80\xaegnp.exe"),
+                ("a\u2028b\u2066".encode(), "a\u2028b\u2066", r"a\xe2\x80\xa8b\xe2\x81\xa6"), (b"\x7f\x08", "\x7f\x08", r"\x7f\x08"),
+                (b"\xed\xa0\x80", "\u00ed\u00a0\u0080", "\u00ed\u00a0\\xc2\\x80"), (b"\xc0\xaf", "\u00c0\u00af", "\u00c0\u00af"),
+                (b'quo"te, comma', 'quo"te, comma', 'quo"te, comma'), (b"x" * 900, "x" * 900, "x" * 900),
+                ("\u65e5\u672c".encode(), "\u65e5\u672c", "\u65e5\u672c"))
+        macs = [f"02:00:00:00:00:{number:02x}" for number in range(1, len(rows) + 1)]
+        self.fake([record(mac, name) for mac, (name, _, _) in zip(macs, rows)])
+        told = {fact["mac"]: fact["name"] for fact in map(json.loads, self.scan("--json")[0].splitlines())}
+        self.assertEqual(told, dict(zip(macs, (name for _, name, _ in rows))))
+        table = {re.search(r"(02:00:\S+)", line)[1]: line for line in self.scan()[0].splitlines()[1:]}
+        for mac, (_, _, shown) in zip(macs, rows):
+            with self.subTest(shown):
+                if shown is not None:
+                    self.assertEqual(re.split(r"\s{2,}", table[mac].strip())[0], shown)
+        cells = {row["mac"]: row["name"] for row in csv.DictReader(io.StringIO(self.scan("--csv")[0], newline=""))}
+        self.assertEqual(cells, {mac: shown or "" for mac, (_, _, shown) in zip(macs, rows)})
+
+    def test_records(self):
+        """Fields that lie, and datagrams that are no records."""
+        mac = "02:00:00:00:01:"
+        odd = [(mac + "01", {"mask": "255.0.255.0"}, {"prefix": None}),
+               (mac + "02", {"mask": "255.255.255.252", "GWA": "192.168.1.1"}, {"prefix": 30, "gateway": "192.168.1.1"}),
+               (mac + "03", {"GWA": "", "ASK": "true"}, {"gateway": None, "dhcp": True}),
+               ("02-00-00-00-01-04", {}, {"mac": mac + "04"}), ("02000000010A", {}, {"mac": mac + "0a"}),
+               (mac + "06", {"serial": ""}, {"serial": ""}), (mac + "07", {"address": "no address"}, {"address": "no address"})]
+        rubbish = [b"", b"ACK\n", b"NACK\n", b"SID", b"\0" * 1400, b"\xff" * 60000, b"SID:0\t\t\t:\r\n" * 100, b"DEVICEIDENT?\r\n"]
+        self.fake([*rubbish, *(record(sent_mac, **fields) for sent_mac, fields, _ in odd)])
+        found = {fact["mac"]: fact for fact in map(json.loads, self.scan("--json")[0].splitlines())}
+        for sent_mac, fields, expected in odd:
+            with self.subTest(sent_mac, fields=fields):
+                facts = found[expected.get("mac", sent_mac)]
+                self.assertEqual({key: facts[key] for key in expected}, expected)
+                self.assertEqual(len(facts["answers"]), 3)
+                self.assertTrue(any("192.168.1.99" in problem for problem in facts["problems"]), facts)
+
+    def test_merging(self):
+        """How many devices some records are."""
+        mac = "02:00:00:00:02:0"
+        self.fake([record(mac + "1"), record("02-00-00-00-02-01"), record(mac + "2"), record(mac + "2", serial="2"),
+                   record(mac + "3"), record("00:00:00:00:00:00"), record(""), record("rubbish")])
+        found = [fact["mac"] for fact in map(json.loads, self.scan("--json")[0].splitlines())]
+        self.assertEqual([found.count(mac + digit) for digit in "123"], [1, 2, 1])
+        # Without a MAC it is by where it answers from, which the two ways over IPv4 may share.
+        self.assertIn(found.count(None), (1, 2))
+
+    def crowd(self):
+        macs = [f"02:00:00:00:03:{number:02x}" for number in range(100)]
+        self.fake([record(mac, "x" * 700) for mac in macs])
+        return macs
+
+    def test_slow_reader(self):
+        """A terminal and a pipe that stand still for a while get all the same, whole."""
+        macs = self.crowd()
+        terminal = Terminal(self.pc, "--expect", "100", columns=100, rows=40, read=False)
+        script = Run(self.pc, "scan", "--json", "--watch", bufsize=0, pipesize=4096)
+        time.sleep(3)
+        terminal.read()
+        status, lines = terminal.end()
+        self.assertEqual(status, 0)
+        self.assertEqual({mac: sum(mac in line for line in lines) > 0 for mac in macs}, dict.fromkeys(macs, True))
+        came = [json.loads(script.process.stdout.readline()) for _ in macs]
+        self.assertEqual(sorted((event["event"], event["mac"]) for event in came), [("came", mac) for mac in macs])
+        script.interrupt()
+        self.assertEqual(script.end()[0], 130)
+
+    def test_closed_pipe(self):
+        """A reader that goes away ends it, without a word."""
+        self.crowd()
+        rows = (), ("--json",), ("--csv",), ("--watch",), ("--watch", "--json")
+        runs = [Run(self.pc, "scan", *words) for words in rows]
+        for words, run in zip(rows, runs):
+            if "--watch" in words:
+                run.process.stdout.readline()
+            run.process.stdout.close()
+        for words, run in zip(rows, runs):
+            with self.subTest(words):
+                status, _, err = run.end()
+                self.assertNotEqual(status, 0)
+                self.assertNotRegex(err, "(?i)pipe|output")
+
+    def test_interrupt(self):
+        """Ctrl-C while it listens, while nobody reads, while it watches."""
+        self.crowd()
+        scan, watch = Run(self.pc, "scan", "--time", "50"), Run(self.pc, "--watch")
+        stuck = Run(self.pc, "scan", "--json", "--watch", pipesize=4096)
+        terminal = Terminal(self.pc, "scan", "--time", "50", columns=100, rows=40)
+        terminal.wait_for("02:00:00:00:03:")
+        watch.process.stdout.readline()
+        time.sleep(1)
+        terminal.type(b"\x03")
+        for run in (scan, watch, stuck):
+            run.interrupt()
+        self.assertEqual([run.process.wait(20) for run in (terminal, scan, watch, stuck)], [130] * 4)
+        terminal.end()
+
+    def test_nobody(self):
+        status, out, err = Run(self.pc, "scan", "--time", "1").end()
+        self.assertEqual((status, out), (1, ""))
+        for port in ("5562", "5563", "5564"):
+            self.assertIn(port, err)
+        self.assertIn("firewall", err)
+        self.assertEqual(Run(self.pc, "scan", "--json", "--time", "1").end()[:2], (1, ""))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
