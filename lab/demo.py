@@ -1,132 +1,103 @@
-"""Shows tarnddpd at work on a device host, asked from a PC host of a private network. Started by scripts/demo."""
+"""A network of devices and a PC, and what the person at the PC does with tarnddp. Started by scripts/demo."""
 
+import json
 import os
-import pathlib
+import signal
 import subprocess
 import sys
+import threading
 
 import testnet
-
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "e2e"))
-import ddp_query  # noqa: E402
-
-WAY_NAMES = {"broadcast": "broadcast", "ipv4": "IPv4 multicast", "ipv6": "IPv6 multicast"}
-FIFO = "/tmp/tsl_app/FIFO_T_C2H_AET"
 
 
 class Surprise(RuntimeError):
     """Something came out otherwise than the demo tells."""
 
 
-def title(text):
-    print(f"\n== {text}", flush=True)
-
-
-def show(*lines):
-    print(*(f"   {line}" for line in lines), sep="\n", flush=True)
-
-
 class Demo:
-    def __init__(self, net, daemon):
+    def __init__(self, net, daemon, tool):
         self.net = net
-        self.device = net.host("device", "192.168.1.2/24")
+        self.tool = tool
         self.pc = net.host("pc", "192.168.1.3/24")
-        with self.pc.inside():
-            self.callers = {way: ddp_query.Caller(way, testnet.INTERFACE) for way in ddp_query.WAYS}
-        mac = self.device.interface()["address"]
-        self.service = testnet.Service(self.device, "--set", "IPAddress=192.168.1.2", "--set", f"MACAddress={mac}")
-        self.daemon = self.device.start(daemon, "-nodaemon", stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        if not testnet.eventually(lambda: self.callers["ipv6"].ask(b"DEVICEIDENT?\r\n", 0.3)):
-            raise Surprise("the daemon does not answer")
+        self.devices = [testnet.Device(net, f"device-{number}", address, daemon, facts, f"00:1b:c4:0a:12:{number:02x}")
+                        for number, (address, facts) in enumerate((
+                            ("192.168.1.21/24", ["DeviceName=Press 1", "SerialNumber=314159"]),
+                            ("192.168.1.22/24", ["DeviceName=Press 2", "SerialNumber=314160"]),
+                            ("192.168.1.23/24", ["DeviceName=Cutter", "SerialNumber=271828", "Firmware=4.1.0"]),
+                            ("10.20.30.40/16", ["DeviceName=Oven", "SerialNumber=161803"]),
+                            ("192.168.1.25/24", None)), 1)]
 
-    def ask(self, *fields, way="ipv6"):
-        answer = self.callers[way].ask("\t".join(fields).encode() + b"\r\n", 8)
-        if answer is None:
-            raise Surprise(f"{fields[0]} was not answered")
-        return answer
+    def say(self, text):
+        print(f"\n# {text}", flush=True)
 
-    def order(self, *fields):
-        answer = self.ask(*fields)
-        show(f"{' '.join(fields)}: {ddp_query.printable(answer.rstrip())}")
-        if answer != b"ACK\n":
-            raise Surprise(f"{fields[0]} was refused")
+    def command(self, *words):
+        print("$ tarnddp", *(f'"{word}"' if " " in word else word for word in words), flush=True)
+        return self.pc.command(self.tool, *words)
 
-    def identify(self, ways, word):
-        """The record by each way: as a table the first time, then whether it is the same."""
-        records = []
-        for way in ways:
-            records.append(self.ask("DEVICEIDENT?", way=way))
-            show(f"DEVICEIDENT? by {WAY_NAMES[way]}:")
-            show(*(["  the same record"] if records[-1] in records[:-1] else
-                   [f"  {line}" for line in ddp_query.table(records[-1])]))
-        if not all(word in record for record in records):
-            raise Surprise(f"no record with {word!r}")
+    def do(self, *words):
+        if (status := subprocess.run(self.command(*words), check=False).returncode) != 0:
+            raise Surprise(f"tarnddp {words[0]} ended with {status}")
 
-    def show_interface(self):
-        show("the device now: " + " ".join(self.device.run("ip", "-4", "-br", "addr", "show", "dev", "eth0").split()),
-             "  " + (self.device.run("ip", "route", "show", "default").strip() or "no default route"),
-             "  /etc/resolf.conf: " + pathlib.Path("/etc/resolf.conf").read_text(encoding="ascii").strip())
+    def records(self):
+        """By MAC, what a scan tells now."""
+        lines = self.pc.run(self.tool, "scan", "--json", "--expect", str(len(self.devices))).splitlines()
+        return {record["mac"]: record for record in map(json.loads, lines)}
 
-    def stop_service(self):
-        self.service.stop()
-        if not testnet.eventually(lambda: b"APPTERM" in (self.callers["ipv6"].ask(b"DEVICEIDENT?\r\n", 3) or b"")):
-            raise Surprise("the stopped service is not missed")
+    def expect(self, device, **facts):
+        record = self.records().get(device.mac, {})
+        if any(record.get(name) != value for name, value in facts.items()):
+            raise Surprise(f"{facts} was expected of {record}")
+
+    def follow_trace(self, device, name):
+        """Shows the first lines of what a program on the device has to tell."""
+        over = threading.Event()
+
+        def measure():
+            tenths = 213
+            while not over.wait(0.2):
+                device.trace(f"channel 3: {tenths / 10} degrees\n".encode())
+                tenths += 1
+        program = threading.Thread(target=measure)
+        with subprocess.Popen(self.command("trace", name), stdout=subprocess.PIPE, text=True) as trace:
+            program.start()
+            heard = [trace.stdout.readline() for _ in range(3)]
+            print(*heard, sep="", end="^C\n", flush=True)
+            trace.send_signal(signal.SIGINT)
+            over.set()
+            program.join()
+        if trace.returncode != 130 or not all(line.startswith("channel 3: ") for line in heard):
+            raise Surprise(f"the trace brought {heard} and {trace.returncode}")
 
     def run(self):
-        title("the device service runs: the PC finds the device, by three ways")
-        self.identify(ddp_query.WAYS, b"OAN:Tessel XT\t")
-
-        title("settings are changed through the device service")
-        self.order("SETIPADDRESS!", "10.1.2.3", "255.255.0.0", "10.1.0.1", "10.1.0.53")
-        self.order("SETDHCPMODE!", "1")
-        facts = self.service.Facts()
-        show("the service now has: " + ", ".join(f"{name} {facts[name]}" for name in (
-            "IPAddress", "SubnetMask", "GatewayAddress", "DNSAddresses", "DHCPActive")))
-        if (facts["IPAddress"], facts["DHCPActive"]) != ("10.1.2.3", 1):
-            raise Surprise("the service did not get the settings")
-
-        title("the service is stopped: the daemon answers from what the interface itself tells")
-        self.stop_service()
-        self.identify(["broadcast"], b"LOC:APPTERM\t")
-
-        title("without the service, the interface itself is set")
-        self.order("SETIPADDRESS!", "192.168.1.20", "255.255.255.0", "192.168.1.3", "192.168.1.53")
-        self.show_interface()
-
-        title("without the service, a DHCP server of the network (dnsmasq) leases it an address")
-        server = self.net.host("server", "192.168.1.4/24")
-        testnet.start_dnsmasq(server, self.net.folder, "192.168.1.100", "192.168.1.109",
-                              "--dhcp-option=option:dns-server,192.168.1.4")
-        self.order("SETDHCPMODE!", "1")
-        self.show_interface()
-        if "192.168.1.10" not in self.device.run("ip", "-4", "addr", "show", "dev", "eth0"):
-            raise Surprise("the address is none of the server's")
-
-        title("a program on the device writes into the trace pipe, the PC listens")
-        self.order("SYSTRACE!", "1")
-        for text in (b"measuring at 1000 Hz\n", b"channel 3: overload\n"):
-            pipe = os.open(FIFO, os.O_RDWR)
-            os.write(pipe, text)
-            os.close(pipe)
-            heard, sender = self.callers["ipv6"].receive(3)
-            if heard != text:
-                raise Surprise(f"the trace brought {heard!r}")
-            show(f"from {sender}: {ddp_query.printable(heard.rstrip())}")
-        if self.daemon.poll() is not None:
-            raise Surprise("the daemon ended")
+        _, _, _, oven, last = self.devices
+        self.say("Five devices are on the network. The PC knows none of their addresses.")
+        self.do("scan", "--expect", "5")
+        if len(self.records()) != 5:
+            raise Surprise("not five devices")
+        self.say("The oven comes from another site. It gets an address of this network.")
+        self.do("set-ip", "Oven", "192.168.1.24/24", "--gateway", "192.168.1.1")
+        self.expect(oven, address="192.168.1.24", gateway="192.168.1.1")
+        self.say("The last one's service is away; its daemon sets the interface itself. A DHCP server leases it an address.")
+        testnet.start_dnsmasq(self.net.host("server", "192.168.1.4/24"), self.net.folder, "192.168.1.100", "192.168.1.100")
+        self.do("dhcp", "1205", "on")
+        self.expect(last, address="192.168.1.100", service=False)
+        self.do("scan", "--expect", "5")
+        self.say("What the cutter's programs have to tell, until Ctrl-C.")
+        self.follow_trace(self.devices[2], "Cutter")
 
 
 def main():
+    daemon, tool = map(os.path.abspath, sys.argv[1:])
     net = testnet.Network()
     try:
-        Demo(net, os.path.abspath(sys.argv[1])).run()
+        Demo(net, daemon, tool).run()
     except (RuntimeError, OSError, subprocess.CalledProcessError) as cause:
         print(f"\ndemo: failed: {cause}", file=sys.stderr)
         return 1
     finally:
         net.close()
-    print("\ndemo: done. The device was found by three ways, its settings were changed with and without its service, "
-          "and its trace was heard.")
+    print("\ndemo: done. Five devices were found, two were given other addresses, and a third one's trace was heard; "
+          "all of it in a private network.")
     return 0
 
 
