@@ -28,7 +28,7 @@ int Execute(Session& session, const Device& device, const Order& order, bool dry
     Say("nothing could be sent to " + Calling(device) + ": " + session.Sockets().SendError());
     return StatusNothingSent;
   } catch (const Interrupted&) {
-    Say("interrupted after the change was sent to " + Calling(device) + "; tarnddp scan shows what came of it");
+    Say("interrupted while " + Calling(device) + " was changed; tarnddp scan shows what came of it");
     return StatusInterrupted;
   }
 }

@@ -33,9 +33,9 @@ class Tracing {
 
   /// What has come from the device, if it is no reply.
   void Take(const Datagram& datagram) {
+    isHeard = true;
     if (repliesDue > 0 && datagram.bytes == "ACK\n") {
       --repliesDue;
-      isAcknowledged = true;
       return;
     }
     // A slow device may still be answering what was asked before.
@@ -45,7 +45,7 @@ class Tracing {
   bool IsFrom(const Datagram& datagram) const {
     return datagram.port == PortIPv6 && datagram.source.address == path.to.address;
   }
-  bool IsAcknowledged() const { return isAcknowledged; }
+  bool IsHeard() const { return isHeard; }
 
   void Stop() {
     // Twice, as nothing is awaited any more.
@@ -74,7 +74,7 @@ class Tracing {
   Network& network;
   Path path;
   int repliesDue = 0;
-  bool isAcknowledged = false;
+  bool isHeard = false;
   bool isInLine = false;
 };
 
@@ -95,7 +95,7 @@ int Trace(Network& network, Tracing& tracing, const std::string& called) {
       if (!IsOutputGood()) return StatusNotDone;
       continue;
     }
-    if (!tracing.IsAcknowledged() && Clock::now() >= start + acknowledgementTime) {
+    if (!tracing.IsHeard() && Clock::now() >= start + acknowledgementTime) {
       Say(called + " did not acknowledge in 8 s");
       return StatusNotDone;
     }
@@ -177,7 +177,7 @@ int Halt(const HaltOptions& options) {
     Say("nothing could be sent to " + Calling(*device) + ": " + session.Sockets().SendError());
     return StatusNothingSent;
   } catch (const Interrupted&) {
-    Say("interrupted after " + Calling(*device) + " was told to halt");
+    Say("interrupted while " + Calling(*device) + " was told to halt");
     return StatusInterrupted;
   }
 }

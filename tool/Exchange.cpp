@@ -32,6 +32,14 @@ bool IsReply(const Datagram& datagram, const Device& device, const std::vector<D
                       [&](const Device& other) { return other.id != device.id && IsFrom(other, from); });
 }
 
+/// What came until now is no reply to what is sent next. Not for ever, whoever floods.
+void DropWhatCame(Network& network) {
+  const Time last = Clock::now() + settleTime;
+  while (Clock::now() < last && network.Receive(Time::min())) {
+  }
+  if (WasInterrupted()) throw Interrupted();
+}
+
 std::optional<Reply> AwaitReply(Network& network, Time deadline, const std::function<bool(const Datagram&)>& matches) {
   const auto datagram = network.Await(deadline, matches);
   if (WasInterrupted()) throw Interrupted();
@@ -83,8 +91,7 @@ std::optional<Reply> Exchange(Session& session, const Device& device, const Path
                               bool resend) {
   Network& network = session.Sockets();
   const auto matches = [&](const Datagram& datagram) { return IsReply(datagram, device, session.All(), path); };
-  while (network.Receive(Clock::now())) {  // what came until now is no reply to this
-  }
+  DropWhatCame(network);
   const Time start = Clock::now();
   if (!network.Send(path.to, request)) return std::nullopt;
   if (resend) {
