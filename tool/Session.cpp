@@ -51,8 +51,8 @@ std::optional<Device> Session::Find(const std::string& wanted) const {
   }
   Say("\"" + wanted + "\" means " + DevicesText(static_cast<int>(found.size())) + "; nothing was sent:");
   for (const Device& device : found) {
-    Say("  " + Calling(device) + ", MAC " + FactsOf(device.record).mac.value_or("unknown") + ", at " +
-        WhereHeard(device));
+    const std::optional<std::string> serial = FactsOf(device.record).serial;
+    Say("  " + Calling(device) + (serial ? ", serial number " + *serial : "") + ", at " + WhereHeard(device));
   }
   return std::nullopt;
 }
