@@ -18,7 +18,6 @@ TEST_F(Interface, AppliesMaskAddressAndBroadcastThenRouteAndResolver) {
       {"dev0", "10.1.2.3", nullptr, "", "10.1.2.3/8 brd 255.255.255.255\n", ""},
       {"dev0", "", "255.255.0.0", nullptr, "192.168.77.2/16 brd 0.0.255.255\n", ""},
       {"dev0", "172.16.2.3", "0.0.0.0", "", "172.16.2.3/16 brd 255.255.255.255\n", ""},  // the mask of the class
-      {"dev0", "192.168.77.2", "0.0.0.0", "0.0.0.0", "192.168.77.2/24\n", ""},  // which the kernel does not set here
       {"dev0", "", "0.0.0.0", "0.0.0.0", "192.168.77.2/24\n", ""},
       {"dev0", "10.1.2.3", "255.255.0.0", "x", "10.1.2.3/16 brd 10.1.255.255\n",
        "Error: set broadcast address: Invalid argument\n"},
@@ -36,6 +35,15 @@ TEST_F(Interface, AppliesMaskAddressAndBroadcastThenRouteAndResolver) {
     EXPECT_EQ(printed + (done ? "route add default gw 192.168.77.1\n" : ""), Printed());
     EXPECT_EQ(done ? "nameserver 10.1.0.2\nroute del default\nroute add default gw 192.168.77.1\n" : "", Changes());
     if (interface == std::string("dev0")) Run("ip link show dev0 | grep -q ,UP");  // after a failure as well
+  }
+}
+
+TEST_F(Interface, ZeroMaskOfAnAddressThatIsThereBecomesThatOfItsClass) {
+  for (const auto& [ip, prefix] :
+       {std::pair("126.2.3.4", "8"), std::pair("128.2.3.4", "16"), std::pair("192.2.3.4", "24")}) {
+    for (const char* mask : {"255.255.255.128", "0.0.0.0"})
+      EXPECT_TRUE(EthernetCfg_SetActSettings(ip, mask, nullptr, nullptr, nullptr));
+    EXPECT_EQ(ip + ("/" + std::string(prefix)), Output("ip -4 -o address show dev dev0 | cut -d' ' -f7 | tr -d '\n'"));
   }
 }
 

@@ -50,6 +50,7 @@ TEST(RouteSocket, AsksTheKernelOnceAndForASecond) {
       {{{{other, route, end}}}, "1 10.9.9.9 "},
       {{{{other}}, {{route}}, {{end}}}, "1 10.9.9.9 "},
       {{{{other, end, route}}}, "0 "},
+      {{{std::vector<Message>(180, other)}, {{route, end}}}, "1 10.9.9.9 "},
       {{{{route}, 7}, {{end}, 7}, {{other, end}}}, "0 "},  // of others
       {{{{}, 0, EAGAIN}, {{route, end}}}, "1 10.9.9.9 "},
       {{{{}, 0, EIO}}, "-1 SOCK READ: : Input/output error\n" + failed},

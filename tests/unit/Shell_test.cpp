@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -118,6 +119,7 @@ TEST(Shell, ReaderThatStoppedIsNotWaitedForAndNoDescriptorIsLost) {
   EXPECT_TRUE(isRead);
   for (const char* standard : {" 0 ", " 1 ", " 2 "}) EXPECT_EQ(std::string::npos, (" " + text).find(standard)) << text;
   EXPECT_EQ(before, CountDescriptors());
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "no child is left";
   EXPECT_EQ("pipe2: 0\nfcntl: 0\nfcntl: 0\n",
             WithEachCallFailing([&text] { return std::to_string(ul_ReadCommand("exit", text)); }));
   alarm(0);
