@@ -61,9 +61,16 @@ def run_watched(host, *words, **options):
         return output.read(), time.monotonic() - begin, used.ru_utime + used.ru_stime, peak
 
 
+def wait_for_quiet(wire):
+    """Until the last scan's answers are through: each one by IPv4 multicast is work for every device."""
+    time.sleep(1)
+    while any(b"SID:" in frame for _, _, frame in wire.take()):
+        time.sleep(1)
+
+
 def scan(tool, pc, wire, macs, seconds):
     """One scan: what it found, and what it cost; then how long one takes that knows how many to expect."""
-    wire.take()
+    wait_for_quiet(wire)
     before = without_room(pc)
     output, _, cpu, peak = run_watched(pc, tool, "scan", "--json", "--time", str(seconds))
     records = [json.loads(line) for line in output.splitlines()]
@@ -73,6 +80,7 @@ def scan(tool, pc, wire, macs, seconds):
     for when, left, frame in frames:
         if not left and b"SID:" in frame:
             first.setdefault(frame[6:12], when)
+    wait_for_quiet(wire)
     _, wall, _, _ = run_watched(pc, tool, "scan", "--json", "--time", "60", "--expect", str(len(macs)))
     heard = sum(len({answer["way"] for answer in record["answers"]}) for record in records if record["mac"] in macs)
     return {"devices": len(macs & {record["mac"] for record in records}), "pairs": WAYS * len(macs) - heard,

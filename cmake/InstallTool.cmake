@@ -1,7 +1,7 @@
 # The tool as a PC runs it: the program, its manual page and the completion of its words in bash.
 if(TARGET tarnddp)
   install(TARGETS tarnddp RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
-  install(FILES packaging/tarnddp.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool OPTIONAL)
+  install(FILES packaging/tarnddp.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
   install(FILES packaging/tarnddp.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tarnddp
-          COMPONENT tool OPTIONAL)
+          COMPONENT tool)
 endif()

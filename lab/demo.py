@@ -96,8 +96,7 @@ def main():
         return 1
     finally:
         net.close()
-    print("\ndemo: done. Five devices were found, two were given other addresses, and a third one's trace was heard; "
-          "all of it in a private network.")
+    print("\ndemo: done. Five devices were found, two got other addresses, one was traced, all in a private network.")
     return 0
 
 
