@@ -86,22 +86,25 @@ class Found(unittest.TestCase):
         """What a scan prints into a pipe, and its exit status."""
         wire = testnet.Wire(self.pc)
         runs = {words: Run(self.pc, *words.split()) for words in (
-            "", "scan", "scan --json", "scan --csv", "scan --json --expect 5", "scan --expect 6 --json",
-            "scan --json --interface eth0", "scan --interface eth9", "scan --interface lo", "scan --interface eth0 --interface eth9")}
+            "", "--time 6", "scan --time 6", "scan --json --time 6", "scan --csv", "scan --json --time 50 --expect 5",
+            "scan --expect 6 --json --interface eth0 --time 6", "scan --interface eth9", "scan --interface lo",
+            "scan --interface eth0 --interface eth9")}
         done = {words: run.end() for words, run in runs.items()}
         self.assertEqual(sent(wire), [])
         wire.close()
         self.assertEqual({words: status for words, (status, _, _) in done.items()},
-                         {**dict.fromkeys(runs, 0), "scan --expect 6 --json": 1, "scan --interface eth9": 3,
-                          "scan --interface lo": 3, "scan --interface eth0 --interface eth9": 3})
-        for words in ("scan --json", "scan --json --expect 5", "scan --expect 6 --json", "scan --json --interface eth0"):
+                         {**dict.fromkeys(runs, 0), **dict.fromkeys(list(runs)[-3:], 3),
+                          "scan --expect 6 --json --interface eth0 --time 6": 1})
+        for words in ("scan --json --time 6", "scan --expect 6 --json --interface eth0 --time 6"):
             with self.subTest(words):
                 self.check_json(done[words][1], self.model())
+        self.assertEqual(sorted(json.loads(line)["mac"] for line in done["scan --json --time 50 --expect 5"][1].splitlines()),
+                         MACS[1:6])
         for words in ("scan --interface eth9", "scan --interface lo"):
             self.assertEqual(done[words][1], "")
             self.assertIn(words.split()[-1], done[words][2])
-        self.assertEqual(done[""][1], done["scan"][1])
-        self.assertIn("ip route add 10.20.0.0/16 dev eth0", done["scan"][2])
+        self.assertEqual(done["--time 6"][1], done["scan --time 6"][1])
+        self.assertIn("ip route add 10.20.0.0/16 dev eth0", done["scan --time 6"][2])
 
         rows = list(csv.reader(io.StringIO(done["scan --csv"][1], newline="")))
         self.assertEqual(rows[0], "mac,serial,name,address,prefix,gateway,dns,dhcp".split(","))
@@ -109,7 +112,8 @@ class Found(unittest.TestCase):
                  "off" if facts["service"] else ""] for mac, (facts, _) in self.model().items()]
         self.assertEqual(sorted(rows[1:]), sorted(plan))
 
-        heading, *lines = done["scan"][1].splitlines()
+        self.assertTrue(done[""][1].startswith("NAME "))
+        heading, *lines = done["scan --time 6"][1].splitlines()
         self.assertEqual(heading.split()[:6], HEADINGS)
         cells = sorted((re.split(r"\s{2,}", line.strip()) for line in lines), key=lambda row: MACS.index(
             next(cell for cell in row if cell in MACS)))
@@ -137,9 +141,9 @@ class Found(unittest.TestCase):
 
     def test_terminal(self):
         """The table fits, and nothing of how it grew stays behind."""
-        terminals = {columns: Terminal(self.pc, columns=columns, rows=rows)
+        terminals = {columns: Terminal(self.pc, "--time", "5", columns=columns, rows=rows)
                      for columns, rows in ((200, 50), (80, 24), (60, 24), (20, 24))}
-        plain = Run(self.pc).end()[1].split("\n")
+        plain = Run(self.pc, "--time", "5").end()[1].split("\n")
         for columns, terminal in terminals.items():
             with self.subTest(columns=columns):
                 status, lines = terminal.end()
@@ -170,9 +174,9 @@ class Found(unittest.TestCase):
         terminal.type(b"\x03")
         status, lines = terminal.end()
         self.assertEqual(status, 130)
-        heading, = (at for at, line in enumerate(lines) if line.startswith("NAME"))
-        table = lines[heading:heading + 5]
-        self.assertEqual([sum(mac in line for line in table) for mac in MACS[1:6]], [1, 0, 1, 1, 1], lines)
+        self.assertEqual([line.split()[0] for line in lines].count("NAME"), 1, lines)
+        table = lines[[line.split()[0] for line in lines].index("NAME"):]
+        self.assertEqual([sum(mac in line for line in table[:5]) for mac in MACS[1:6]], [1, 0, 1, 1, 1], lines)
         time.sleep(1)
         for run in (text, objects):
             run.interrupt()
