@@ -1,9 +1,7 @@
-// Preloaded into the daemon: a C library that cannot change modes without following links, if OLD_LIBRARY is set; and
-// memory that runs out for one allocation of the thread that reads "FAIL" and a number, the number'th from there.
+// Preloaded into the daemon: memory runs out for one allocation of the thread that reads "FAIL" and a number, the
+// number'th from there.
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -42,13 +40,5 @@ ssize_t read(int from, void* text, std::size_t size) {
   using Function = ssize_t (*)(int, void*, std::size_t);
   static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "read"));
   return Look(text, real(from, text, size));
-}
-
-int fchmodat(int folder, const char* path, mode_t mode, int flags) {
-  using Function = int (*)(int, const char*, mode_t, int);
-  static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fchmodat"));
-  if (flags == 0 || std::getenv("OLD_LIBRARY") == nullptr) return real(folder, path, mode, flags);
-  errno = EOPNOTSUPP;
-  return -1;
 }
 }

@@ -159,23 +159,6 @@ class Start(DeviceTest):
             self.wait_for_record(way)
         self.assertEqual(len(daemon.sockets()), 4)
 
-    def test_single_endpoint_that_was_taken_is_told_once_and_opened_later(self):
-        """The others answer meanwhile and stay as they are."""
-        for port, way in ((5563, "ipv4"), (5564, "ipv6"), (5562, "broadcast")):
-            with self.subTest(way):
-                self.daemon.stop()
-                with self.device.inside(), socket.socket(socket.AF_INET6, socket.SOCK_DGRAM) as holder:
-                    holder.bind(("::", port))
-                    daemon = self.start_daemon()
-                    for other in set(ddp_query.WAYS) - {way}:
-                        self.wait_for_record(other)
-                    self.assertFalse(eventually(lambda d=daemon: len(d.complaints()) > 1, 5.5))
-                    before = daemon.sockets()
-                self.wait_for_record(way)
-                self.assertEqual(len(daemon.sockets() & before), 3)
-                cause = "could not be opened: Address already in use; tried again every 5 s"
-                self.assertEqual(daemon.complaints(), [f"tarnddpd: UDP port {port} {cause}"])
-
     def test_help_and_version_start_nothing(self):
         for word, begin in (("--help", "usage: tarnddpd [-nodaemon]"), ("--version", "tarnddpd 0.1.0\n")):
             told = subprocess.run(self.device.command(DAEMON, word), stdout=subprocess.PIPE, text=True, check=True,

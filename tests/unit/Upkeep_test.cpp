@@ -5,7 +5,14 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "ddp/TarnDDPServer.h"
 #include "ddp/Upkeep.h"
 
 /// Snooping switches would see the device leave and join. The interface is too small for IPv6, whose group is missing.
@@ -35,6 +42,62 @@ TEST(Upkeep, LeavesAMembershipThatIsThereAlone) {
   }
   EXPECT_EQ(0, run("grep -q 800500E0 /proc/net/igmp && ip link del tarn4"));
   close(listener);
+}
+
+/// The socket of the server that is bound to `port`.
+int SocketOf(const char* port) {
+  for (int descriptor = 3; descriptor < 64; ++descriptor) {
+    sockaddr_in6 bound = {};
+    socklen_t length = sizeof bound;
+    getsockname(descriptor, reinterpret_cast<sockaddr*>(&bound), &length);
+    if (ntohs(bound.sin6_port) == std::stoi(port)) return descriptor;  // the port of either family is there
+  }
+  return -1;
+}
+
+/// What is done 5 s later, and said on standard error.
+std::string NextUpkeep() {
+  testing::internal::CaptureStderr();
+  Upkeep_ExpectNetworkChange();
+  Upkeep_Network("lo");
+  return testing::internal::GetCapturedStderr();
+}
+
+TEST(Upkeep, OpensASingleClosedEndpointLaterAndTellsItOnce) {
+  const char* const ports[] = {port_IPV6, port_IPV4, port_Broadcast};
+  for (int taken = 0; taken < 3; ++taken) {
+    const int unbound = socket(AF_INET6, SOCK_DGRAM, 0);
+    dup2(unbound, SocketOf(ports[taken]));
+    const int holder = socket(AF_INET6, SOCK_DGRAM, 0);
+    sockaddr_in6 any = {};
+    any.sin6_family = AF_INET6;
+    any.sin6_port = htons(static_cast<in_port_t>(std::stoi(ports[taken])));
+    ASSERT_EQ(0, bind(holder, reinterpret_cast<const sockaddr*>(&any), sizeof any));
+    EXPECT_TRUE(Server.InitConnections());
+    const std::string line = std::string("tarnddpd: UDP port ") + ports[taken] +
+                             " could not be opened: Address already in use; tried again every 5 s\n";
+    EXPECT_EQ(line, NextUpkeep());
+    EXPECT_EQ("", NextUpkeep());
+    for (int which = 0; which < 3; ++which) {
+      const TarnDDPServer::EndpointState state = Server.GetEndpoints().at(static_cast<std::size_t>(which));
+      EXPECT_STREQ(ports[which], state.port);
+      EXPECT_EQ(which == taken ? EADDRINUSE : 0, state.error) << which;
+    }
+    close(holder);
+    close(unbound);
+    const int others[] = {SocketOf(ports[(taken + 1) % 3]), SocketOf(ports[(taken + 2) % 3])};
+    EXPECT_EQ("", NextUpkeep());
+    EXPECT_EQ(others[0], SocketOf(ports[(taken + 1) % 3])) << "left alone";
+    EXPECT_EQ(others[1], SocketOf(ports[(taken + 2) % 3])) << "left alone";
+    EXPECT_NE(-1, SocketOf(ports[taken]));
+    EXPECT_EQ(0, Server.GetEndpoints().at(static_cast<std::size_t>(taken)).error);
+    std::ifstream igmp("/proc/net/igmp"), igmp6("/proc/net/igmp6");
+    const std::string groups{std::istreambuf_iterator<char>(igmp), {}},
+        groups6{std::istreambuf_iterator<char>(igmp6), {}};
+    const unsigned loopback = if_nametoindex("lo");
+    EXPECT_TRUE(Upkeep_ListsGroupIPV4(groups, loopback, address_IPV4)) << "joined anew";
+    EXPECT_TRUE(Upkeep_ListsGroupIPV6(groups6, loopback, address_IPV6)) << "joined anew";
+  }
 }
 
 TEST(Upkeep, ReadsTheListsOfMembershipsByInterfaceAndGroup) {
