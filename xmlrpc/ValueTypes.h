@@ -19,7 +19,7 @@ struct ValueType {
   std::size_t overhead[2];  // what writing is expected to cost around the content, in bytes
 };
 
-/// In the order of their numbers.
+/// In the order of their numbers, so that each is found by its own.
 inline constexpr ValueType VALUE_TYPES[] = {
     {XmlRpcValue::TypeBoolean, "TypeBoolean", XmlTags::XML_TAG_BOOLEAN, XmlTags::XML_ENDTAG_BOOLEAN, {40, 24}},
     {XmlRpcValue::TypeInt, "TypeInt", XmlTags::XML_TAG_I4, XmlTags::XML_ENDTAG_I4, {41, 35}},
@@ -36,15 +36,6 @@ constexpr bool HasRow(XmlRpcValue::Type type) {
   return type > XmlRpcValue::TypeInvalid && static_cast<std::size_t>(type) <= std::size(VALUE_TYPES);
 }
 constexpr const ValueType& RowOf(XmlRpcValue::Type type) { return VALUE_TYPES[type - 1]; }
-
-constexpr bool RowsAreInOrder() {
-  int number = 0;
-  for (const ValueType& row : VALUE_TYPES) {
-    if (row.type != ++number) return false;
-  }
-  return true;
-}
-static_assert(RowsAreInOrder());
 
 /// What is kept in place, or what a pointer owns.
 template <typename T>

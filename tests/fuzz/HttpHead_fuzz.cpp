@@ -32,13 +32,37 @@ HttpHead::State Literal(const std::string& text, std::size_t* body, std::int32_t
   return HttpHead::State::Incomplete;
 }
 
+/// Of one piece for each byte, so that most texts have what a head is made of.
+std::string FromPieces(const std::uint8_t* data, std::size_t size) {
+  const std::string pieces[] = {"Content-length: ",
+                                "CONTENT-LENGTH: ",
+                                "content-length:",
+                                "C",
+                                "\r\n\r\n",
+                                "\n\n",
+                                "\r\n",
+                                "\n",
+                                "\r",
+                                "x",
+                                "7",
+                                "12",
+                                "0",
+                                " ",
+                                "-3",
+                                "99999999999"};
+  std::string text;
+  for (std::size_t i = 0; i < size; ++i) text += pieces[data[i] % 16];
+  return text;
+}
+
 }  // namespace
 
 /// The first bytes say where the text is split: it grows by data[0] % 16 + 1 bytes, and so on in turn.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   constexpr std::size_t splits = 3;
   if (size < splits) return 0;
-  const std::string whole(reinterpret_cast<const char*>(data) + splits, size - splits);
+  const std::string whole = data[0] >= 0x80 ? FromPieces(data + splits, size - splits)
+                                            : std::string(reinterpret_cast<const char*>(data) + splits, size - splits);
   HttpHead head;
   std::string text;
   for (std::size_t turn = 0; text.size() < whole.size(); ++turn) {
