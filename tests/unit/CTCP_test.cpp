@@ -177,10 +177,15 @@ TEST(CTCP, ReceiveTellsItsOutcomesApart) {
     EXPECT_EQ(0, tcp.Receive(text, length, 1000));
     EXPECT_EQ(expected, std::string(text, tcp.received));
   }
-  EXPECT_TRUE(tcp.Receive(text, 8));
-  EXPECT_EQ(1U, tcp.received);
-  EXPECT_EQ(-3560, tcp.Receive(text, 8, 0));
-  EXPECT_EQ(0U, tcp.received);
+  for (const int expected : {0, -3560}) {
+    EXPECT_EQ(expected, tcp.Receive(text, 8, 0));
+    EXPECT_EQ(expected == 0 ? 1U : 0U, tcp.received);
+  }
+  Write(pair[1], "x");
+  for (const unsigned length : {1U, 0U}) {
+    EXPECT_TRUE(tcp.Receive(text, length));
+    EXPECT_EQ(length, tcp.received);
+  }
   close(pair[1]);
   EXPECT_EQ(-6915, tcp.Receive(text, 8, 1000));
   EXPECT_EQ(-3415, errno);

@@ -77,9 +77,9 @@ struct Wire {
 
 // One test, as the process remembers a MAC address and that it added the route for broadcasts.
 TEST_F(Interface, DHCPTellsEachStepAndEndsAtTheFirstFailureWhichCostsItsSleeps) {
-  const DHCPBuffer offer = Reply(DHCP_OFFER, {255}), nak = Reply(6, {1, 4, 255, 255, 0, 0, 255});
-  const DHCPBuffer ack = Reply(DHCP_ACK, {51, 4, 0, 1, 81, 128, 1, 4, 255, 255, 255, 0, 3, 4,   10, 0,
-                                          0,  1, 6, 4, 10, 0,   0, 2, 28,  4,   10,  0, 0, 127, 255});
+  const DHCPBuffer offer = Reply(2, {255}), nak = Reply(6, {1, 4, 255, 255, 0, 0, 255});
+  const DHCPBuffer ack = Reply(5, {51, 4, 0, 1, 81, 128, 1, 4, 255, 255, 255, 0, 3, 4,   10, 0,
+                                   0,  1, 6, 4, 10, 0,   0, 2, 28,  4,   10,  0, 0, 127, 255});
   const std::string client = "DHCP Client - ", error = "Error - Configure Network with DHCP - ",
                     called = client + "DHCP request called for interface ";
   const std::string route = "route add 255.255.255.255 netmask 0.0.0.0 dev dev0\n";

@@ -186,7 +186,7 @@ bool ReadMac(const std::string& text, unsigned char* mac) {
 TEST(MacText, IsReadAsTheRuleSays) {
   std::mt19937 generator(20261125);
   const std::string valid[] = {"0:1b:c4:0a:ff:05", "00:1B:C4:a:ff:5 ", "99:00:aa:FF:09:af:12"},
-                    odd = "0f: gG\t\n-@`/9A\xff";
+                    odd = "0f: gG\t\r-@`/9A\xff";
   int macs = 0;
   for (int round = 0; round < 5000; ++round) {
     std::string text = valid[generator() % 3];

@@ -90,9 +90,9 @@ TEST(Console, SystemErrorTellsErrnoAndAMillionfoldTime) {
   const StoppedClock clock(1002);
   const std::string error = "error code = 2 (No such file or directory)\n";
   const std::tuple<const char*, int, const char*, std::string> cases[] = {
-      {"a/c.c", 0, "open", "[23d 3h 33min 20s 0ms 0us]\tc.c.0\topen " + error},
+      {nullptr, 7, nullptr, error},
       {"a/c.c", -1, "", error},
-      {nullptr, 7, nullptr, error}};
+      {"a/c.c", 0, "open", "[23d 3h 33min 20s 0ms 0us]\tc.c.0\topen " + error}};
   for (const auto& [file, line, text, expected] : cases) {
     errno = ENOENT;
     ul_PrSystemError(file, line, text);
