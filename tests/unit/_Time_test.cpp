@@ -58,6 +58,7 @@ TEST(Time, ArithmeticIsThatOfWholeUnitsAndNowIsTheMonotonicClock) {
     const AbsTime_NS a = monotonic = DrawNS(), b = realtime = round % 9 == 0 ? a : DrawNS();
     const AbsTime_US x = Microseconds(a), y = round % 2 == 0 ? Draw() : x + Draw() % 5 - 2;
     const auto difference = static_cast<std::int64_t>(x - y);
+    const auto seconds = static_cast<double>(static_cast<long double>(difference) / 1e6L);
     AbsTime_US sum = x, later = 0, cleared = y;
     AbsTime_NS sumNS = a, laterNS = {};
     ul_MathAbsTime_Add_US(&sum, y);
@@ -67,12 +68,11 @@ TEST(Time, ArithmeticIsThatOfWholeUnitsAndNowIsTheMonotonicClock) {
               std::tuple(sum, later, cleared, ul_MathAbsTime_IsCleared(y), ul_MathAbsTime_IsCleared(cleared),
                          ul_MathAbsTime_IsHigher(&x, &y), ul_MathAbsTime_IsLowerEqual(x, y),
                          ul_MathAbsTime_NowIsHigherParam(&y), ul_MathAbsTime_NowIsLowerEqualParam(&y)));
-    EXPECT_EQ(
-        std::tuple(Held(difference), Held(difference), static_cast<double>(difference), static_cast<double>(difference),
-                   static_cast<double>(difference / 1e6L), static_cast<double>(difference / 1e6L)),
-        std::tuple(ul_MathAbsTime_Sub_US(x, y), ul_MathAbsTime_NowSubParam_US(&y), ul_MathAbsTime_SubFloat_US(x, y),
-                   ul_MathAbsTime_NowSubParamFloat_US(&y), ul_MathAbsTime_SubFloat(x, y),
-                   ul_MathAbsTime_NowSubParamFloat(&y)));
+    EXPECT_EQ(std::tuple(Held(difference), Held(difference), static_cast<double>(difference),
+                         static_cast<double>(difference), seconds, seconds),
+              std::tuple(ul_MathAbsTime_Sub_US(x, y), ul_MathAbsTime_NowSubParam_US(&y),
+                         ul_MathAbsTime_SubFloat_US(x, y), ul_MathAbsTime_NowSubParamFloat_US(&y),
+                         ul_MathAbsTime_SubFloat(x, y), ul_MathAbsTime_NowSubParamFloat(&y)));
     ul_MathAbsTime_Add_NS(&sumNS, b.seconds, b.nanoseconds);
     ul_MathAbsTime_NowAddParam_NS(b.seconds, b.nanoseconds, &laterNS);
     const Pair both = Split(Total(a) + Total(b)), between = Split(std::max<std::int64_t>(0, Total(a) - Total(b)));
