@@ -50,8 +50,9 @@ struct Wire {
              (static_cast<const char*>(data)[33] == 5 ? "" : " ?") + " to " + Text(to) + "\n";
       return real_sendto(own, data, size, flags, to, toSize);
     };
-    on_select = [this](int, fd_set*, fd_set*, fd_set*, timeval* limit) {
-      log += "wait " + std::to_string(limit->tv_sec) + " s " + std::to_string(limit->tv_usec) + "\n";
+    on_select = [this](int, fd_set* readers, fd_set*, fd_set*, timeval* limit) {
+      log += std::string(readers->fds_bits[0] == 0 ? "for nobody " : "") + "wait " + std::to_string(limit->tv_sec) +
+             " s " + std::to_string(limit->tv_usec) + "\n";
       return answers.empty() ? 0 : 1;
     };
     on_recv = [this](int, void* data, size_t size, int) -> ssize_t {

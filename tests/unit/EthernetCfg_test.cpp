@@ -53,20 +53,26 @@ TEST_F(Interface, EveryFailureIsTold) {
   const std::string link = "Invalid cross-device link\n",
                     flags = "ioctl: 0 Error: dev0: unknown interface: " + link +
                             "ioctl: 0 Error: Could not configure interface flag: " + link;
+  std::string states;
   const auto told = [this](bool result) {
     return std::to_string(result) + Undisturbed([] {
              const std::string text = Printed();
              return text.empty() ? "" : " " + text.substr(0, text.size() - 1);
            });
   };
-  EXPECT_EQ(
-      "ioctl: 0 Error: Could not configure subnet mask: " + link + "ioctl: 0 Error: set ip address: " + link +
-          "ioctl: 1\nioctl: 0 Error: Could not configure subnet mask: " + link +
-          "ioctl: 1 Error: set broadcast address: " + link + flags + flags,
-      WithEachCallFailing([&] {
-        Undisturbed([] { return ul_RunCommand("ip address flush dev dev0; ip address add 1.2.3.4/24 dev dev0"); });
-        return told(EthernetCfg_SetActSettings("10.1.2.3", "255.255.0.0", nullptr, nullptr, nullptr));
-      }));
+  EXPECT_EQ("ioctl: 0 Error: Could not configure subnet mask: " + link + "ioctl: 0 Error: set ip address: " + link +
+                "ioctl: 1\nioctl: 0 Error: Could not configure subnet mask: " + link +
+                "ioctl: 1 Error: set broadcast address: " + link + flags + flags,
+            WithEachCallFailing([&] {
+              const std::string start =
+                  "ip link set dev0 down; ip address flush dev dev0; ip address add 1.2.3.4/24 dev dev0";
+              Undisturbed([&] { return ul_RunCommand(start); });
+              const bool result = EthernetCfg_SetActSettings("10.1.2.3", "255.255.0.0", nullptr, nullptr, nullptr);
+              states +=
+                  Undisturbed([] { return ul_RunCommand("ip link show dev0 | grep -q ,UP"); }) == 0 ? "up " : "down ";
+              return told(result);
+            }));
+  EXPECT_EQ("up up up up up up up down down up ", states) << "after a failure too, if it can be";
   EXPECT_EQ(
       "ioctl: 0 Error: Could not configure subnet mask: Invalid argument\nError: dev0: unknown interface: " + link +
           "ioctl: 0 Error: Could not configure subnet mask: Invalid argument\nError: SIOCSIFFLAGS - Invalid "

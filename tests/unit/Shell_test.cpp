@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -119,9 +120,29 @@ TEST(Shell, ReaderThatStoppedIsNotWaitedForAndNoDescriptorIsLost) {
   EXPECT_TRUE(isRead);
   for (const char* standard : {" 0 ", " 1 ", " 2 "}) EXPECT_EQ(std::string::npos, (" " + text).find(standard)) << text;
   EXPECT_EQ(before, CountDescriptors());
-  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "no child is left";
   EXPECT_EQ("pipe2: 0\nfcntl: 0\nfcntl: 0\n",
             WithEachCallFailing([&text] { return std::to_string(ul_ReadCommand("exit", text)); }));
   alarm(0);
   for (const int descriptor : {ends[0], ends[1], saved[0], saved[1], saved[2]}) close(descriptor);
+}
+
+TEST(Shell, SignalsDoNotEndTheWaitAndACommandThatCannotStartIsAFailure) {
+  struct sigaction before = {}, handled = {};
+  handled.sa_handler = [](int) {};
+  sigaction(SIGALRM, &handled, &before);
+  const itimerval often = {{0, 20000}, {0, 20000}}, never = {};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  EXPECT_EQ(4, WEXITSTATUS(ul_RunRoute("sleep 0.1; exit 4")));
+  EXPECT_EQ("heard\n", Output("sleep 0.1; echo heard; exec >&-; sleep 0.1"));
+  setitimer(ITIMER_REAL, &never, nullptr);
+  sigaction(SIGALRM, &before, nullptr);
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "no child is left";
+  on_posix_spawn = [](auto&&...) { return EAGAIN; };
+  std::string output;
+  const int descriptors = CountDescriptors(), result = ul_RunRoute("exit");
+  EXPECT_EQ(std::pair(-1, EAGAIN), std::pair(result, errno));
+  EXPECT_FALSE(ul_ReadCommand("exit", output));
+  EXPECT_EQ(EAGAIN, errno);
+  EXPECT_EQ(descriptors, CountDescriptors());
+  on_posix_spawn = nullptr;
 }

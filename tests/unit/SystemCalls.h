@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
+#include <spawn.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
@@ -87,6 +88,10 @@ SYSTEM_CALL_4(ssize_t, recv, false, int, void*, size_t, int)
 SYSTEM_CALL_5(int, getsockopt, true, int, int, int, void*, socklen_t*)
 SYSTEM_CALL_5(int, setsockopt, true, int, int, int, const void*, socklen_t)
 SYSTEM_CALL_5(int, select, false, int, fd_set*, fd_set*, fd_set*, timeval*)
+SYSTEM_CALL(int, posix_spawn, false, false,
+            (pid_t * a, const char* b, const posix_spawn_file_actions_t* c, const posix_spawnattr_t* d, char* const e[],
+             char* const f[]),
+            (a, b, c, d, e, f))
 SYSTEM_CALL_6(ssize_t, sendto, false, int, const void*, size_t, int, const sockaddr*, socklen_t)
 SYSTEM_CALL_6(ssize_t, recvfrom, false, int, void*, size_t, int, sockaddr*, socklen_t*)
 
