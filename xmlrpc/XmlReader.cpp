@@ -68,7 +68,6 @@ bool XmlReader::run(const Read& read, XmlRpcValue& value, size_t& at) {
     size_t ignored = at;
     read(*this, nullptr, ignored);
     _surveying = false;
-    end = at;
     success = !_tooDeep && read(*this, &value, end);
   }
   if (_tooDeep || !success) {
@@ -445,10 +444,7 @@ bool XmlReader::structure(Value* out, size_t& at, int depth) {
   } else {
     out->assertTypeOrInvalid(Value::TypeStruct);
     success = buildMembers<set>(*out->_value.asStruct, p, depth + 1);
-    if (!success) {
-      out->invalidate();
-      if (!_tooDeep && _openArrays > 0 && !_survey.begun()) _mustSurvey = true;
-    }
+    if (!success && !_tooDeep && _openArrays > 0 && !_survey.begun()) _mustSurvey = true;
   }
   if (success) at = p;
   return success;

@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   int offset = static_cast<int>(start);
   const bool success = value.fromXml(xml, &offset);
 
-  PlainReader reader(xml, 300);
+  PlainReader reader(xml, 300 + static_cast<int>(size) * 8);
   PlainValue plain;
   std::size_t at = start;
   const bool expected = reader.read(plain, at);

@@ -9,6 +9,7 @@
 #include <future>
 
 #include "tests/unit/LoopbackPeer.h"
+#include "xmlrpc/XmlRpcLogHandler.h"
 #include "xmlrpc/XmlRpcUtil.h"
 
 using namespace TarnXmlRpc;
@@ -81,6 +82,7 @@ TEST(XmlRpcClientTransportHTTP, ReadsOneResponseHoweverItArrives) {
     for (const auto& [pieces, body] : rows) {  // nothing of one is left over for the next
       ASSERT_EQ(transport.execute("<call/>", response), 0) << testing::PrintToString(pieces);
       ASSERT_EQ(response, body) << testing::PrintToString(pieces);
+      ASSERT_EQ(transport.OwedResponses(), 0U);
     }
   }
 }
@@ -118,9 +120,11 @@ TEST(XmlRpcClientTransportHTTP, TellsOfAPeerThatClosesStaysSilentOrNamesNoLength
     std::string response;
     EXPECT_EQ(transport.execute("<call/>", response), row.status) << row.answer;
     EXPECT_EQ(response, Fault(row.message, row.status));
+    EXPECT_EQ(transport.OwedResponses(), row.status == -4317 ? 0U : 1U);
     EXPECT_EQ(transport.TestConnection(), 0) << "a failed exchange leaves the flag alone";
     EXPECT_EQ(transport.Disconnect(), 0);
     EXPECT_EQ(transport.TestConnection(), -3415);
+    EXPECT_EQ(transport.OwedResponses(), 0U);
     EXPECT_EQ(transport.execute("<call/>", response), -4323);
     EXPECT_EQ(response, Fault("Transmission failed!", -1));
   }
@@ -131,9 +135,15 @@ TEST(XmlRpcClientTransportHTTP, DropsLineEndsOnTheIdleConnectionAndSeesWhatElseT
   const struct {
     std::string behind;  // a response that was read
     bool closes, hasInput;
-  } rows[] = {
-      {"", false, false},   {"\r\n", false, false}, {"\n\r\r\n", false, false}, {"x", false, true},
-      {"\0"s, false, true}, {"\r\nx", false, true}, {"\n", true, true},         {std::string(9999, '\n'), false, true}};
+  } rows[] = {{"", false, false},
+              {"\r\n", false, false},
+              {"\n\r\r\n", false, false},
+              {"x", false, true},
+              {"\0"s, false, true},
+              {"\r\nx", false, true},
+              {"\n", true, true},
+              {std::string(3800, '\n'), false, false},
+              {std::string(9999, '\n'), false, true}};
   for (const auto& row : rows) {
     std::promise<void> arrived, asked;
     LoopbackPeer peer([&](int connection) {
@@ -185,7 +195,7 @@ TEST(XmlRpcClientTransportHTTP, SendsTheseBytesOverTheConnectionItHas) {
     const std::string request = ReadUpTo(connection, "<call/>");
     if (request.empty()) return;
     sent.set_value(request);
-    Write(connection, HEAD + "body");
+    for (int answer = 0; answer < 5; ++answer) Write(connection, HEAD + "body"), ReadUpTo(connection, "<call/>");
   });
   XmlRpcClientTransportHTTP transport;
   Configure(transport, peer.port);
@@ -201,6 +211,18 @@ TEST(XmlRpcClientTransportHTTP, SendsTheseBytesOverTheConnectionItHas) {
             "POST /RPC2 HTTP/1.1\r\nUser-Agent: TARNXMLRPC++ 1.0\r\nHost: tarn-device:1200\r\n"
             "Content-Type: text/xml\r\nContent-length: 7\r\n\r\n<call/>");
   EXPECT_EQ(2, connections);
+  const std::string lines[] = {"", "XmlRpcClientTransportHTTP::readResponse (read 4 bytes)\n", "", "response:\nbody\n"};
+  std::string logged;
+  for (int verbosity = 2; verbosity <= 5; ++verbosity) {
+    setVerbosity(verbosity);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(transport.execute("<call/>", text), 0);
+    logged += lines[verbosity - 2];
+    const std::string head =
+        "XmlRpcClientTransportHTTP::readHeader(): client has read 42 bytes\nclient read content length: 4\n";
+    EXPECT_EQ((verbosity < 4 ? "" : head) + logged, testing::internal::GetCapturedStdout());
+  }
+  setVerbosity(0);
 }
 
 TEST(HttpHead, TakesTimeLinearInTheHead) {  // else this one does not end

@@ -110,9 +110,11 @@ void Check(const std::string& xml) {
 
 TEST(XmlRpcValue, IsReadLikeTheModel) {
   std::mt19937 random(7);
+  constexpr std::uint8_t array = 56;
   const std::uint8_t frequent[] = {0, 1, 1, 2, 3, 3, 7, 17, 12, 21, 38, 56, 57, 58, 58, 59};  // tags that make values
   for (int i = 0; i < 20000; ++i) {
-    std::vector<std::uint8_t> data = {0x80, 56};
+    std::vector<std::uint8_t> data(i % 50 > 0 ? 2 : 248 + random() % 10, array);  // some near the deepest level
+    data[0] = 0x80;
     for (auto n = random() % 40; n > 0; --n) data.push_back(random() % 4 > 0 ? frequent[random() % 16] : random() % 64);
     LLVMFuzzerTestOneInput(data.data(), data.size());
   }
@@ -395,6 +397,8 @@ TEST(XmlRpcValue, IsRefusedWholeWhereItNestsTooDeep) {
   XmlRpcValue value;
   int offset = 0;
   EXPECT_FALSE(value.arrayFromXml("<data>" + nested(XmlRpcValue::MaximumDepth), &offset));
+  ASSERT_TRUE(value.fromXml("<va></va>", &offset));
+  EXPECT_FALSE(value.arrayFromXml("<da>" + nested(XmlRpcValue::MaximumDepth), &(offset = 0))) << "by the short tags";
 }
 
 // Each would take minutes or longer if any text were looked at again for each value, member or level around it.
