@@ -117,14 +117,14 @@ class PlainReader {
     if (is("<i4>", "<i4>") || is("<int>", "<int>")) return number(v, at, Value::TypeInt);
     if (is("<i8>", "<i8>")) return number(v, at, Value::TypeInt64);
     if (is("<double>", "<do>")) return real(v, at);
-    if (tag.empty() || is("<string>", "<str>")) return string(v, at);
-    if (is("<dateTime.iso8601>", "<dtime>")) return time(v, at);
-    if (is("<base64>", "<b64>")) return binary(v, at);
+    if (tag.empty() || is("<string>", "<str>")) return text(v, at, Value::TypeString);
+    if (is("<dateTime.iso8601>", "<dtime>")) return text(v, at, Value::TypeDateTime);
+    if (is("<base64>", "<b64>")) return text(v, at, Value::TypeBase64);
     if (is("<array>", "<ar>")) return array(v, at, depth);
     if (is("<struct>", "<st>")) return structure(v, at, depth);
     if (!is("</value>", "</va>")) return false;
     at = afterTag;
-    return string(v, at);
+    return text(v, at, Value::TypeString);
   }
 
   bool number(PlainValue& v, std::size_t& at, int type) {
@@ -151,42 +151,21 @@ class PlainReader {
     return true;
   }
 
-  /// The text up to the next "<".
-  bool upToLess(std::string& text, std::size_t at) const {
+  /// A string, a time or binary data, which end before the next "<".
+  bool text(PlainValue& v, std::size_t& at, int type) {
     const std::size_t less = _xml.find('<', at);
     if (less == std::string::npos) return false;
-    text = _xml.substr(at, less - at);
-    return true;
-  }
-
-  bool string(PlainValue& v, std::size_t& at) {
-    std::string text;
-    if (!upToLess(text, at)) return false;
-    v.type = Value::TypeString;
-    v.text = PlainDecode(text);
-    at += v.text.size();
-    return true;
-  }
-
-  bool time(PlainValue& v, std::size_t& at) {
-    std::string text;
+    const std::string raw = _xml.substr(at, less - at);
     std::tm& t = v.time;
-    if (!upToLess(text, at) || std::sscanf(text.c_str(), "%4d%2d%2dT%2d:%2d:%2d", &t.tm_year, &t.tm_mon, &t.tm_mday,
-                                           &t.tm_hour, &t.tm_min, &t.tm_sec) != 6) {
+    if (type == Value::TypeDateTime && std::sscanf(raw.c_str(), "%4d%2d%2dT%2d:%2d:%2d", &t.tm_year, &t.tm_mon,
+                                                   &t.tm_mday, &t.tm_hour, &t.tm_min, &t.tm_sec) != 6) {
       return false;
     }
-    t.tm_isdst = -1;
-    v.type = Value::TypeDateTime;
-    at += text.size();
-    return true;
-  }
-
-  bool binary(PlainValue& v, std::size_t& at) {
-    std::string text;
-    if (!upToLess(text, at)) return false;
-    v.type = Value::TypeBase64;
-    v.text = PlainFromBase64(text.c_str());
-    at += text.size();
+    t.tm_isdst = type == Value::TypeDateTime ? -1 : 0;
+    if (type == Value::TypeString) v.text = PlainDecode(raw);
+    if (type == Value::TypeBase64) v.text = PlainFromBase64(raw.c_str());
+    v.type = type;
+    at += type == Value::TypeString ? v.text.size() : raw.size();
     return true;
   }
 

@@ -7,6 +7,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "xmlrpc/XmlRpcValue.h"
@@ -69,6 +70,7 @@ struct PlainValue {
   std::map<std::string, PlainValue> members;
 
   bool holds(int wanted) const { return type == wanted; }
+  bool isWhole() const { return holds(Value::TypeBoolean) || holds(Value::TypeInt) || holds(Value::TypeInt64); }
 
   static std::string RandomText(std::mt19937& random) {
     const std::string characters("abc<>&'\";=[.|\n\0\x80\xff", 18);
@@ -118,10 +120,10 @@ struct PlainValue {
     return v;
   }
 
+  static auto TimeOfDay(const std::tm& t) { return std::tie(t.tm_year, t.tm_mon, t.tm_hour, t.tm_min, t.tm_sec); }
   static bool SameTime(const std::tm& a, const std::tm& b) {
-    return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday && a.tm_hour == b.tm_hour &&
-           a.tm_min == b.tm_min && a.tm_sec == b.tm_sec && a.tm_isdst == b.tm_isdst && a.tm_wday == b.tm_wday &&
-           a.tm_yday == b.tm_yday && a.tm_gmtoff == b.tm_gmtoff;
+    return TimeOfDay(a) == TimeOfDay(b) && std::tie(a.tm_mday, a.tm_isdst, a.tm_wday, a.tm_yday, a.tm_gmtoff) ==
+                                               std::tie(b.tm_mday, b.tm_isdst, b.tm_wday, b.tm_yday, b.tm_gmtoff);
   }
 
   /// Whether `v` holds just this, all the way down.
@@ -149,10 +151,7 @@ struct PlainValue {
     if (a.type != b.type) return false;
     if (a.type == Value::TypeDouble) return a.real == b.real;
     if (a.type == Value::TypeString || a.type == Value::TypeBase64) return a.text == b.text;
-    if (a.type == Value::TypeDateTime) {
-      return a.time.tm_year == b.time.tm_year && a.time.tm_mon == b.time.tm_mon && a.time.tm_hour == b.time.tm_hour &&
-             a.time.tm_min == b.time.tm_min && a.time.tm_sec == b.time.tm_sec;
-    }
+    if (a.type == Value::TypeDateTime) return TimeOfDay(a.time) == TimeOfDay(b.time);
     if (a.type == Value::TypeArray) {
       return std::equal(a.elements.begin(), a.elements.end(), b.elements.begin(), b.elements.end(), Equal);
     }
@@ -190,8 +189,7 @@ struct PlainValue {
     if (type == Value::TypeInvalid) return *size = 256, "";
     *size = sizes[type - 1][tags];
     std::string content;
-    if (type == Value::TypeBoolean || type == Value::TypeInt || type == Value::TypeInt64)
-      content = std::to_string(number);
+    if (isWhole()) content = std::to_string(number);
     if (type == Value::TypeDouble) content = realText(254);
     if (type == Value::TypeString) content = PlainEncode(text);
     if (type == Value::TypeDateTime) content = timeText("%04d%02d%02dT%02d:%02d:%02d");
@@ -246,7 +244,7 @@ struct PlainValue {
   /// What write() and << make of it.
   std::string line() const {
     std::string out, separator;
-    if (type == Value::TypeBoolean || type == Value::TypeInt || type == Value::TypeInt64) return std::to_string(number);
+    if (isWhole()) return std::to_string(number);
     if (type == Value::TypeString) return text;
     if (type == Value::TypeDateTime) return timeText("%4d%02d%02dT%02d:%02d:%02d");
     if (type == Value::TypeBase64) return PlainBase64(text);
@@ -271,7 +269,7 @@ struct PlainValue {
       done = member.ini(blocks, key.empty() ? section : section + "." + key, memberName.c_str()) && done;
     }
     std::string line = name + "=";
-    if (type == Value::TypeBoolean || type == Value::TypeInt || type == Value::TypeInt64)
+    if (isWhole())
       line += std::to_string(number).substr(0, 18);
     else if (type == Value::TypeDouble)
       line += realText(18);

@@ -11,7 +11,6 @@
 #include "tests/unit/FailingAllocations.h"
 #include "xmlrpc/XmlRpcClient.h"
 #include "xmlrpc/XmlRpcClientTransportHTTP.h"
-#include "xmlrpc/XmlRpcUtil.h"
 
 using namespace TarnXmlRpc;
 
@@ -238,15 +237,12 @@ TEST(XmlRpcValue, LooksUpMembersWithoutThrowing) {
 
 TEST(XmlRpcValue, IsAFaultWithBothMembers) {
   XmlRpcValue fault;
-  for (const auto& [name, value, code, text] :
-       std::initializer_list<std::tuple<const char*, XmlRpcValue, int, const char*>>{
-           {"faultCode", 4, 0, ""}, {"faultString", "text", 4, "text"}, {"faultCode", XmlRpcValue(), 0, "text"}}) {
-    fault[name] = value;
-    EXPECT_EQ(code, fault.GetFaultCode());
-    EXPECT_EQ(text, fault.GetFaultString());
-  }
-  fault["faultCode"] = "4";
-  EXPECT_EQ("-4303 type error", Thrown([&] { fault.GetFaultCode(); }));
+  fault["faultCode"] = 4;
+  EXPECT_EQ("0", std::to_string(fault.GetFaultCode()) + fault.GetFaultString());
+  fault["faultString"] = "text";
+  EXPECT_EQ("4text", std::to_string(fault.GetFaultCode()) + fault.GetFaultString());
+  fault["faultCode"] = XmlRpcValue();
+  EXPECT_EQ(0, fault.GetFaultCode());
 }
 
 TEST(XmlRpcValue, SurvivesItsOwnPartsAndTakesOverTexts) {
@@ -353,52 +349,41 @@ TEST(XmlRpcValue, NumbersFollowTheFormatAndNeverTheLocale) {
   if (!comma) GTEST_SKIP() << "no locale with a comma to be made here (package locales)";
 }
 
-TEST(XmlRpcValue, IsRenderedAsIniTextAnew) {
-  XmlRpcValue value;
+TEST(XmlRpcValue, IsRenderedAnewEachTimeAndPrintedIfItShall) {
+  XmlRpcValue value, odd;
   std::string out = "old";
   EXPECT_FALSE(value.toINIFormat(out, "S", "k"));
   EXPECT_EQ("", out);
+  EXPECT_EQ(" x, TypeInvalid\n", Dump(value));
   value["b"]["c"] = "x";
   value["z"] = 1;
   for (int round = 0; round < 2; ++round) EXPECT_TRUE(value.toINIFormat(out, "Root", ""));
   EXPECT_EQ("[Root.b]\nc=x\nz=1\n", out);
-  EXPECT_FALSE(value.fromINIFormat(out));
   EXPECT_TRUE(XmlRpcValue(5).toINIFormat(out, nullptr, nullptr));
   EXPECT_EQ("[]\nValue=5\n", out);
-}
-
-TEST(XmlRpcValue, PrintsUnknownTypesAndOnlyIfItShall) {
-  XmlRpcValue odd, other;
-  EXPECT_EQ(" x, TypeInvalid\n", Dump(odd));
+  EXPECT_FALSE(value.fromINIFormat(out));
   odd.assertTypeOrInvalid(static_cast<XmlRpcValue::Type>(12));
-  other.assertTypeOrInvalid(static_cast<XmlRpcValue::Type>(12));
-  EXPECT_EQ(" x, unknown type (12)\n", Dump(odd));
-  EXPECT_EQ("", odd.toXml(0) + Line(odd));
+  EXPECT_EQ(" x, unknown type (12)\n", Dump(odd) + odd.toXml(0) + Line(odd));
   EXPECT_EQ(256, odd.toXmlSize(1));
-  EXPECT_EQ(other, odd);
+  EXPECT_EQ(XmlRpcValue(odd), odd);
   testing::internal::CaptureStdout();
   for (const int condition : {-1, 0, 1}) XmlRpcValue(true).PrintIf(condition, nullptr, "p");
   EXPECT_EQ("p = true, TypeBoolean\n", testing::internal::GetCapturedStdout());
 }
 
 TEST(XmlRpcValue, IsRefusedWholeWhereItNestsTooDeep) {
+  constexpr int most = XmlRpcValue::MaximumDepth;
   const auto nested = [](std::size_t levels) { return Repeated("<va><ar><da>", levels); };
-  const auto read = [](const std::string& xml) {
-    XmlRpcValue value;
-    int offset = 0;
-    const bool success = value.fromXml(xml, &offset);
-    EXPECT_EQ(success, offset > 0);
-    return success;
-  };
-  EXPECT_TRUE(read(nested(XmlRpcValue::MaximumDepth)));
-  EXPECT_FALSE(read(nested(XmlRpcValue::MaximumDepth + 1)));
-  EXPECT_FALSE(read("<va><ar><da><va>1</va>" + nested(1000000)));
-  EXPECT_TRUE(read("<va>x" + nested(1000))) << "what the reader never enters does not count";
+  const std::pair<std::string, bool> rows[] = {{nested(most), true},
+                                               {nested(most + 1), false},
+                                               {"<va><ar><da><va>1</va>" + nested(1000000), false},
+                                               {"<va>x" + nested(1000), true}};  // which the reader never enters
   XmlRpcValue value;
   int offset = 0;
-  EXPECT_FALSE(value.arrayFromXml("<data>" + nested(XmlRpcValue::MaximumDepth), &offset));
-  ASSERT_TRUE(value.fromXml("<va></va>", &offset));
-  EXPECT_FALSE(value.arrayFromXml("<da>" + nested(XmlRpcValue::MaximumDepth), &(offset = 0))) << "by the short tags";
+  for (const auto& [xml, isRead] : rows) EXPECT_EQ(isRead, value.fromXml(xml, &(offset = 0))) << xml.substr(0, 30);
+  EXPECT_EQ(1, value.getTagSet());
+  EXPECT_FALSE(value.arrayFromXml("<da>" + nested(most), &(offset = 0)));
+  EXPECT_FALSE(value.arrayFromXml("<data>" + nested(most), &(offset = 0)));
 }
 
 // Each would take minutes or longer if any text were looked at again for each value, member or level around it.
@@ -447,15 +432,14 @@ TEST(XmlRpcValue, LosesNothingWhereMemoryRunsOut) {
   FailEach([&] { copy = value; }, [&] { return copy == old; });
   FailEach([&] { copy.toXml(1); }, [&] { return copy == value; });
 
-  struct Echo : XmlRpcClientTransportHTTP {
+  struct : XmlRpcClientTransportHTTP {
     int execute(const std::string& request, std::string& answer) override {
-      const std::size_t start = request.find("<param>") + 7, end = request.rfind("</param>");
-      XmlRpcUtil::generateResponse(answer, request.substr(start, end - start));
+      answer = "<methodResponse><params><param>" + request.substr(request.find("<va>"));
       return 0;
     }
-  } transport;
+  } echo;
   XmlRpcValue result;
-  const auto call = [&] { EXPECT_EQ(0, XmlRpcClient(&transport).execute("method", value, result)); };
+  const auto call = [&] { EXPECT_EQ(0, XmlRpcClient(&echo).execute("method", value, result)); };
   FailEach(call, [&] { return !result.valid(); });
   EXPECT_EQ(value, result);
 }
