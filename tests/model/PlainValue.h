@@ -99,7 +99,8 @@ struct PlainValue {
     const std::size_t parts = random() % (random() % 64 == 0 ? 120 : 4);
     while (v.holds(Value::TypeArray) && v.elements.size() < parts) v.elements.push_back(Random(random, depth - 1));
     for (std::size_t i = 0; v.holds(Value::TypeStruct) && i < parts; ++i) {
-      v.members[RandomText(random)] = Random(random, depth - 1);
+      const std::string name = RandomText(random);
+      v.members[name] = Random(random, depth - 1);
     }
     return v;
   }
