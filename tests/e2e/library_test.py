@@ -111,7 +111,7 @@ class InstalledLibrary(unittest.TestCase):
             out = self.work / f"configured-{name}"
             run("cmake", "-S", SOURCE, "-B", out, f"-DCMAKE_INSTALL_LIBDIR={libdir}", "-DBUILD_TESTING=OFF",
                 f"-DCMAKE_INSTALL_INCLUDEDIR={includedir}", f"-DCMAKE_CXX_COMPILER={self.compiler}")
-            for library in BUILD.rglob("libtarn*.a"):  # built before, from the same sources
+            for library in [*BUILD.glob("net/*.a"), *BUILD.glob("xmlrpc/**/*.a")]:  # built before, from the same sources
                 shutil.copy(library, out / library.relative_to(BUILD))
             run("cmake", "--install", out, "--component", "library", "--prefix", self.work / f"prefix-{name}")
             pkgconfig = self.work / f"prefix-{name}" / libdir / "pkgconfig"

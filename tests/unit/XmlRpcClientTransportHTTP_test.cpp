@@ -183,6 +183,8 @@ TEST(XmlRpcClientTransportHTTP, IsConfiguredByAStructWithAnAddressAndAPort) {
     EXPECT_EQ(-4320, refused.Connect());
     EXPECT_EQ(-4320, refused.Connect(500));
   }
+  EXPECT_EQ(before, CountDescriptors());
+  EXPECT_EQ(-4320, refused.Connect());
   EXPECT_EQ(0U, refused.timeout);
   EXPECT_EQ(before, CountDescriptors());
 }
