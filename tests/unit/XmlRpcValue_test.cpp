@@ -62,8 +62,12 @@ std::string Thrown(const std::function<void()>& action) {
 
 TEST(XmlRpcValue, IsWrittenAndComparedLikeTheModelAndCopiedWhole) {
   std::mt19937 random(1);
+  for (const std::size_t length :
+       {1023, 1024, 1025}) {  // all as long as a character becomes, into exactly the room for it
+    const std::string text(length, '"');
+    ASSERT_EQ("<va>" + PlainEncode(text) + "</va>", XmlRpcValue(text).toXml(1));
+  }
   PlainValue former;
-  std::string ini, expected;
   for (int i = 0; i < 3000; ++i) {
     PlainValue plain = PlainValue::Random(random, 4);
     const XmlRpcValue value = plain.make();
@@ -118,6 +122,19 @@ TEST(XmlRpcValue, IsReadLikeTheModel) {
     for (auto n = i % 4 == 0 ? random() % 60 : 0; n > 0; --n) data.push_back(broken[random() % 8]);
     for (auto n = random() % 40; n > 0; --n) data.push_back(random() % 4 > 0 ? frequent[random() % 16] : random() % 64);
     LLVMFuzzerTestOneInput(data.data(), data.size());
+  }
+  // What a member's far name leads to is read twice, the second time deeper: it counts for the deepest level then too.
+  for (std::size_t depth = 244; depth < 258; ++depth) {
+    for (std::size_t levels = 0; levels < 8; ++levels) {
+      std::vector<std::uint8_t> data = {0x80, array, array, 57, 1};
+      data.insert(data.end(), depth, array);
+      data.insert(data.end(), {57, 59});
+      data.insert(data.end(), levels, array);
+      data.insert(data.end(), {58, 12, 11});
+      LLVMFuzzerTestOneInput(data.data(), data.size());
+      data.insert(data.end() - 1, {11, 59, 58, 12});
+      LLVMFuzzerTestOneInput(data.data(), data.size());
+    }
   }
   // A whole value with one character replaced, cut out or put in; and each type on its own, with its end left out.
   const std::string characters("<>/&;=aln0159-+.:TxA \n\0\xe4", 25);
