@@ -8,8 +8,10 @@ std::string sInterfaceName = "eth0";
 
 namespace {
 
+constexpr int LOWEST_FAILURE = -9999;
+
 /// What else a call may return counts as a success: a positive fault code, and what lies below.
-bool IsFailure(int status) { return status >= -9999 && status <= -1; }
+bool IsFailure(int status) { return status >= LOWEST_FAILURE && status <= -1; }
 
 /// Whether a response does not name the method called, while one to an earlier request is still to come. A fault names
 /// none, so that a late fault cannot be told from the call's own.
@@ -35,7 +37,7 @@ bool TarnDDPCommand_Init(const std::string& host, int port, const std::string& i
   if (XmlRpcTransport.Connect(CONNECT_TIMEOUT_MS) >= 0) return true;
   // No status of Connect() is that low: a success at this attempt is told as a failure, which costs a line on the
   // console and nothing else, because everything that follows asks IsConnected().
-  return XmlRpcTransport.Connect(CONNECT_TIMEOUT_MS) < -9999;
+  return XmlRpcTransport.Connect(CONNECT_TIMEOUT_MS) < LOWEST_FAILURE;
 }
 
 bool IsConnected() { return XmlRpcTransport.connected; }
