@@ -93,9 +93,10 @@ void Forward(const std::string& datagram) {
   CallDeviceService(SendSysCmd::MethodName, params, results);
 }
 
-/// Whether the request is for this device; takes the MAC filter, which says so, out of the fields.
+/// Whether the request is for this device; takes the MAC filter, which says so, out of the fields. There are two at
+/// least, because a line end separates them.
 bool PassMacFilter(Fields& fields) {
-  if (fields.size() < 2 || !TarnDDPCommand_IsMacAddress(fields[1])) return true;
+  if (!TarnDDPCommand_IsMacAddress(fields[1])) return true;
   if (!Server.IsOwnMacAddress(fields[1])) return false;
   fields.erase(fields.begin() + 1);
   return true;

@@ -43,7 +43,6 @@ Group groups[] = {{AF_INET, address_IPV4, "/proc/net/igmp", Upkeep_ListsGroupIPV
 /// The sockets are new ones.
 void ForgetJoins() {
   for (Group& group : groups) group.joinedIndex = 0;
-  Upkeep_ExpectNetworkChange();
 }
 
 /// Where the C library would keep what was freed in small pieces.

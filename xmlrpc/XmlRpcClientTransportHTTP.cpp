@@ -87,7 +87,7 @@ bool XmlRpcClientTransportHTTP::HasInput() {
   char piece[256];
   for (int pieces = 0; pieces < MOST_PIECES; ++pieces) {
     const ssize_t count = recv(_tcp.GetSocket(), piece, sizeof piece, MSG_DONTWAIT);
-    if (count < 0) return errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && _tcp.GetSocket() >= 0;
+    if (count < 0) return errno != EAGAIN && _tcp.GetSocket() >= 0;
     const std::string_view text(piece, static_cast<std::size_t>(count));
     if (text.empty() || text.find_first_not_of("\r\n") != std::string_view::npos) return true;
   }
@@ -120,8 +120,6 @@ int XmlRpcClientTransportHTTP::exchange(const std::string& request, std::string&
   const std::string message = generateHeader(request) + request;
   if (!_tcp.Send(message.data(), message.size())) return Fail(answer, "Transmission failed!", -1, STATUS_SEND_FAILED);
   ++_owed;
-  _header.clear();
-  _response.clear();
   _head = HttpHead();
 
   int status = STATUS_HEADER_INCOMPLETE;
@@ -167,7 +165,6 @@ int XmlRpcClientTransportHTTP::readHeader() {
   _contentLength = _head.contentLength();
   XmlRpcUtil::log(4, "client read content length: %d", _contentLength);
   _response = _header.c_str() + _head.bodyStart();  // up to a zero byte; what arrives later is taken whole
-  _header.clear();
   return 0;
 }
 

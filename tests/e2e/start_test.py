@@ -76,6 +76,8 @@ class Start(DeviceTest):
                 daemon = self.start_daemon(*options)
                 self.assertIn(said, daemon.output())
                 self.assertEqual(daemon.routes()[0], f"[add][-net][224.0.0.0][netmask][224.0.0.0][{interface}]")
+                for way in ddp_query.WAYS:   # by the groups of the interface that the system chose, if it is absent
+                    self.assertEqual(self.ask(ENABLE, way), ACK)
         self.assertFalse(mark.exists())
 
     def test_daemonizing(self):

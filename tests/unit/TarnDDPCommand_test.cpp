@@ -91,6 +91,7 @@ TEST(Command, NeverTakesALateAnswerForItsOwn) {
       }
     });
     ASSERT_TRUE(TarnDDPCommand_Init("127.0.0.1", peer.port, "absent0"));
+    EXPECT_EQ(500U, XmlRpcTransport.timeout);
     const std::string empty = TarnDDPCommand_Execute(ident, false);
     EXPECT_NE(std::string::npos, empty.find("\tOAN:Tessel ???\t")) << "no answer in time";
     EXPECT_TRUE(IsConnected());
@@ -99,6 +100,20 @@ TEST(Command, NeverTakesALateAnswerForItsOwn) {
     EXPECT_EQ(staysConnected, IsConnected()) << late << datagram;
     TarnDDPCommand_Final();
   }
+}
+
+TEST(Command, ServiceThatNeverOwesNeedNotNameItsMethods) {
+  LoopbackPeer peer([](int connection) {
+    while (!ReadUpTo(connection, "</methodCall>").empty()) Write(connection, HttpAnswer("?"));
+  });
+  XmlRpcClient = TarnXmlRpc::XmlRpcClient(&XmlRpcTransport);
+  ASSERT_TRUE(TarnDDPCommand_Init("127.0.0.1", peer.port, "absent0"));
+  for (const char* const datagram : {ident, address, mode, ident}) {
+    const std::string reply = TarnDDPCommand_Execute(datagram, false);
+    EXPECT_EQ(datagram == ident ? "SID:0\tOAN:\t" : "ACK\n", reply.substr(0, 11)) << datagram;
+    EXPECT_TRUE(IsConnected());
+  }
+  TarnDDPCommand_Final();
 }
 
 TEST(Command, IsTheFirstFieldAsItStandsAndTheFilterTheSecond) {
@@ -115,5 +130,6 @@ TEST(DeviceService, IsTriedAnewWithItsOwnTimeoutAndNoDescriptorLost) {
   const int before = CountDescriptors();
   for (int i = 0; i < 1000; ++i) ASSERT_FALSE(TarnDDPCommand_Init("127.0.0.1", 1, "dev0"));
   EXPECT_EQ(2000U, XmlRpcTransport.timeout);
+  EXPECT_EQ("dev0", sInterfaceName);
   EXPECT_EQ(before, CountDescriptors());
 }

@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
@@ -56,11 +57,35 @@ int SocketOf(const char* port) {
 }
 
 /// What is done 5 s later, and said on standard error.
-std::string NextUpkeep() {
+std::string NextUpkeep(const char* interface = "lo") {
   testing::internal::CaptureStderr();
   Upkeep_ExpectNetworkChange();
-  Upkeep_Network("lo");
+  Upkeep_Network(interface);
   return testing::internal::GetCapturedStderr();
+}
+
+/// The groups that the kernel has on the interface of that index.
+std::string Joined(unsigned index) {
+  std::ifstream igmp("/proc/net/igmp"), igmp6("/proc/net/igmp6");
+  const std::string list{std::istreambuf_iterator<char>(igmp), {}}, list6{std::istreambuf_iterator<char>(igmp6), {}};
+  const bool isIPV4 = Upkeep_ListsGroupIPV4(list, index, address_IPV4);
+  const bool isIPV6 = Upkeep_ListsGroupIPV6(list6, index, address_IPV6);
+  return isIPV4 && isIPV6 ? "both" : isIPV4 ? "IPv4" : isIPV6 ? "IPv6" : "none";
+}
+
+/// A socket may have some twenty memberships, those on interfaces that are gone included; and one that lost a group has
+/// it still, as far as a socket of ours is told.
+TEST(Upkeep, JoinsOnAnyNumberOfInterfacesOneAfterTheOther) {
+  for (int i = 0; i < 25; ++i) {
+    ASSERT_EQ(0, std::system("ip link add tarn2 type veth peer name tarn3 && ip link set tarn2 up"));
+    const unsigned index = if_nametoindex("tarn2");
+    NextUpkeep("tarn2");
+    ASSERT_EQ("both", Joined(index)) << i;
+    ASSERT_EQ(0, i != 0 ? 0 : std::system("ip link set tarn2 mtu 1000 && ip link set tarn2 mtu 1500"));
+    NextUpkeep("tarn2");
+    ASSERT_EQ("both", Joined(index)) << "lost by a change of the MTU";
+    ASSERT_EQ(0, std::system("ip link del tarn2"));
+  }
 }
 
 TEST(Upkeep, OpensASingleClosedEndpointLaterAndTellsItOnce) {
@@ -73,7 +98,9 @@ TEST(Upkeep, OpensASingleClosedEndpointLaterAndTellsItOnce) {
     any.sin6_family = AF_INET6;
     any.sin6_port = htons(static_cast<in_port_t>(std::stoi(ports[taken])));
     ASSERT_EQ(0, bind(holder, reinterpret_cast<const sockaddr*>(&any), sizeof any));
+    Server.connectionsOpen = false;
     EXPECT_TRUE(Server.InitConnections());
+    EXPECT_TRUE(Server.connectionsOpen);
     const std::string line = std::string("tarnddpd: UDP port ") + ports[taken] +
                              " could not be opened: Address already in use; tried again every 5 s\n";
     EXPECT_EQ(line, NextUpkeep());
@@ -86,17 +113,21 @@ TEST(Upkeep, OpensASingleClosedEndpointLaterAndTellsItOnce) {
     close(holder);
     close(unbound);
     const int others[] = {SocketOf(ports[(taken + 1) % 3]), SocketOf(ports[(taken + 2) % 3])};
+    const int member = socket(AF_INET6, SOCK_DGRAM, 0);  // so that the groups are there, but not for the new socket
+    const unsigned loopback = if_nametoindex("lo");
+    ip_mreqn group = {{}, {}, static_cast<int>(loopback)};
+    ipv6_mreq group6 = {{}, loopback};
+    inet_pton(AF_INET, address_IPV4, &group.imr_multiaddr);
+    inet_pton(AF_INET6, address_IPV6, &group6.ipv6mr_multiaddr);
+    EXPECT_EQ(0, setsockopt(member, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group));
+    EXPECT_EQ(0, setsockopt(member, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &group6, sizeof group6));
     EXPECT_EQ("", NextUpkeep());
+    close(member);
     EXPECT_EQ(others[0], SocketOf(ports[(taken + 1) % 3])) << "left alone";
     EXPECT_EQ(others[1], SocketOf(ports[(taken + 2) % 3])) << "left alone";
     EXPECT_NE(-1, SocketOf(ports[taken]));
     EXPECT_EQ(0, Server.GetEndpoints().at(static_cast<std::size_t>(taken)).error);
-    std::ifstream igmp("/proc/net/igmp"), igmp6("/proc/net/igmp6");
-    const std::string groups{std::istreambuf_iterator<char>(igmp), {}},
-        groups6{std::istreambuf_iterator<char>(igmp6), {}};
-    const unsigned loopback = if_nametoindex("lo");
-    EXPECT_TRUE(Upkeep_ListsGroupIPV4(groups, loopback, address_IPV4)) << "joined anew";
-    EXPECT_TRUE(Upkeep_ListsGroupIPV6(groups6, loopback, address_IPV6)) << "joined anew";
+    EXPECT_EQ("both", Joined(loopback)) << ports[taken];
   }
 }
 

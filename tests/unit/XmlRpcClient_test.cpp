@@ -3,6 +3,8 @@
 #include <functional>
 
 #include "rpc/RPCConf.h"
+#include "rpc/RPCMeas.h"
+#include "rpc/RPCSys.h"
 #include "xmlrpc/XmlRpcClient.h"
 #include "xmlrpc/XmlRpcClientTransportHTTP.h"
 #include "xmlrpc/XmlRpcUtil.h"
@@ -131,8 +133,43 @@ TEST(Bindings, GetReadsWhateverIsNoStringAsEmptyAndAddressesNeverShrink) {
   RPCConf::SetNetwork::CParams params;
   for (const int count : {0, -1}) params.SetSize_DNSAddresses(count);
   EXPECT_FALSE(params.hasMember("DNSAddresses"));
-  for (const int count : {1, 2, 1, 3}) params.SetSize_DNSAddresses(count), params["DNSAddresses"][0] = "8.8.8.8";
+  params.SetSize_DNSAddresses(1);
+  EXPECT_TRUE(params.hasMember("DNSAddresses"));
+  for (const int count : {2, 1, 3}) params.SetSize_DNSAddresses(count), params["DNSAddresses"][0] = "8.8.8.8";
   EXPECT_EQ(params["DNSAddresses"].toXml(1), "<va><ar><da><va>8.8.8.8</va><va></va><va></va></da></ar></va>");
+}
+
+TEST(Bindings, StartWithTheseMembers) {
+  const auto members = [](const XmlRpcValue& record) {  // "name=value" in their order, texts as they are
+    std::string text = record.toXml(1);
+    for (const auto& [tags, plain] : {std::pair("<va><st><me><na>", ""),
+                                      {"</va></me><me><na>", " "},
+                                      {"</na><va>", "="},
+                                      {"</va></me></st></va>", " "}}) {
+      for (std::size_t at = 0; (at = text.find(tags)) != std::string::npos;) {
+        text.replace(at, std::string(tags).size(), plain);
+      }
+    }
+    return text;
+  };
+  const std::pair<XmlRpcValue, std::string> rows[] = {
+      {RPCConf::GetNetwork::CParams(), "DeviceName= MethodID=RPCConf::GetNetwork "},
+      {RPCConf::GetNetwork::CResults(),
+       "DHCPActive=<i4>0</i4> GatewayAddress= IPAddress= MACAddress= MethodID=RPCConf::GetNetwork SubnetMask= "
+       "iRet=<i4>0</i4> "},
+      {RPCConf::SetNetwork::CParams(),
+       "Activate=<bo>0</bo> DHCPActive=<bo>0</bo> DeviceName= GatewayAddress= IPAddress= MethodID=RPCConf::SetNetwork "
+       "Save=<bo>0</bo> SubnetMask= "},
+      {RPCConf::SetNetwork::CResults(), "MethodID=RPCConf::SetNetwork iRet=<i4>0</i4> "},
+      {RPCMeas::GetGlobalSysInfos::CParams(), "MethodID=RPCMeas::GetGlobalSysInfos "},
+      {RPCMeas::GetGlobalSysInfos::CResults(),
+       "CasingModuleType=<i4>0</i4> DataBufferCount=<i4>0</i4> DataLoggerCount=<i4>0</i4> DeviceName= DeviceType= "
+       "Firmware= FunctionModuleType=<i4>0</i4> InternalProcessingRate=<do>0</do> IsBigEndian=<bo>0</bo> "
+       "MainModuleType=<i4>0</i4> MesurementRate=<do>0</do> MethodID=RPCMeas::GetGlobalSysInfos SerialNumber= "
+       "SlaveModuleCount=<i4>0</i4> SubModuleType=<i4>0</i4> TypeCode= VariablesCount=<i4>0</i4> "},
+      {RPCSys::SendSysCmd::CParams(), "MethodID=RPCSys::SendSysCmd Msg= "},
+      {RPCSys::SendSysCmd::CResults(), "MethodID=RPCSys::SendSysCmd "}};
+  for (const auto& [record, expected] : rows) EXPECT_EQ(members(record), expected);
 }
 
 }  // namespace
