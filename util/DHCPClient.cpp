@@ -45,7 +45,8 @@ struct Call {
 };
 
 void PrintError(const char* what) {
-  ul_PrStdOut(nullptr, 1, "Error - Configure Network with DHCP - could not %s (%s)\n", what, std::strerror(errno));
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error - Configure Network with DHCP - could not %s (%s)\n", what,
+              std::strerror(errno));
 }
 
 /// Reads the MAC address of the interface, or keeps the one from an earlier call.
@@ -54,7 +55,8 @@ bool ReadMac(const char* interface) {
   EthernetCfg_GetActSettings(nullptr, nullptr, nullptr, nullptr, nullptr, macText, nullptr);
   EthernetCfg_Final();
   if (macText[0] != '\0') return true;
-  ul_PrStdOut(nullptr, 1, "DHCP Client - ERROR: Could not read network settings of %s\n", InterfaceName(interface));
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - ERROR: Could not read network settings of %s\n",
+              InterfaceName(interface));
   return false;
 }
 
@@ -62,9 +64,9 @@ bool ReadMac(const char* interface) {
 void AddBroadcastRoute(const char* interface) {
   if (!SetRoute) return;
   const std::string command = "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(InterfaceName(interface));
-  ul_PrStdOut(nullptr, 1, "DHCP Client - %s\n", command.c_str());
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - %s\n", command.c_str());
   ul_RunRoute(command);
-  ul_PrStdOut(nullptr, 1, "DHCP Client - %s\n", command.c_str());
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - %s\n", command.c_str());
   SetRoute = false;
 }
 
@@ -106,7 +108,7 @@ bool Receive(int descriptor, int seconds, DHCPBuffer& buffer, std::size_t* recei
   FD_SET(descriptor, &readable);
   timeval timeout = {seconds, 0};
   if (select(FD_SETSIZE, &readable, nullptr, nullptr, &timeout) <= 0) {
-    ul_PrStdOut(nullptr, 1, "Error - Configure Network with DHCP - no response %s\n", silence);
+    ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error - Configure Network with DHCP - no response %s\n", silence);
     return false;
   }
   const ssize_t size = recv(descriptor, buffer.data(), buffer.size(), MSG_DONTWAIT);
@@ -164,7 +166,8 @@ bool Attempt(Call& call, int seconds) {
   bool acknowledged = false;
   if (call.failed || !OpenSocket(call) || !TalkToServer(call.descriptor, seconds, &acknowledged, &lease)) return false;
   StoreSettings(lease, &call.settings);
-  ul_PrStdOut(nullptr, 1, "DHCP Client - DHCP acknowledge received: address=%s mask=%s dns=%s gw=%s lease=%lds\n",
+  ul_PrStdOut(nullptr, PR_TIME_ONLY,
+              "DHCP Client - DHCP acknowledge received: address=%s mask=%s dns=%s gw=%s lease=%lds\n",
               call.settings.address, call.settings.mask, call.settings.nameServer, call.settings.gateway,
               static_cast<long>(call.settings.leaseSeconds));
   CloseSocket(call);
@@ -185,13 +188,13 @@ bool Exchange(Call& call, int attempts) {
 
 bool Apply(const char* interface, const Settings& settings, unsigned* leaseSeconds) {
   if (!EthernetCfg_Init(interface)) return true;  // a lease that nothing was set from: kept for compatibility
-  ul_PrStdOut(nullptr, 1, "DHCP Client - Configure %s with new network settings\n", interface);
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - Configure %s with new network settings\n", interface);
   const bool applied = EthernetCfg_SetActSettings(settings.address, settings.mask, settings.broadcast, settings.gateway,
                                                   settings.nameServer);
   if (applied) {
     if (leaseSeconds != nullptr) *leaseSeconds = settings.leaseSeconds;
   } else {
-    ul_PrStdOut(nullptr, 1, "DHCP Client - Failed to configure network settings of %s\n\n", interface);
+    ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - Failed to configure network settings of %s\n\n", interface);
   }
   EthernetCfg_Final();
   return applied;
@@ -200,10 +203,10 @@ bool Apply(const char* interface, const Settings& settings, unsigned* leaseSecon
 }  // namespace
 
 bool ul_ConfigureNetworkWithDHCP(const char* interface, int attempts, unsigned* leaseSeconds) {
-  ul_PrStdOut(nullptr, 1, "DHCP Client - DHCP request called for interface %s\n", InterfaceName(interface));
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - DHCP request called for interface %s\n", InterfaceName(interface));
   Call call;
   if (ReadMac(interface)) {
-    ul_PrStdOut(nullptr, 1, "DHCP Client - HW address of %s is %s\n", InterfaceName(interface), macText);
+    ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - HW address of %s is %s\n", InterfaceName(interface), macText);
     AddBroadcastRoute(interface);
   } else {
     call.failed = true;

@@ -43,13 +43,13 @@ ifreq RequestFor(const char* interface) {
 
 bool IsInitialized() {
   if (skfd >= 0 && ifName[0] != '\0') return true;
-  ul_PrStdOut(nullptr, 1, "Error: Network Socket not initialized!");
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: Network Socket not initialized!");
   return false;
 }
 
 /// Prints that the kernel refused something, and why (errno). Always false.
 bool Refused(const char* what) {
-  ul_PrStdOut(nullptr, 1, "Error: %s: %s\n", what, std::strerror(errno));
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: %s: %s\n", what, std::strerror(errno));
   return false;
 }
 
@@ -137,7 +137,7 @@ void ReplaceDefaultRoute(const char* gateway) {
   ul_RunRoute("route del default");
   const std::string command = "route add default gw " + ul_ShellWord(gateway) + "\n";
   ul_RunRoute(command);
-  ul_PrStdOut(nullptr, 1, "%s", command.c_str());
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "%s", command.c_str());
 }
 
 /// Last of all, as any text of the caller's may lie in the buffer itself.
@@ -150,7 +150,8 @@ void RememberGateway(const char* gateway) {
 bool GetFlags(const char* interface, ifreq* request) {
   *request = RequestFor(interface);
   if (ioctl(skfd, SIOCGIFFLAGS, request) >= 0) return true;
-  ul_PrStdOut(nullptr, 1, "Error: %s: unknown interface: %s\n", InterfaceName(interface), std::strerror(errno));
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: %s: unknown interface: %s\n", InterfaceName(interface),
+              std::strerror(errno));
   return false;
 }
 
@@ -158,11 +159,11 @@ bool GetFlags(const char* interface, ifreq* request) {
 void GiveUp() {
   ifreq request = {};
   if (std::strchr(ifName, ':') != nullptr && skfd < 0) {
-    ul_PrStdOut(nullptr, 1, "Error: No support for INET on this system.\n");
+    ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: No support for INET on this system.\n");
   } else if (GetFlags(ifName, &request)) {
     request.ifr_flags = static_cast<short>(request.ifr_flags & ~IFF_BROADCAST);
     if (ioctl(skfd, SIOCSIFFLAGS, &request) < 0) {
-      ul_PrStdOut(nullptr, 1, "Error: SIOCSIFFLAGS - %s", std::strerror(errno));
+      ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: SIOCSIFFLAGS - %s", std::strerror(errno));
     }
   }
   set_flag(ifName, IFF_UP | IFF_RUNNING);
@@ -185,7 +186,7 @@ bool EthernetCfg_Init(const char* interface) {
   std::memcpy(ifName, interface, strnlen(interface, longest));
   skfd = GateDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   skfdIsOpen = skfd >= 0;
-  if (!skfdIsOpen) ul_PrStdOut(nullptr, 1, "Error: Could not create socket for ethernet configuration\n");
+  if (!skfdIsOpen) ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: Could not create socket for ethernet configuration\n");
   return skfdIsOpen;
 }
 

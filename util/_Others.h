@@ -7,6 +7,9 @@
 // Console print: the one diagnostic print of the utility library. It never writes to the standard output. Its lines go
 // into the terminal pipe, and are dropped as long as nobody has opened that pipe. No locks; one line is one write().
 
+/// The `line` of messages that carry the time and, having no `file`, no place.
+inline constexpr int PR_TIME_ONLY = 1;
+
 /// Takes a finished text, without a line end of its own; the result is handed on.
 using ul_Pr_Handler = int (*)(const char* text);
 

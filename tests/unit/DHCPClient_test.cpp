@@ -46,8 +46,10 @@ struct Wire {
       return real_bind(own, address, size);
     };
     on_sendto = [this](int own, const void* data, size_t size, int flags, const sockaddr* to, socklen_t toSize) {
-      log += "send " + std::to_string(size) + " of type " + std::to_string(static_cast<const char*>(data)[242]) +
-             (static_cast<const char*>(data)[33] == 5 ? "" : " ?") + " to " + Text(to) + "\n";
+      const auto* const bytes = static_cast<const unsigned char*>(data);
+      const bool isOurs = bytes[33] == 5 && (bytes[242] == 1 || bytes[251] == 10);  // MAC, and address asked for
+      log += "send " + std::to_string(size) + " of type " + std::to_string(bytes[242]) + (isOurs ? " to " : " ? ") +
+             Text(to) + "\n";
       return real_sendto(own, data, size, flags, to, toSize);
     };
     on_select = [this](int, fd_set* readers, fd_set*, fd_set*, timeval* limit) {

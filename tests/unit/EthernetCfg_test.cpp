@@ -150,6 +150,9 @@ TEST_F(Interface, OnlyOurOwnSocketIsClosedAndLongNamesAreCut) {
   EXPECT_TRUE(EthernetCfg_Init(name.c_str()));
   EXPECT_TRUE(set_flag(name.c_str(), IFF_NOARP));
   EXPECT_FALSE(set_flag(nullptr, IFF_NOARP));
+  char mac[128] = "";
+  EXPECT_TRUE(EthernetCfg_GetActSettings(nullptr, nullptr, nullptr, nullptr, nullptr, mac, nullptr));
+  EXPECT_TRUE(ConfigureNameserver("10.1.0.2", nullptr, nullptr));
   Run("ip link show fifteen_letters | grep -q NOARP");
   for (int i = 0; i < 2; ++i) EXPECT_TRUE(EthernetCfg_AddMulticastRoute("dev0")) << "there already";
   EXPECT_EQ("224.0.0.0/3 dev dev0 scope link \n", Output("ip route show 224.0.0.0/3"));

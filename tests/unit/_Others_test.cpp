@@ -82,8 +82,8 @@ TEST(Console, PrefixFollowsFileAndLineAndTheWholeIsCut) {
 
 TEST(Console, SystemErrorTellsErrnoAndAMillionfoldTime) {
   Printed();
-  {
-    const StoppedClock clock(1000);
+  for (const std::time_t time : {900, 1000}) {
+    const StoppedClock clock(time);
     ul_Configure_Pr_SetFirstPrintTimeToActualTime();
     EXPECT_NE(std::string::npos, Printed().find("\tPrStdOut starttime resetted !!!\n"));
   }
