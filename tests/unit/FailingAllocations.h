@@ -34,6 +34,12 @@ constexpr std::size_t GUARD_SIZE = 16;
   std::free(block);
 }
 void* operator new[](std::size_t size) { return operator new(size); }
+// A sanitizer's own does not come to those above.
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept try {
+  return operator new(size);
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
 void operator delete[](void* block) noexcept { operator delete(block); }
 void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
 void operator delete[](void* block, std::size_t) noexcept { operator delete(block); }
