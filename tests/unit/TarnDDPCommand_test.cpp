@@ -50,6 +50,8 @@ TEST(Command, DisconnectsFromAServiceThatIsOutOfStepAndDoesWithoutOneThatFails) 
       {ident, infos, -3405, false, false},
       {ident, infos, THROWS, false, false},
       {ident, infos, 1, true, true},
+      {ident, infos, 0, true, true},
+      {ident, infos, -1, false, true},
       {ident, get, -3560, false, true},
       {ident, get, -3405, false, false},
       {mode, get, -3560, false, false},

@@ -97,3 +97,16 @@ TEST(TracePipe, IsMadeForEveryoneAndLeftAsSomebodyMadeIt) {
   isOldLibrary = false;
   EXPECT_FALSE(Enabled) << "until it is switched on";
 }
+
+TEST(TracePipe, StaysOpenWhereItIsInPlace) {
+  Shell(std::string("rm -rf ") + FOLDER);
+  char text = 0;
+  TracePipe pipe;
+  TarnDDPTrace_OpenPipe(pipe);
+  fcntl(pipe.descriptor, F_SETFL, O_NONBLOCK | O_APPEND);  // as a mark, which one that is opened anew does not bear
+  ASSERT_EQ(1, write(pipe.descriptor, "x", 1));
+  ul_MathAbsTime_Clear(&pipe.lookDeadline);
+  TarnDDPTrace_Step(pipe);
+  EXPECT_NE(0, fcntl(pipe.descriptor, F_GETFL) & O_APPEND);
+  EXPECT_EQ(-1, read(pipe.descriptor, &text, 1)) << "it was read";
+}
