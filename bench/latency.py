@@ -1,4 +1,5 @@
-"""Time, processor and memory of the daemon beside floors and a peer. Started by scripts/bench-daemon, inside the sandbox.
+"""Time, processor and memory of the daemon beside floors and a peer. Started by scripts/bench daemon, inside the
+sandbox.
 
 All processes share one core: free to move, they are measured with the scheduler's choices, which make the median jump.
 """

@@ -19,8 +19,9 @@ TEST(CBase64, DecodesAndEncodesLikeTheModelWithTheSameBuffers) {
   std::mt19937 random(1);
   CBase64 codec;
   EXPECT_EQ(std::string(), codec.GetEncoded());
-  for (int i = 0; i < 20000; ++i) {
-    const std::size_t length = i % 500 == 0 ? 4090 + random() % 12 : random() % 17 / (i % 2 + 1) * (i % 2 == 0 ? 1 : 4);
+  for (unsigned i = 0; i < 20000; ++i) {
+    const std::size_t length =
+        i % 500 == 0 ? 4090 + random() % 12 : random() % 17 / (i % 2 + 1) * (i % 2 == 0 ? 1U : 4U);
     const std::string text = RandomText(random, length, i % 3 == 0 ? 1000 : 6), bytes = PlainFromBase64(text);
     codec.Decode(text.c_str());
     ASSERT_EQ(bytes.size(), static_cast<std::size_t>(codec.GetDecodedLength())) << text;

@@ -54,7 +54,7 @@ TEST_F(Interface, EveryFailureIsTold) {
                     flags = "ioctl: 0 Error: dev0: unknown interface: " + link +
                             "ioctl: 0 Error: Could not configure interface flag: " + link;
   std::string states;
-  const auto told = [this](bool result) {
+  const auto told = [](bool result) {
     return std::to_string(result) + Undisturbed([] {
              const std::string text = Printed();
              return text.empty() ? "" : " " + text.substr(0, text.size() - 1);

@@ -63,7 +63,7 @@ std::string Thrown(const std::function<void()>& action) {
 TEST(XmlRpcValue, IsWrittenAndComparedLikeTheModelAndCopiedWhole) {
   std::mt19937 random(1);
   for (const std::size_t length :
-       {1023, 1024, 1025}) {  // all as long as a character becomes, into exactly the room for it
+       {1023U, 1024U, 1025U}) {  // all as long as a character becomes, into exactly the room for it
     const std::string text(length, '"');
     ASSERT_EQ("<va>" + PlainEncode(text) + "</va>", XmlRpcValue(text).toXml(1));
   }
