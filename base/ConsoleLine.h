@@ -16,6 +16,20 @@
 /// The most that a pipe takes in one piece once poll() calls it writable (PIPE_BUF of Linux).
 inline constexpr std::size_t ConsoleLineLimit = 4096;
 
+/// Whether `descriptor` takes at least a byte without waiting; no error beside it: the reader is there.
+inline bool IsWritable(int descriptor) {
+  pollfd stream = {descriptor, POLLOUT, 0};
+  return poll(&stream, 1, 0) == 1 && stream.revents == POLLOUT;
+}
+
+/// The slow way to write what fits without waiting, where a terminal cannot be opened anew: it is another user's, there
+/// is no /proc, or no descriptor is left.
+inline void WriteByteByByte(int descriptor, std::string_view line) {
+  for (const char byte : line) {
+    if (!IsWritable(descriptor) || write(descriptor, &byte, 1) != 1) return;
+  }
+}
+
 /// Writes what fits of `line` to the terminal `descriptor` without waiting: a terminal that poll() calls writable may
 /// still have too little room. Opens it anew for that, as O_NONBLOCK on `descriptor` itself would also hold for every
 /// other process that has the terminal from the same place.
@@ -23,9 +37,13 @@ inline void WriteToTerminal(int descriptor, std::string_view line) {
   char path[32];
   std::snprintf(path, sizeof path, "/proc/self/fd/%d", descriptor);
   const int own = GateDescriptor(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  const ssize_t written = write(own < 0 ? descriptor : own, line.data(), line.size());
+  if (own < 0) {
+    WriteByteByByte(descriptor, line);
+    return;
+  }
+  const ssize_t written = write(own, line.data(), line.size());
   static_cast<void>(written);
-  if (own >= 0) close(own);
+  close(own);
 }
 
 /// Writes `line`, which brings its own line end, to `descriptor` (standard output or error) in one write, and only if
@@ -34,8 +52,7 @@ inline void WriteToTerminal(int descriptor, std::string_view line) {
 /// if it goes between the look and the write, SIGPIPE is raised, which the program ignores or not.
 inline void ConsoleLine(int descriptor, std::string_view line) {
   const int cause = errno;
-  pollfd stream = {descriptor, POLLOUT, 0};
-  if (poll(&stream, 1, 0) == 1 && stream.revents == POLLOUT) {  // no error beside it: the reader is there
+  if (IsWritable(descriptor)) {
     line = line.substr(0, ConsoleLineLimit);
     if (isatty(descriptor) != 0) {
       WriteToTerminal(descriptor, line);

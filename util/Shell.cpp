@@ -80,7 +80,7 @@ pid_t StartShell(const std::string& command, int output, char* const* environmen
   const HarmlessStream errors(STDERR_FILENO);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  if (output != STDOUT_FILENO) posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);  // it may be closed
   sigset_t pipeSignal;
   sigemptyset(&pipeSignal);
   sigaddset(&pipeSignal, SIGPIPE);

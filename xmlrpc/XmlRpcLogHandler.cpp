@@ -24,12 +24,14 @@ WholeRun<DefaultLogHandler> defaultLogHandler;
 WholeRun<DefaultErrorHandler> defaultErrorHandler;
 
 /// Writes out what the program itself has printed so far, if that cannot wait: neither for another thread that holds
-/// the stream, nor for the reader of a full pipe, which takes ConsoleLineLimit bytes at most once it is writable.
+/// the stream, nor for the reader of a full pipe, which takes ConsoleLineLimit bytes once it is writable. A terminal
+/// may have less room then, so there the program's own text waits for its own flush.
 void FlushWithoutWaiting(std::FILE* stream) {
   if (ftrylockfile(stream) != 0) return;
   const std::size_t pending = __fpending(stream);
   pollfd output = {fileno(stream), POLLOUT, 0};
-  if (pending > 0 && pending <= ConsoleLineLimit && poll(&output, 1, 0) == 1 && output.revents == POLLOUT) {
+  if (pending > 0 && pending <= ConsoleLineLimit && isatty(output.fd) == 0 && poll(&output, 1, 0) == 1 &&
+      output.revents == POLLOUT) {
     std::fflush(stream);
   }
   funlockfile(stream);

@@ -32,7 +32,7 @@ void setVerbosity(int verbosity);
 
 /// Writes each message, cut to 4095 bytes, and a line break to standard output, at once. It never blocks: a message for
 /// which a full pipe has no room is dropped, and what the program itself has printed goes out before it only if it is
-/// at most 4096 bytes and there is room; else it follows when the program flushes it.
+/// at most 4096 bytes, there is room and it goes to no terminal; else it follows when the program flushes it.
 class DefaultLogHandler : public TarnXmlRpc::XmlRpcLogHandler {
  public:
   void log(int level, const char* msg) override;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sys/resource.h>
 
 #include <csignal>
 
@@ -35,7 +36,20 @@ TEST(ConsoleLine, IsWrittenWholeOrNotAtAllAndNeverWaited) {
   ConsoleLine(terminal[1], "told\n");
   EXPECT_EQ("told\r\n", Read(terminal[0]));
   for (int i = 0; i < 100; ++i) ConsoleLine(terminal[1], line);
+  while (!Read(terminal[0]).empty()) {
+  }
+  rlimit descriptors = {};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  const int next = dup(STDERR_FILENO);
+  close(next);
+  const rlimit none = {static_cast<rlim_t>(next), descriptors.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);  // now the terminal cannot be opened anew
+  ConsoleLine(terminal[1], "told all the same\n");
+  for (int i = 0; i < 100; ++i) ConsoleLine(terminal[1], std::string(701, 'x') + "\n");
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+  EXPECT_EQ("told all the same\r\n", Read(terminal[0]).substr(0, 19));
   alarm(0);
+  errno = EXDEV;
   EXPECT_EQ(0, fcntl(terminal[1], F_GETFL) & O_NONBLOCK) << "which would hold for everybody who has the terminal";
   const int saved = dup(STDERR_FILENO);
   dup2(ends[1], STDERR_FILENO);

@@ -116,7 +116,9 @@ TEST(Shell, ReaderThatStoppedIsNotWaitedForAndNoDescriptorIsLost) {
   }
   for (int stream = 0; stream < 3; ++stream) close(stream);
   const bool isRead = ul_ReadCommand("cd /proc/$PPID/fd && echo *", text);
+  const int routed = ul_RunRoute("exit 3");
   restore();
+  EXPECT_EQ(3, WEXITSTATUS(routed)) << "run, though there is no standard output to give it";
   EXPECT_TRUE(isRead);
   for (const char* standard : {" 0 ", " 1 ", " 2 "}) EXPECT_EQ(std::string::npos, (" " + text).find(standard)) << text;
   EXPECT_EQ(before, CountDescriptors());

@@ -1,5 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 #include <thread>
@@ -126,6 +128,17 @@ TEST(Log, NeverBlocksAndKeepsItsLineBreak) {
   EXPECT_EQ(output.Take(), "passes\n");
   std::fflush(stdout);
   EXPECT_EQ(output.Take(), "kept");
+
+  // A terminal that poll() calls writable may have too little room for what is pending.
+  int terminal[2] = {};
+  ASSERT_EQ(openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr), 0);
+  dup2(terminal[1], STDOUT_FILENO);
+  for (int i = 0; i < 100; ++i) {
+    std::fwrite(std::string(3000, 'x').data(), 1, 3000, stdout);
+    log("told");
+    __fpurge(stdout);
+  }
+  for (const int descriptor : terminal) close(descriptor);
   alarm(0);
 }
 

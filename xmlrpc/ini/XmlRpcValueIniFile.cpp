@@ -1,9 +1,11 @@
 #include <SimpleIni.h>
+#include <fcntl.h>
 
 #include <cstdio>
 #include <memory>
 #include <utility>
 
+#include "base/Descriptor.h"
 #include "xmlrpc/XmlNumbers.h"
 #include "xmlrpc/XmlRpcValue.h"
 
@@ -23,7 +25,15 @@ struct Closer {
 /// Closed also when memory runs out in SimpleIni.
 using File = std::unique_ptr<std::FILE, Closer>;
 
-File Open(const std::string& name, const char* mode) { return File(std::fopen(name.c_str(), mode)); }
+/// What fopen(`name`, `mode`) does, with a descriptor that takes no standard stream's place and that no command
+/// inherits.
+File Open(const std::string& name, const char* mode) {
+  const int how = *mode == 'w' ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
+  const int descriptor = GateDescriptor(open(name.c_str(), how | O_CLOEXEC, 0666));
+  File file(descriptor < 0 ? nullptr : fdopen(descriptor, mode));
+  if (file == nullptr && descriptor >= 0) CloseKeepingErrno(descriptor);
+  return file;
+}
 
 /// Closes a file that was written; false if not everything reached it.
 bool CloseWritten(File file) {
