@@ -53,7 +53,7 @@ bool CallDeviceService(const char* method, const TarnXmlRpc::XmlRpcValue& params
   const unsigned owed = XmlRpcTransport.OwedResponses();
   try {
     const int status = XmlRpcClient.execute(method, params, results);
-    const bool hasResponse = XmlRpcTransport.OwedResponses() == owed;
+    const bool hasResponse = status != TarnXmlRpc::STATUS_SEND_FAILED && XmlRpcTransport.OwedResponses() == owed;
     const bool isLate = owed > 0 && hasResponse && IsOfAnotherCall(method, params, results);
     const bool isTimeout = status == STATUS_RECEIVE_TIMEOUT && afterTimeout == AfterTimeout::Disconnect;
     if (isLate || isTimeout || status == STATUS_OUT_OF_STEP) XmlRpcTransport.Disconnect();

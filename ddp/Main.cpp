@@ -55,12 +55,23 @@ void Serve() {
   usleep(1000);
 }
 
+/// Ends the process where there is an answer to print instead of serving.
+void AnswerInstead(int argc, char** argv) {
+  const char* const answer = AnswerInsteadOfServing(argc, argv);
+  if (answer == nullptr) return;
+  const bool isTold = std::fputs(answer, stdout) >= 0 && std::fflush(stdout) == 0;
+  _exit(isTold ? EXIT_SUCCESS : EXIT_FAILURE);
+}
+
+#ifdef __GLIBC__
+// glibc hands the command line to these as well: here nothing is open yet, as it is in main(), which `Server` precedes.
+[[gnu::constructor(101)]] void AnswerBeforeServerIsMade(int argc, char** argv) { AnswerInstead(argc, argv); }
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (const char* const answer = AnswerInsteadOfServing(argc, argv)) {
-    return std::fputs(answer, stdout) >= 0 && std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
-  }
+  AnswerInstead(argc, argv);
   Startup_Prepare();
   ReadOptions(argc, argv);
   Print("Starting Tessel01 DDP Server");

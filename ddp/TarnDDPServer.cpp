@@ -214,11 +214,6 @@ bool TarnDDPServer::JoinGroups(unsigned index) {
   return JoinGroup(AF_INET6, index) && isJoinedIPV4;
 }
 
-void TarnDDPServer::LeaveGroups(unsigned index) {
-  LeaveGroup(AF_INET, index);
-  LeaveGroup(AF_INET6, index);
-}
-
 bool TarnDDPServer::JoinGroup(int family, unsigned index) {
   return ChangeGroup(family, IP_ADD_MEMBERSHIP, IPV6_ADD_MEMBERSHIP, index) || errno == EADDRINUSE;
 }

@@ -54,11 +54,9 @@ class TarnDDPServer {
   /// Joins both groups on the interface of that index as well; having joined there before is fine. True if both are now
   /// joined there. Nothing is printed.
   bool JoinGroups(unsigned index);
-  /// Forgets the joins of JoinGroups(`index`). The system remembers those on an interface that is gone, and lets a
-  /// socket have about twenty.
-  void LeaveGroups(unsigned index);
   /// The same for one group, that of `family` (AF_INET or AF_INET6).
   bool JoinGroup(int family, unsigned index);
+  /// Forgets that join. The system remembers those on an interface that is gone, and lets a socket have about twenty.
   bool LeaveGroup(int family, unsigned index);
 
   /// An endpoint that is closed has an `error`, the errno of why its socket could not be made or bound; an open one 0.

@@ -125,14 +125,22 @@ void SendText(char (&buffer)[LONGEST_TEXT + 1], std::size_t length) {
   }
 }
 
-/// After the directory told of a change. However many there are, we look ten times a second at most.
-void LookAnew(TracePipe& pipe) {
-  constexpr int PAUSE_MS = 100;
+void HasLooked(TracePipe& pipe) {
+  pipe.isLookDue = false;
+  ul_MathAbsTime_NowAddParam_US(LOOK_INTERVAL_US, &pipe.lookDeadline);
+}
+
+/// After the directory told of a change. However many there are, we look ten times a second at most, and read the pipe
+/// meanwhile.
+void LookSoon(TracePipe& pipe) {
+  constexpr std::uint64_t PAUSE_US = 100000;
   char events[4096];  // what does not fit makes us look once more
   const ssize_t size = read(pipe.watch, events, sizeof events);
   static_cast<void>(size);
-  ul_MathAbsTime_Clear(&pipe.lookDeadline);
-  poll(nullptr, 0, PAUSE_MS);
+  AbsTime_US soon = 0;
+  ul_MathAbsTime_NowAddParam_US(PAUSE_US, &soon);
+  pipe.lookDeadline = std::min(pipe.lookDeadline, soon);
+  pipe.isLookDue = true;
 }
 
 void* FIFO_Thread_Handler(void*) {
@@ -168,7 +176,7 @@ bool TarnDDPTrace_OpenPipe(TracePipe& pipe) {
   failures.openError = Reopen(pipe.descriptor);
   if (!AreSame(failures, pipe.told)) PrintFailures(failures);
   pipe.told = failures;
-  ul_MathAbsTime_NowAddParam_US(LOOK_INTERVAL_US, &pipe.lookDeadline);
+  HasLooked(pipe);
   return !failures.noDirectory && !failures.noPipe && !failures.noPipeModes;
 }
 
@@ -176,15 +184,15 @@ void TarnDDPTrace_Step(TracePipe& pipe) {
   constexpr int PAUSE_MS = 2000;
   if (ul_MathAbsTime_NowIsHigherParam(&pipe.lookDeadline)) {
     if (!IsInPlace(pipe)) TarnDDPTrace_OpenPipe(pipe);
-    ul_MathAbsTime_NowAddParam_US(LOOK_INTERVAL_US, &pipe.lookDeadline);
+    HasLooked(pipe);
   }
-  pollfd inputs[] = {{pipe.descriptor, POLLIN, 0}, {pipe.watch, POLLIN, 0}};
+  pollfd inputs[] = {{pipe.descriptor, POLLIN, 0}, {pipe.isLookDue ? -1 : pipe.watch, POLLIN, 0}};
   const int untilLook = MillisecondsUntil(pipe.lookDeadline);
   if (poll(inputs, 2, pipe.descriptor < 0 ? std::min(PAUSE_MS, untilLook) : untilLook) <= 0) {
     if (pipe.descriptor < 0) TarnDDPTrace_OpenPipe(pipe);
     return;
   }
-  if (inputs[1].revents != 0) LookAnew(pipe);
+  if (inputs[1].revents != 0) LookSoon(pipe);
   if (inputs[0].revents == 0) return;
 
   char buffer[LONGEST_TEXT + 1] = {};

@@ -31,6 +31,7 @@ struct TracePipe {
   int descriptor = -1;
   int watch = -1;               // inotify(7) on the directory; -1 where it is refused
   AbsTime_US lookDeadline = 0;  // when to look whether the path still leads to the open pipe
+  bool isLookDue = false;       // soon, after a change: until then the watch has nothing more to tell
   Failures told = {};           // those that were printed last
 };
 

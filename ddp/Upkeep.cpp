@@ -82,8 +82,7 @@ void JoinAnew(Group& group, unsigned index) {
   char name[IF_NAMESIZE];
   const bool isGone = group.joinedIndex != 0 && if_indextoname(group.joinedIndex, name) == nullptr;
   if (isGone || index == group.joinedIndex) Server.LeaveGroup(group.family, group.joinedIndex);
-  Server.JoinGroup(group.family, index);
-  group.joinedIndex = index;
+  group.joinedIndex = Server.JoinGroup(group.family, index) ? index : 0;
 }
 
 void TellClosedEndpoints() {
@@ -104,6 +103,7 @@ void OpenEndpoints() {
   const bool isOpen = Server.InitConnections();
   Print(isOpen ? "Successfully opened server conenctions" : "Failed to open server connections");
   ForgetJoins();
+  Upkeep_ExpectNetworkChange();
 }
 
 }  // namespace

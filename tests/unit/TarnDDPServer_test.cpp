@@ -59,7 +59,7 @@ TEST(Server, JoinsAndLeavesEachGroupOnAnInterface) {
   EXPECT_EQ(0, std::system(("grep -q '" + member + "' /proc/net/igmp6 && grep -q 800500E0 /proc/net/igmp").c_str()));
   ASSERT_EQ(0, std::system("ip link del tarn2"));
   EXPECT_TRUE(Server.JoinGroup(AF_INET6, passing)) << "still remembered";
-  Server.LeaveGroups(passing);
+  for (const int family : {AF_INET, AF_INET6}) Server.LeaveGroup(family, passing);
   for (const int family : {AF_INET, AF_INET6}) EXPECT_FALSE(Server.JoinGroup(family, passing)) << family;
   EXPECT_FALSE(Server.JoinGroups(passing));
 }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <sstream>
 
@@ -109,4 +110,19 @@ TEST(TracePipe, StaysOpenWhereItIsInPlace) {
   TarnDDPTrace_Step(pipe);
   EXPECT_NE(0, fcntl(pipe.descriptor, F_GETFL) & O_APPEND);
   EXPECT_EQ(-1, read(pipe.descriptor, &text, 1)) << "it was read";
+}
+
+TEST(TracePipe, IsReadAtFullSpeedWhileFilesComeAndGoBesideIt) {
+  Shell(std::string("rm -rf ") + FOLDER);
+  TracePipe pipe;
+  TarnDDPTrace_OpenPipe(pipe);
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 50; ++i) {
+    close(open("/tmp/tsl_app/other", O_CREAT | O_CLOEXEC, 0600));
+    unlink("/tmp/tsl_app/other");
+    ASSERT_EQ(1, write(pipe.descriptor, "x", 1));
+    TarnDDPTrace_Step(pipe);
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3)) << "a pause of 0.1 s makes 5";
+  for (const int descriptor : {pipe.descriptor, pipe.watch}) close(descriptor);
 }
