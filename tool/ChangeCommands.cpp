@@ -66,7 +66,7 @@ int SetIP(const SetIPOptions& options) {
   const auto device = session.Find(options.device);
   if (!device) return StatusNotDone;
   const Seen before = SeenOf(*device);
-  if (IsInForce(wanted, before)) {
+  if (before.settings.dhcp && IsInForce(wanted, before)) {  // unknown while the service is away: then it is sent
     const std::string words = InWords(before.settings) + " already; nothing was sent";
     return Finish(ReportOn(*device, {Result::Done, words}, before.settings), options.json);
   }

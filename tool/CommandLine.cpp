@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <type_traits>
 #include <utility>
 
 #include "tool/Output.h"
@@ -64,15 +65,14 @@ void AddDryRun(CLI::App& app, Options& options) {
 
 void Declare(CLI::App& app, ScanOptions& options) {
   app.description("Finds the devices and prints them as a table.");
-  CLI::Option* expect =
-      app.add_option("--expect", options.expect, "End as soon as N devices were heard; fewer is a failure")
-          ->type_name("N")
-          ->check(CLI::Range(1, 1000000));
+  app.add_option("--expect", options.expect,
+                 "End as soon as N devices were heard; fewer is a failure (not with --watch)")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1000000));
   CLI::Option* watch =
       app.add_flag("--watch", options.watch, "Ask every 2 s until Ctrl-C; tell what comes, changes and goes");
   CLI::Option* json = app.add_flag("--json", options.json, "Print one JSON object a line");
   app.add_flag("--csv", options.csv, "Print a plan for \"tarnddp apply\"")->excludes(watch)->excludes(json);
-  expect->excludes(watch);
 }
 
 void Declare(CLI::App& app, SetIPOptions& options) {
@@ -122,12 +122,31 @@ void Declare(CLI::App& app, SendOptions& options) {
   app.add_option("ARGUMENT", options.arguments, "Its arguments (behind -- if one begins with -)")->type_name("");
 }
 
+// CLI11 takes a word in brackets for a list and unpacks it. With this in front, no word of the user's is one.
+constexpr char Plain = '\x01';
+
+void Escape(std::string& word) {
+  if (!word.empty() && (word.front() == '[' || word.front() == Plain)) word.insert(word.begin(), Plain);
+}
+void Unescape(std::string& word) {
+  if (!word.empty() && word.front() == Plain) word.erase(word.begin());
+}
+
+template <typename Options>
+void Restore(Options&) {}
+void Restore(SendOptions& options) {
+  Unescape(options.device);
+  Unescape(options.word);
+  for (std::string& argument : options.arguments) Unescape(argument);
+}
+
 template <typename Options>
 Command Read(const std::string& name, std::vector<std::string> words) {
   Options options;
   CLI::App app("", "tarnddp " + name);
   Declare(app, options);
   AddCommon(app, options);
+  if constexpr (std::is_same_v<Options, SendOptions>) std::for_each(words.begin(), words.end(), Escape);
   std::reverse(words.begin(), words.end());  // as CLI11 takes a list of words
   try {
     app.parse(words);
@@ -136,6 +155,7 @@ Command Read(const std::string& name, std::vector<std::string> words) {
   } catch (const CLI::Error& error) {
     return Ending{std::string(error.what()) + " (see tarnddp " + name + " --help)", StatusUsage};
   }
+  Restore(options);
   return options;
 }
 

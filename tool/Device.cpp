@@ -221,7 +221,8 @@ std::vector<Device> FindDevice(const std::vector<Device>& devices, std::string_v
   const std::optional<std::string> mac = ParseMac(wanted);
   std::vector<Device> found = those([&](const Device& device) { return mac && FactsOf(device.record).mac == mac; });
   if (!found.empty()) return found;
-  const std::string address = Lower(wanted);
+  const std::size_t zone = std::min(wanted.find('%'), wanted.size());  // an interface, whose letter case counts
+  const std::string address = Lower(wanted.substr(0, zone)) + std::string(wanted.substr(zone));
   found = those([&](const Device& device) { return AnswersFrom(device, address); });
   if (!found.empty()) return found;
   const std::optional<std::string> digits = MacDigits(wanted);

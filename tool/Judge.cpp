@@ -119,8 +119,14 @@ void JudgeAlone(Finding& finding, const Host& host) {
   if (!dropped.empty()) finding.problems.push_back(dropped);
 }
 
-/// By what two devices must not share, and the interface: the positions of the devices that have it.
-using Shared = std::map<std::pair<std::string, std::string>, std::vector<std::size_t>>;
+/// By what two devices must not share: the positions of the devices that have it.
+using Shared = std::map<std::string, std::set<std::size_t>>;
+
+std::string InterfacesText(const Device& device) {
+  std::string text;
+  for (const std::string& interface : InterfacesOf(device)) text += (text.empty() ? "" : ", ") + interface;
+  return text;
+}
 
 void JudgeShared(std::vector<Finding>& findings, const Shared& shared) {
   constexpr std::size_t named = 3;
@@ -136,7 +142,8 @@ void JudgeShared(std::vector<Finding>& findings, const Shared& shared) {
       }
       if (count == 0) continue;
       if (count > named) others += " and " + std::to_string(count - named) + " more";
-      findings[one].problems.push_back("has " + what.first + " in common with " + others + ", on " + what.second);
+      findings[one].problems.push_back("has " + what + " in common with " + others + ", on " +
+                                       InterfacesText(findings[one].device));
     }
   }
 }
@@ -157,12 +164,8 @@ std::vector<Finding> Judge(const std::vector<Device>& devices, const Host& host)
   Shared shared;
   for (const Device& device : devices) {
     const std::optional<std::string> mac = FactsOf(device.record).mac;
-    for (const std::string& interface : InterfacesOf(device)) {
-      if (mac) shared[{"the MAC address " + *mac, interface}].push_back(findings.size());
-      for (const IPv4 address : AddressesOf(device)) {
-        shared[{"the address " + IPv4Text(address), interface}].push_back(findings.size());
-      }
-    }
+    if (mac) shared["the MAC address " + *mac].insert(findings.size());
+    for (const IPv4 address : AddressesOf(device)) shared["the address " + IPv4Text(address)].insert(findings.size());
     findings.push_back({device, {}});
   }
   for (Finding& finding : findings) JudgeAlone(finding, host);

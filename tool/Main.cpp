@@ -32,7 +32,9 @@ int RunProgram(const std::vector<std::string>& words) {
   HandleInterrupts();
   const int status = std::visit([](const auto& options) { return Run(options); }, ReadCommandLine(words));
   ShowStatus({});
-  return status == StatusDone && !IsOutputGood() ? StatusNotDone : status;
+  if (IsOutputGood()) return status;
+  if (WasInterrupted()) return StatusInterrupted;
+  return status == StatusDone ? StatusNotDone : status;
 }
 
 }  // namespace

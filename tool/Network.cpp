@@ -174,7 +174,7 @@ void Network::Sockets::EnlargeBuffer(udp::socket& socket) {
   asio::socket_base::receive_buffer_size size(ReceiveBufferWanted());
   socket.set_option(size, ignored);
   socket.get_option(size, ignored);
-  receiveBuffer = std::min(receiveBuffer, size.value());
+  receiveBuffer = std::min(receiveBuffer, GrantedBuffer(size.value()));
 }
 
 void Network::Sockets::Listen(Link& link, udp::socket& socket, Way way) {

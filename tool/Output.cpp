@@ -30,7 +30,7 @@ void Print(std::string_view text) {
   Write(stdout, text);
   if (std::ferror(stdout) == 0) return;
   outputFailed = true;
-  if (errno != EPIPE) Say(std::string("standard output: ") + std::strerror(errno));
+  if (errno != EPIPE && !WasInterrupted()) Say(std::string("standard output: ") + std::strerror(errno));
 }
 
 bool IsOutputGood() { return !outputFailed; }

@@ -117,13 +117,17 @@ void TellInterfaces(const Network& network) {
 void TellProblems(const Network& network, const std::vector<Finding>& findings, bool isEnough) {
   for (const Finding& finding : findings)
     for (const std::string& problem : finding.problems) Say(Calling(finding.device) + ": " + problem);
+  if (isEnough) return TellReceiveBuffer(network);
+  TellLimits(network, findings);
+  if (!findings.empty()) return;
+  for (const std::string& line : ExplainSilence(HostOf(network))) Say(line);
+}
+
+void TellLimits(const Network& network, const std::vector<Finding>& findings) {
   TellReceiveBuffer(network);
-  if (isEnough) return;
   const Host host = HostOf(network);
   TellMissingWays(network, host);
   for (const std::string& line : ExplainFilters(findings, host)) Say(line);
-  if (!findings.empty()) return;
-  for (const std::string& line : ExplainSilence(host)) Say(line);
 }
 
 int Scan(const ScanOptions& options) { return options.watch ? Watch(options) : ScanOnce(options); }

@@ -24,6 +24,9 @@ void TellInterfaces(const Network& network);
 /// helps. `isEnough`: as many as were expected answered, so that only the devices themselves are spoken of.
 void TellProblems(const Network& network, const std::vector<Finding>& findings, bool isEnough);
 
+/// Says what may have kept devices other than these from being heard.
+void TellLimits(const Network& network, const std::vector<Finding>& findings);
+
 /// The rest of "scan --watch": until Ctrl-C ends the process, or standard output takes no more.
 int Watch(const ScanOptions& options);
 

@@ -23,12 +23,13 @@ void Screen::Finish(const std::vector<std::string>& lines) {
 
 void Screen::Clear() { Replace({}); }
 
-/// In one piece, and each line before what is left of the old one is cleared: nothing flickers.
+/// In one piece, so that nothing flickers. Each line is cleared before it is written: behind one as wide as the
+/// terminal the cursor still stands on its last column.
 void Screen::Replace(const std::vector<std::string>& lines) {
   if (lines == shown) return;
   std::string bytes;
   if (!shown.empty()) bytes += "\x1b[" + std::to_string(shown.size()) + "A\r";
-  for (const std::string& line : lines) bytes += line + "\x1b[K\n";
+  for (const std::string& line : lines) bytes += "\x1b[K" + line + "\n";
   bytes += "\x1b[J";
   Print(bytes);
   shown = lines;

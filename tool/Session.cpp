@@ -2,9 +2,11 @@
 
 #include <algorithm>
 
+#include "tool/Judge.h"
 #include "tool/Output.h"
 #include "tool/Render.h"
 #include "tool/Scan.h"
+#include "tool/Text.h"
 
 namespace tarnddp {
 namespace {
@@ -45,14 +47,18 @@ std::optional<Device> Session::Find(const std::string& wanted) const {
   if (found.size() == 1) return found[0];
   if (found.empty()) {
     const std::string heard = DevicesText(static_cast<int>(devices.size()));
-    Say("\"" + wanted + "\" is none of the " + heard + " heard (tarnddp scan shows them); nothing was sent");
-    if (devices.empty()) TellProblems(network, {}, false);
+    Say("\"" + Shown(wanted) + "\" is none of the " + heard + " heard (tarnddp scan shows them); nothing was sent");
+    if (devices.empty()) {
+      TellProblems(network, {}, false);
+    } else {
+      TellLimits(network, Judge(devices, HostOf(network)));
+    }
     return std::nullopt;
   }
-  Say("\"" + wanted + "\" means " + DevicesText(static_cast<int>(found.size())) + "; nothing was sent:");
+  Say("\"" + Shown(wanted) + "\" means " + DevicesText(static_cast<int>(found.size())) + "; nothing was sent:");
   for (const Device& device : found) {
     const std::optional<std::string> serial = FactsOf(device.record).serial;
-    Say("  " + Calling(device) + (serial ? ", serial number " + *serial : "") + ", at " + WhereHeard(device));
+    Say("  " + Calling(device) + (serial ? ", serial number " + Shown(*serial) : "") + ", at " + WhereHeard(device));
   }
   return std::nullopt;
 }

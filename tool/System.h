@@ -57,6 +57,9 @@ bool JoinGroup(int socket, IPv4 group, unsigned index);
 /// closed pipe reported as an error of writing. To be called first.
 void PrepareProcess();
 
+/// What of a receive buffer, as the socket option tells its size, is for what was asked for: Linux tells twice as much.
+int GrantedBuffer(int told);
+
 /// Columns and rows of the terminal that standard output is; nothing if it is none, or one that cannot move its cursor.
 struct TerminalSize {
   int columns = 0;

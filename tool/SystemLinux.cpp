@@ -258,6 +258,8 @@ void HandleInterrupts() {
   }
 }
 
+int GrantedBuffer(int told) { return told / 2; }
+
 bool WasInterrupted() { return interrupts > 0; }
 KeepOnInterrupt::KeepOnInterrupt() { keepers = keepers + 1; }
 KeepOnInterrupt::~KeepOnInterrupt() { keepers = keepers - 1; }

@@ -96,21 +96,4 @@ std::string Fitted(std::string_view shown, int columns) {
   return Fitted(std::string(Head(shown, columns - 1)) + "…", columns);
 }
 
-std::vector<std::string> Wrapped(std::string_view shown, int columns) {
-  constexpr int indent = 4;
-  std::vector<std::string> lines;
-  while (true) {
-    const int room = std::max(lines.empty() ? columns : columns - indent, 2);  // 2: one character is never wider
-    std::string_view head = Head(shown, room);
-    if (head.size() < shown.size()) {
-      const std::size_t blank = shown.substr(0, head.size() + 1).rfind(' ');
-      if (blank != std::string_view::npos && blank > 0) head = shown.substr(0, blank);
-    }
-    lines.push_back(std::string(lines.empty() ? 0 : indent, ' ') + std::string(head));
-    shown.remove_prefix(head.size());
-    if (!shown.empty() && shown.front() == ' ') shown.remove_prefix(1);
-    if (shown.empty()) return lines;
-  }
-}
-
 }  // namespace tarnddp

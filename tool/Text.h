@@ -22,7 +22,4 @@ int Width(std::string_view shown);
 /// `shown` filled up with blanks to `columns`, or cut to as many with a "…" at its end.
 std::string Fitted(std::string_view shown, int columns);
 
-/// `shown` as lines of at most `columns`, broken at blanks where there are any; all but the first are indented.
-std::vector<std::string> Wrapped(std::string_view shown, int columns);
-
 }  // namespace tarnddp

@@ -167,7 +167,7 @@ class Watcher {
   void TellFirst() {
     screen.Clear();
     if (devices.Count() == 0) return TellProblems(*network, {}, false);
-    for (const std::string& line : ExplainFilters(Judge(devices.All(), host), host)) Say(line);
+    TellLimits(*network, Judge(devices.All(), host));
     isDirty = true;
   }
 

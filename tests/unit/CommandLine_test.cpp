@@ -12,7 +12,7 @@ using namespace tarnddp;
 TEST(CommandLine, WrongUsageIsToldApart) {
   const std::vector<const char*> byCommand[] = {
       {"--help", "--version", "send --help"},
-      {"", "--json", "scan --watch --json --interface a --interface b", "--time=1.5 --expect 3"},
+      {"", "--json", "scan --watch --json --interface a --interface b", "--time=1.5 --expect 3", "--watch --expect 3"},
       {"set-ip halt 10.0.0.1/8", "set-ip d a --gateway b --dns c --force --dry-run --json"},
       {"dhcp d on", "dhcp --dry-run d off"},
       {"apply p.csv --yes", "apply p.csv"},
@@ -41,6 +41,11 @@ TEST(CommandLine, WordsReachTheirPlaces) {
   EXPECT_EQ("d x", set.device + " " + set.address);
   EXPECT_EQ("", set.gateway);
   EXPECT_FALSE(set.dns || set.force || set.dryRun || set.json);
+  const std::vector<std::string> bracketed = {"[1,2]", "[]", "[", "\x01", "\x01[x]"};
+  const auto send =
+      std::get<SendOptions>(ReadCommandLine({"send", "[d]", "[w]", "[1,2]", "[]", "[", "\x01", "\x01[x]"}));
+  EXPECT_EQ("[d] [w]", send.device + " " + send.word);
+  EXPECT_EQ(bracketed, send.arguments);
   EXPECT_TRUE(std::get<DhcpOptions>(ReadCommandLine({"dhcp", "d", "on"})).on);
   EXPECT_FALSE(std::get<DhcpOptions>(ReadCommandLine({"dhcp", "d", "off"})).on);
 }

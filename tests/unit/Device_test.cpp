@@ -103,6 +103,7 @@ TEST(Devices, AreFoundByWhatALabelOrATableShows) {
   heard.Add({SourceOf("e", "192.168.1.2"), RecordOf("00:1b:c4:0b:ff:05", "ff05", "10.0.0.8", "Bench 2")});
   heard.Add({SourceOf("e", "192.168.1.3"), RecordOf("00:1b:c4:0a:aa:aa", "192.168.1.2", "10.0.0.7", "Be\x1bnch 2")});
   heard.Add({SourceOf("e", "192.168.1.4"), RecordOf("00:1b:c4:00:00:00", "away", "10.0.0.6", "Bench 2")});
+  heard.Add({SourceOf("eP1", "fe80::7"), RecordOf("00:1b:c4:00:00:0c", "8", "10.0.0.5", "Bench 3")});
   const struct {
     const char *wanted, *found;  // by the last two digits of the record's address, in the order of a table
   } cases[] = {{"00-1B-C4-0A-FF-05", ".9"},
@@ -118,6 +119,7 @@ TEST(Devices, AreFoundByWhatALabelOrATableShows) {
                {"Be\\x1bnch 2", ".7"},
                {"FE80::1%e", ".9"},
                {"fe80::1", ".9"},
+               {"FE80::7%eP1", ".5"},
                {"192.168.1.2", ".8"},
                {"10.0.0.9", ""},
                {"001bc40aff05", ".9"},
