@@ -142,8 +142,9 @@ void JudgeShared(std::vector<Finding>& findings, const Shared& shared) {
       }
       if (count == 0) continue;
       if (count > named) others += " and " + std::to_string(count - named) + " more";
-      findings[one].problems.push_back("has " + what + " in common with " + others + ", on " +
-                                       InterfacesText(findings[one].device));
+      std::string problem = "has " + what;
+      problem.append(" in common with ").append(others).append(", on ").append(InterfacesText(findings[one].device));
+      findings[one].problems.push_back(std::move(problem));
     }
   }
 }
