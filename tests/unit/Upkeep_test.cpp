@@ -132,11 +132,13 @@ TEST(Upkeep, OpensASingleClosedEndpointLaterAndTellsItOnce) {
 }
 
 TEST(Upkeep, ReadsTheListsOfMembershipsByInterfaceAndGroup) {
+  const bool isLittle = htonl(1) != 1;  // the kernel prints an address as a number of its machine
+  const std::string tail = "     1 0:00000000\t\t0\n",
+                    all = (isLittle ? "\t\t\t\t010000E0" : "\t\t\t\tE0000001") + tail,
+                    ours = (isLittle ? "\t\t\t\t800500E0" : "\t\t\t\tE0000580") + tail;
   const std::string igmp =
-      "Idx\tDevice    : Count Querier\tGroup    Users Timer\tReporter\n"
-      "1\tlo        :     1      V3\n\t\t\t\t010000E0     1 0:00000000\t\t0\n"
-      "12\teth0      :     2      V3\n\t\t\t\t800500E0     1 0:00000000\t\t0\n\t\t\t\t010000E0     1 0:00000000\t\t0\n"
-      "2\teth1      :     1      V3\n\t\t\t\t010000E0     1 0:00000000\t\t0\n";
+      "Idx\tDevice    : Count Querier\tGroup    Users Timer\tReporter\n1\tlo        :     1      V3\n" + all +
+      "12\teth0      :     2      V3\n" + ours + all + "2\teth1      :     1      V3\n" + all;
   const std::string igmp6 =
       "1    lo              ff020000000000000000000000000001     1 0000000C 0\n"
       "12   eth0            ff120000000000000000000000000012     1 00000004 0\n"
