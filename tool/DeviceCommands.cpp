@@ -104,6 +104,14 @@ int Trace(Network& network, Tracing& tracing, const std::string& called) {
   }
 }
 
+/// The way to the device alone; nothing, once it is said why, if there is none.
+std::optional<Path> WayTo(const Session& session, const Device& device) {
+  std::string why;
+  std::optional<Path> path = PathTo(device, session.All(), why);
+  if (!path) Say(Calling(device) + " cannot be addressed alone (" + why + "); nothing was sent");
+  return path;
+}
+
 /// Whether the device still answers when it is no longer expected to.
 bool StillAnswers(Session& session, const Device& device) {
   constexpr int enough = 2;  // silent rounds
@@ -137,12 +145,8 @@ int Trace(const TraceOptions& options) {
   if (session.Status() != StatusDone) return session.Status();
   const auto device = session.Find(options.device);
   if (!device) return StatusNotDone;
-  std::string why;
-  const auto path = PathTo(*device, session.All(), why);
-  if (!path) {
-    Say(Calling(*device) + " cannot be addressed alone (" + why + "); nothing was sent");
-    return StatusNotDone;
-  }
+  const auto path = WayTo(session, *device);
+  if (!path) return StatusNotDone;
   const KeepOnInterrupt keep;
   Tracing tracing(session.Sockets(), *path);
   const int status = Trace(session.Sockets(), tracing, Calling(*device));
@@ -159,12 +163,8 @@ int Halt(const HaltOptions& options) {
   if (session.Status() != StatusDone) return session.Status();
   const auto device = session.Find(options.device);
   if (!device) return StatusNotDone;
-  std::string why;
-  const auto path = PathTo(*device, session.All(), why);
-  if (!path) {
-    Say(Calling(*device) + " cannot be addressed alone (" + why + "); nothing was sent");
-    return StatusNotDone;
-  }
+  const auto path = WayTo(session, *device);
+  if (!path) return StatusNotDone;
   if (!options.yes && !Confirm("Halt " + Calling(*device) + "? Only its power switch starts it again.")) {
     Say("nothing was sent");
     return StatusNotDone;
