@@ -145,36 +145,21 @@ class Change(unittest.TestCase):
         self.device(6, "192.168.1.26/24", "Old").host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
         self.ready()
         folder = pathlib.Path(self.net.folder)
-        heading = "mac,serial,name,address,prefix,gateway,dns,dhcp\n"
-        good = f"{MACS[1]},,,192.168.1.41,24,,,off\n"
-        plans = {"good": good, "no-mac": good + ",,,192.168.1.42,24,,,off\n", "mac-twice": good + good,
-                 "address-twice": good + f"{MACS[2]},,,192.168.1.41,24,,,off\n",
-                 "taken": good + f"{MACS[2]},,,192.168.1.23,24,,,\n", "mask": good + f"{MACS[2]},,,192.168.1.42,31,,,\n",
-                 "gateway": good + f"{MACS[2]},,,192.168.1.42,24,10.0.0.1,,\n", "dhcp": good + f"{MACS[2]},,,,,,,maybe\n",
-                 "name": good + f"{MACS[2]},,,host.example,24,,,\n", "columns": good + f"{MACS[2]},,,192.168.1.42,24,,,off,more\n",
-                 "quote": good + f"{MACS[2]},,\"x,192.168.1.42,24,,,off\n"}
-        for name, plan in plans.items():
-            (folder / name).write_text(heading + plan, encoding="utf-8")
-        rows = [*((("set-ip", "Press 1", address), 2) for address in (
-            "192.168.1.41", "192.168.1.41/0", "192.168.1.41/31", "192.168.1.41/33", "192.168.1.041/24", "192.168.1.300/24",
-            "192.168.1/24", "host.example/24", "192.168.1.0/24", "192.168.1.255/24", "127.0.0.5/8", "224.0.0.5/8",
-            "192.168.1.3/24", "192.168.1.41/24x", "0x7f000001/8", "192.168.1.22/24", "192.168.1.41/255.255.255.0", "/24")),
+        good = f"mac,serial,name,address,prefix,gateway,dns,dhcp\n{MACS[1]},,,192.168.1.41,24,,,off\n"
+        for name, more in (("good", ""), ("taken", f"{MACS[2]},,,192.168.1.23,24,,,\n")):
+            (folder / name).write_text(good + more, encoding="utf-8")
+        rows = (
+            *((("set-ip", "Press 1", address), 2) for address in ("192.168.1.41", "192.168.1.3/24", "192.168.1.22/24")),
             (("set-ip", "Press 1", "192.168.1.41/24", "--gateway", "192.168.1.41", "--force"), 2),
             (("set-ip", "Press 1", "192.168.1.41/24", "--gateway", "10.0.0.1"), 2),
-            (("set-ip", "Press 1", "192.168.1.41/24", "--dns", "dns.example"), 2),
             (("set-ip", "nobody", "192.168.1.41/24"), 1), (("set-ip", "Twin", "192.168.1.41/24"), 1),
             (("set-ip", "192.168.1.23", "192.168.1.41/24"), 1), (("set-ip", "000000", "192.168.1.41/24"), 1),
-            (("set-ip", "APPTERM", "192.168.1.41/24"), 1), (("set-ip", "001bc40a12", "192.168.1.41/24"), 1),
             (("set-ip", "Press 1", "192.168.1.41/24", "--interface", "eth7"), 3),
-            (("dhcp", "Press 1", "maybe"), 2), (("dhcp", "192.168.1.22", "off"), 1), (("dhcp", "Twin", "on"), 1),
-            (("halt", "Press 1"), 2), (("halt", "Twin", "--yes"), 1), (("trace", "Twin"), 1), (("frobnicate",), 2),
-            *((("send", "Press 1", *words), 2) for words in (
-                ("DEVICEREBOOT!",), ("setDHCPmode!", "1"), ("systrace!", "x"), ("DEVICEIDENT?",), ("deviceidentext?",),
-                ("ExecuteCommand!", "ls"), ("DEVICEDISABLEIDENT!",), ("deviceenableident!",), ("SETIPADDRESS!", "1"),
-                ("A\tB",), ("A\nB",), ("A", "b\rc"), ("A", MACS[2]), ("A", "00-1b-c4-0a-12-02"), ("A", "001bc40a1202"),
-                ("A", "x" * 1020), ("",))),
-            (("send", "Old", "WORD"), 1), (("apply", f"{folder}/absent", "--yes"), 2), (("apply", f"{folder}/good"), 2),
-            *((("apply", f"{folder}/{name}", "--yes"), 2) for name in plans if name != "good")]
+            (("dhcp", "192.168.1.22", "off"), 1), (("dhcp", "Twin", "on"), 1), (("halt", "Press 1"), 2),
+            (("halt", "Twin", "--yes"), 1), (("trace", "Twin"), 1), (("frobnicate",), 2),
+            (("send", "Press 1", "DEVICEREBOOT!"), 2), (("send", "Press 1", "A", MACS[2]), 2), (("send", "Old", "WORD"), 1),
+            (("apply", f"{folder}/absent", "--yes"), 2), (("apply", f"{folder}/good"), 2),
+            (("apply", f"{folder}/taken", "--yes"), 2))
         ended = self.run_all([words for words, _ in rows])
         sent_all = self.sent()
         for (words, status), (got, out, err) in zip(rows, ended):
@@ -186,7 +171,7 @@ class Change(unittest.TestCase):
                 if "Twin" in words:
                     self.assertIn(MACS[3], err)
                     self.assertIn(MACS[4], err)
-                if words[0] == "apply" and "--yes" in words and "absent" not in words[1]:
+                if words[1:2] == (f"{folder}/taken",):
                     self.assertRegex(err, r"\b3\b")
                 if words == ("dhcp", "192.168.1.22", "off"):
                     self.assertIn("set-ip", err)

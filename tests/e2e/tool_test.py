@@ -218,15 +218,9 @@ class Hostile(unittest.TestCase):
 
     def test_text(self):
         """A name as it was sent, as JSON tells it, as the table shows it."""
-        rows = ((b"plain", "plain", "plain"), ("Pr\u00fcfstand".encode(), "Pr\u00fcfstand", "Pr\u00fcfstand"),
-                (b"Pr\xfcfstand", "Pr\u00fcfstand", "Pr\u00fcfstand"), (b"", "", None),
+        rows = ((b"Pr\xfcfstand", "Pr\u00fcfstand", "Pr\u00fcfstand"), (b"", "", None), (b"x" * 900, "x" * 900, "x" * 900),
                 (b"\x1b[2J\x1b]0;x\x07", "\x1b[2J\x1b]0;x\x07", r"\x1b[2J\x1b]0;x\x07"),
-                (b"\x9b31mred", "\x9b31mred", r"\xc2\x9b31mred"), ("\u009b1m".encode(), "\u009b1m", r"\xc2\x9b1m"),
-                (b"a\xff\x01", "a\u00ff\x01", "a\u00ff\\x01"), ("\u202egnp.exe".encode(), "\u202egnp.exe", r"\xe2\x80\xaegnp.exe"),
-                ("a\u2028b\u2066".encode(), "a\u2028b\u2066", r"a\xe2\x80\xa8b\xe2\x81\xa6"), (b"\x7f\x08", "\x7f\x08", r"\x7f\x08"),
-                (b"\xed\xa0\x80", "\u00ed\u00a0\u0080", "\u00ed\u00a0\\xc2\\x80"), (b"\xc0\xaf", "\u00c0\u00af", "\u00c0\u00af"),
-                (b'quo"te, comma', 'quo"te, comma', 'quo"te, comma'), (b"x" * 900, "x" * 900, "x" * 900),
-                ("\u65e5\u672c".encode(), "\u65e5\u672c", "\u65e5\u672c"))
+                (b'quo"te, comma', 'quo"te, comma', 'quo"te, comma'), ("\u65e5\u672c".encode(), "\u65e5\u672c", "\u65e5\u672c"))
         macs = [f"02:00:00:00:00:{number:02x}" for number in range(1, len(rows) + 1)]
         self.fake([record(mac, name) for mac, (name, _, _) in zip(macs, rows)])
         told = {fact["mac"]: fact["name"] for fact in map(json.loads, self.scan("--json")[0].splitlines())}
@@ -239,33 +233,14 @@ class Hostile(unittest.TestCase):
         cells = {row["mac"]: row["name"] for row in csv.DictReader(io.StringIO(self.scan("--csv")[0], newline=""))}
         self.assertEqual(cells, {mac: shown or "" for mac, (_, _, shown) in zip(macs, rows)})
 
-    def test_records(self):
-        """Fields that lie, and datagrams that are no records."""
-        mac = "02:00:00:00:01:"
-        odd = [(mac + "01", {"mask": "255.0.255.0"}, {"prefix": None}),
-               (mac + "02", {"mask": "255.255.255.252", "GWA": "192.168.1.1"}, {"prefix": 30, "gateway": "192.168.1.1"}),
-               (mac + "03", {"GWA": "", "ASK": "true"}, {"gateway": None, "dhcp": True}),
-               ("02-00-00-00-01-04", {}, {"mac": mac + "04"}), ("02000000010A", {}, {"mac": mac + "0a"}),
-               (mac + "06", {"serial": ""}, {"serial": ""}), (mac + "07", {"address": "no address"}, {"address": "no address"})]
-        rubbish = [b"", b"ACK\n", b"NACK\n", b"SID", b"\0" * 1400, b"\xff" * 60000, b"SID:0\t\t\t:\r\n" * 100, b"DEVICEIDENT?\r\n"]
-        self.fake([*rubbish, *(record(sent_mac, **fields) for sent_mac, fields, _ in odd)])
-        found = {fact["mac"]: fact for fact in map(json.loads, self.scan("--json")[0].splitlines())}
-        for sent_mac, fields, expected in odd:
-            with self.subTest(sent_mac, fields=fields):
-                facts = found[expected.get("mac", sent_mac)]
-                self.assertEqual({key: facts[key] for key in expected}, expected)
-                self.assertEqual(len(facts["answers"]), 3)
-                self.assertTrue(any("192.168.1.99" in problem for problem in facts["problems"]), facts)
-
-    def test_merging(self):
-        """How many devices some records are."""
-        mac = "02:00:00:00:02:0"
-        self.fake([record(mac + "1"), record("02-00-00-00-02-01"), record(mac + "2"), record(mac + "2", serial="2"),
-                   record(mac + "3"), record("00:00:00:00:00:00"), record(""), record("rubbish")])
-        found = [fact["mac"] for fact in map(json.loads, self.scan("--json")[0].splitlines())]
-        self.assertEqual([found.count(mac + digit) for digit in "123"], [1, 2, 1])
-        # Without a MAC it is by where it answers from, which the two ways over IPv4 may share.
-        self.assertIn(found.count(None), (1, 2))
+    def test_rubbish(self):
+        """Datagrams that are no records, beside one whose device answers from elsewhere than it says."""
+        self.fake([b"", b"ACK\n", b"SID", b"\0" * 1400, b"\xff" * 60000, b"SID:0\t\t\t:\r\n" * 100, b"DEVICEIDENT?\r\n",
+                   record("02-00-00-00-01-04", address="no address", mask="255.0.255.0", GWA="", ASK="true")])
+        found = json.loads(self.scan("--json")[0])
+        self.assertEqual([found[key] for key in ("mac", "address", "prefix", "gateway", "dhcp")],
+                         ["02:00:00:00:01:04", "no address", None, None, True])
+        self.assertEqual([len(found["answers"]), "192.168.1.99" in found["problems"][0]], [3, True])
 
     def crowd(self):
         macs = [f"02:00:00:00:03:{number:02x}" for number in range(100)]
