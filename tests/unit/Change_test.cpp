@@ -126,6 +126,16 @@ TEST(Path, ReachesOneDeviceAloneOrNone) {
             Sent({MakeDevice(1, mac, {ipv6}), MakeDevice(2, "x", {ipv6})}));
 }
 
+TEST(Path, IsNamedByWhatMeansOneDevice) {
+  Device odd = MakeDevice(3, "x", {ipv6}), serial = MakeDevice(4, "x", {group});
+  odd.record.serial = "$(halt)";
+  const std::vector<Device> devices = {MakeDevice(1, mac, {broadcast, group, ipv6}), odd, serial};
+  const char* arguments[] = {"00:1b:c4:0a:ff:05", "fe80::5%eth0", "4"};
+  for (std::size_t i = 0; i < devices.size(); ++i) EXPECT_EQ(arguments[i], ArgumentFor(devices[i], devices));
+  EXPECT_EQ("192.168.1.10", ArgumentFor(serial, {serial, serial}));
+  EXPECT_EQ((std::vector<std::string>{"192.168.1.10"}), SeenOf(devices[0]).answering);
+}
+
 TEST(Holders, AreDevicesHeardAndUnknownNeighbours) {
   const Device own = MakeDevice(1, mac, {ipv6}), other = MakeDevice(2, "00:1b:c4:0a:ff:06", {group}, "10.0.0.1");
   const auto holders = [&](const char* address, const std::optional<std::string>& neighbour) {
@@ -142,64 +152,83 @@ TEST(Holders, AreDevicesHeardAndUnknownNeighbours) {
   EXPECT_EQ(std::vector<int>(), holders("10.0.0.2", "00:1b:c4:0a:ff:05"));
 }
 
+std::string Told(const Outcome& outcome) { return std::string(ResultName(outcome.result)) + ": " + outcome.words; }
+
+const std::string unchanged = "unchanged: acknowledged, but nothing has changed",
+                  neither = "unchanged: not acknowledged, and nothing has changed",
+                  doubt = ", although it was not acknowledged", refused = "refused: the device refused it",
+                  gone = ", and not heard again since";
+
 TEST(Judgement, TellsWhatCameOfAStaticAddress) {
   const Settings wanted = {"10.0.0.2", 16, {}, false};
   const Seen before = {{"192.168.1.10", 24, "192.168.1.1", {}}, {"192.168.1.10"}}, done = {wanted, {"10.0.0.2"}};
-  const Seen old = {{"192.168.1.10", 24, "192.168.1.1", false}, {}}, unheard = {wanted, {}};
+  const Seen old = {{"192.168.1.10", 24, "192.168.1.1", false}, {}};
+  const std::string is = "10.0.0.2/16, no gateway", differs = "different: it answers from ";
   const struct {
-    Seen before;
     std::optional<Seen> after;
     Reply reply;
-    Result result;
-  } cases[] = {{before, done, Reply::Ack, Result::Done},
-               {before, done, Reply::None, Result::Done},
-               {before, unheard, Reply::Ack, Result::Done},
-               {before, {{{"10.0.0.2", 16, {}, {}}, {}}}, Reply::Ack, Result::Done},
-               {before, old, Reply::Ack, Result::Unchanged},
-               {before, old, Reply::None, Result::Unchanged},
-               {before, done, Reply::Nack, Result::Refused},
-               {before, {}, Reply::Nack, Result::Refused},
-               {before, {}, Reply::Ack, Result::Gone},
-               {before, {}, Reply::None, Result::Gone},
-               {before, {{old.settings, {"10.0.0.2"}}}, Reply::Ack, Result::Different},
-               {before, {{wanted, {"192.168.1.10"}}}, Reply::Ack, Result::Different},
-               {before, {{{"10.0.0.2", 24, {}, false}, {}}}, Reply::Ack, Result::Different},
-               {before, {{{"10.0.0.2", {}, {}, false}, {}}}, Reply::Ack, Result::Different},
-               {before, {{{"10.0.0.2", 16, "10.0.0.1", false}, {}}}, Reply::Ack, Result::Different},
-               {before, {{{"10.0.0.2", 16, {}, true}, {}}}, Reply::Ack, Result::Different},
-               {done, done, Reply::Ack, Result::Done},
-               {done, done, Reply::None, Result::Unchanged}};
-  for (const auto& c : cases) {
-    const Outcome outcome = JudgeStatic(wanted, c.before, c.after, c.reply);
-    EXPECT_STREQ(ResultName(c.result), ResultName(outcome.result)) << "case " << &c - cases << ": " << outcome.words;
-    EXPECT_FALSE(outcome.words.empty());
-  }
+    std::string told;
+  } cases[] = {
+      {done, Reply::Ack, "done: " + is},
+      {done, Reply::None, "done: " + is + doubt},
+      {{{wanted, {}}}, Reply::Ack, "done: " + is},
+      {{{{"10.0.0.2", 16, {}, {}}, {}}}, Reply::Ack, "done: " + is},
+      {old, Reply::Ack, unchanged},
+      {old, Reply::None, neither},
+      {before, Reply::Nack, refused},
+      {done, Reply::Nack, refused + ", but its settings are now " + is},
+      {{}, Reply::Nack, refused},
+      {{}, Reply::Ack, "gone: acknowledged" + gone},
+      {{}, Reply::None, "gone: not acknowledged" + gone},
+      {{{old.settings, {"10.0.0.2"}}},
+       Reply::Ack,
+       differs + "10.0.0.2 while its record shows 192.168.1.10 (its service refused, so the interface alone was set), "
+                 "its prefix length is 24, its gateway is 192.168.1.1"},
+      {{{wanted, {"192.168.1.10"}}}, Reply::Ack, differs + "192.168.1.10 while its record shows 10.0.0.2"},
+      {{{{{}, {}, {}, false}, {}}}, Reply::Ack, "different: its address is none, its mask has holes"},
+      {{{{"10.0.0.2", 16, "10.0.0.1", true}, {}}}, Reply::Ack, "different: its gateway is 10.0.0.1, DHCP is still on"}};
+  for (const auto& c : cases) EXPECT_EQ(c.told, Told(JudgeStatic(wanted, before, c.after, c.reply)));
+  EXPECT_EQ("done: " + is, Told(JudgeStatic(wanted, done, done, Reply::Ack)));
+  EXPECT_EQ(neither, Told(JudgeStatic(wanted, done, done, Reply::None)));  // it was so before
 }
 
 TEST(Judgement, TellsWhatCameOfDhcp) {
-  const auto seen = [](const char* address, std::optional<bool> dhcp) { return Seen{{address, 24, {}, dhcp}, {}}; };
+  const auto seen = [](const char* address, std::optional<bool> dhcp) {
+    return Seen{{address, 24, "1.1.1.9", dhcp}, {}};
+  };
+  const std::string one = "1.1.1.1/24, gateway 1.1.1.9", two = "2.2.2.2/24, gateway 1.1.1.9",
+                    unseen = ", as far as can be seen: without its service a device never shows DHCP";
   const struct {
     const char* address;
     bool on;
     std::optional<bool> before, after;
     Reply reply;
-    Result result;
-  } cases[] = {{"1.1.1.1", true, false, true, Reply::Ack, Result::Done},
-               {"1.1.1.1", true, false, true, Reply::None, Result::Done},
-               {"1.1.1.1", true, false, false, Reply::Ack, Result::Unchanged},
-               {"2.2.2.2", true, {}, {}, Reply::Ack, Result::Done},
-               {"1.1.1.1", true, {}, {}, Reply::Ack, Result::Done},
-               {"1.1.1.1", true, {}, {}, Reply::None, Result::Unchanged},
-               {"2.2.2.2", true, {}, {}, Reply::None, Result::Different},
-               {"1.1.1.1", true, {}, {}, Reply::Nack, Result::Refused},
-               {"1.1.1.1", false, true, false, Reply::Ack, Result::Done},
-               {"1.1.1.1", false, true, true, Reply::Ack, Result::Unchanged},
-               {"1.1.1.1", false, true, {}, Reply::Ack, Result::Different},
-               {nullptr, true, {}, {}, Reply::Ack, Result::Gone}};
+    std::string told;
+  } cases[] = {{"1.1.1.1", true, false, true, Reply::Ack, "done: " + one + ", by DHCP"},
+               {"1.1.1.1", true, false, true, Reply::None, "done: " + one + ", by DHCP" + doubt},
+               {"1.1.1.1", true, false, false, Reply::Ack, unchanged},
+               {"2.2.2.2", true, false, false, Reply::Ack, "different: DHCP is off with " + two},
+               {"2.2.2.2", true, {}, {}, Reply::Ack, "done: " + two + unseen},
+               {"1.1.1.1", true, {}, {}, Reply::None, neither},
+               {"2.2.2.2",
+                true,
+                {},
+                {},
+                Reply::None,
+                "different: its service is away now, so DHCP cannot be seen; it has " + two},
+               {"1.1.1.1", true, {}, {}, Reply::Nack, refused},
+               {"1.1.1.1", false, true, false, Reply::Ack, "done: " + one},
+               {"1.1.1.1", false, true, true, Reply::Ack, unchanged},
+               {"1.1.1.1",
+                false,
+                true,
+                {},
+                Reply::Ack,
+                "different: its service is away now, so DHCP cannot be seen; it has " + one},
+               {nullptr, true, {}, {}, Reply::Ack, "gone: acknowledged" + gone}};
   for (const auto& c : cases) {
     const auto after = c.address != nullptr ? std::optional(seen(c.address, c.after)) : std::nullopt;
-    const Outcome outcome = JudgeDhcp(c.on, seen("1.1.1.1", c.before), after, c.reply);
-    EXPECT_STREQ(ResultName(c.result), ResultName(outcome.result)) << "case " << &c - cases << ": " << outcome.words;
+    EXPECT_EQ(c.told, Told(JudgeDhcp(c.on, seen("1.1.1.1", c.before), after, c.reply)));
   }
 }
 

@@ -80,10 +80,11 @@ TEST(Devices, KeepTheirNumberTheNewestRecordAndWhatCameSince) {
       twin{SourceOf("e", "fe80::2"), RecordOf(m, "1", "b")};
   Devices devices;
   EXPECT_TRUE(devices.Add(old, 1));
+  const int id = devices.All().at(0).id;
   EXPECT_FALSE(devices.Add(old, 1));
   EXPECT_TRUE(devices.Add(other, 2));
   EXPECT_TRUE(devices.Add(fresh, 2));
-  const int id = devices.All().at(0).id;
+  EXPECT_EQ(id, devices.All().at(0).id);
   EXPECT_EQ("c", devices.All()[0].record.address);
   EXPECT_TRUE(devices.Add(twin, 3));
   ASSERT_EQ(2, devices.Count());
@@ -95,6 +96,28 @@ TEST(Devices, KeepTheirNumberTheNewestRecordAndWhatCameSince) {
   EXPECT_EQ(std::vector<Source>{twin.source}, devices.All()[0].sources);
   EXPECT_TRUE(devices.ForgetBefore(4));
   EXPECT_EQ(0, devices.Count());
+}
+
+TEST(Devices, StandInTheOrderThatAPersonExpects) {
+  const char* names[] = {"", "Bench", "Bench 2", "Bench 02a", "Bench 2b", "Bench 10", "Bench A", "bench", "\xc3\xa4"};
+  Devices devices;
+  for (int i = 0; i < 9; ++i) {
+    const int place = i * 4 % 9;
+    const std::string number = std::to_string(place);
+    devices.Add({SourceOf("e", "fe80::" + number), RecordOf("00:1b:c4:00:00:0" + number, "1", "a", names[place])});
+  }
+  for (const char* address : {"1.1.1.10", "1.1.1.9"}) {
+    devices.Add({SourceOf("e", address), RecordOf("", "away", address)});
+    for (int i = 0; i < 300; ++i)  // a liar's answers are bounded
+      devices.Add({SourceOf("e" + std::to_string(i), "1.1.1.1"), RecordOf("00:1b:c4:00:00:10", "1", "b", "liar")});
+  }
+  std::string order;
+  for (const Device& device : devices.All())
+    order += device.record.name + '|' + std::to_string(device.sources.size()) + ' ';
+  EXPECT_EQ(
+      "|1 Bench|1 Bench 2|1 Bench 02a|1 Bench 2b|1 Bench 10|1 Bench A|1 bench|1 liar|256 \xc3\xa4|1 Bench|1 Bench|1 ",
+      order);
+  EXPECT_EQ("1.1.1.10", devices.All().back().record.address);
 }
 
 TEST(Devices, AreFoundByWhatALabelOrATableShows) {

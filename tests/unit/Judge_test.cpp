@@ -39,6 +39,7 @@ const std::string m = "00:1b:c4:00:00:01", n = "00:1b:c4:00:00:02";
 
 TEST(Judge, NamesWhatIsSharedAndWhatContradicts) {
   const Host host = HostWith(ReversePath::Accepts, "");
+  const std::string five = "the MAC address " + m + " in common with ", at = " (" + m + ") at fe80::";
   const struct {
     std::vector<Answer> answers;
     std::vector<std::string> problems;
@@ -62,6 +63,16 @@ TEST(Judge, NamesWhatIsSharedAndWhatContradicts) {
         "has the MAC address " + m + " in common with A (" + m + ") at fe80::1%e, on e"}},
       {{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "192.168.1.3")}}, {"this PC has its address 192.168.1.3 as well"}},
       {{{SourceOf("e", "fe80::3"), RecordOf(m, "1", "192.168.1.3")}}, {}},  // the daemon on this PC
+      {{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "10.0.0.1", "A")},
+        {SourceOf("e", "fe80::2"), RecordOf(m, "1", "10.0.0.2", "B")},
+        {SourceOf("e", "fe80::4"), RecordOf(m, "1", "10.0.0.3", "C")},
+        {SourceOf("e", "fe80::5"), RecordOf(m, "1", "10.0.0.4", "D")},
+        {SourceOf("e", "fe80::6"), RecordOf(m, "1", "10.0.0.5", "E")}},
+       {"has " + five + "B" + at + "2%e, C" + at + "4%e, D" + at + "5%e and 1 more, on e",
+        "has " + five + "A" + at + "1%e, C" + at + "4%e, D" + at + "5%e and 1 more, on e",
+        "has " + five + "A" + at + "1%e, B" + at + "2%e, D" + at + "5%e and 1 more, on e",
+        "has " + five + "A" + at + "1%e, B" + at + "2%e, C" + at + "4%e and 1 more, on e",
+        "has " + five + "A" + at + "1%e, B" + at + "2%e, C" + at + "4%e and 1 more, on e"}},
       // Without a MAC the two halves of one device stand side by side.
       {{{SourceOf("e", "fe80::1"), RecordOf("", "1", "192.168.1.2")},
         {SourceOf("e", "192.168.1.2"), RecordOf("", "1", "192.168.1.2")}},

@@ -42,4 +42,19 @@ TEST(Text, FitsIntoColumns) {
                {"温度計", 6, "温度計"}, {"温度計", 5, "温度…"}, {"温度計", 4, "温… "},
                {"abc", 1, "…"},         {"abc", 0, ""},         {"e\xcc\x81x", 2, "e\xcc\x81x"}};
   for (const auto& c : cases) EXPECT_EQ(c.fitted, Fitted(c.text, c.columns)) << c.text << ' ' << c.columns;
+  // The first and the last of each block, and their neighbours outside.
+  const std::string accents =
+      "\u0300\u036f\u0483\u0489\u0591\u05bd\u0610\u061a\u064b\u065f\u1ab0\u1aff\u1dc0\u1dff\u200b"
+      "\u200d\u2060\u2064\u20d0\u20ff\ufe00\ufe0f\ufe20\ufe2f\ufeff\U000e0100\U000e01ef";
+  const std::string wide =
+      "\u1100\u115f\u2e80\u303e\u3041\ua4cf\ua960\ua97c\uac00\ud7a3\uf900\ufaff\ufe30\ufe6f\uff00"
+      "\uff60\uffe0\uffe6\U0001f300\U0001f64f\U0001f680\U0001f6ff\U0001f900\U0001f9ff\U00020000\U0003fffd";
+  const std::string usual =
+      "\u02ff\u0370\u0482\u048a\u0590\u05be\u060f\u064a\u0660\u1aaf\u1b00\u1dbf\u1e00\u200a"
+      "\u205f\u2065\u20cf\u2100\u10ff\u1160\u2e7f\u303f\u3040\ua4d0\ua95f\ua97d\uabff\ud7a4\uf8ff\ufb00"
+      "\ufdff\ufe10\ufe1f\ufe70\ufefe\uff61\uffdf\uffe7\U0001f2ff\U0001f650\U0001f67f\U0001f700\U0001f8ff"
+      "\U0001fa00\U0001ffff\U0003fffe\U000e00ff\U000e01f0";
+  EXPECT_EQ(0, Width(accents));
+  EXPECT_EQ(2 * 26, Width(wide));
+  EXPECT_EQ(48, Width(usual));
 }
