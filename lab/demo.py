@@ -5,7 +5,6 @@ import os
 import signal
 import subprocess
 import sys
-import threading
 
 import testnet
 
@@ -50,21 +49,11 @@ class Demo:
 
     def follow_trace(self, device, name):
         """Shows the first lines of what a program on the device has to tell."""
-        over = threading.Event()
-
-        def measure():
-            tenths = 213
-            while not over.wait(0.2):
-                device.trace(f"channel 3: {tenths / 10} degrees\n".encode())
-                tenths += 1
-        program = threading.Thread(target=measure)
-        with subprocess.Popen(self.command("trace", name), stdout=subprocess.PIPE, text=True) as trace:
-            program.start()
+        measured = device.telling(lambda number: f"channel 3: {21.3 + number / 10:.1f} degrees\n".encode(), 0.2)
+        with subprocess.Popen(self.command("trace", name), stdout=subprocess.PIPE, text=True) as trace, measured:
             heard = [trace.stdout.readline() for _ in range(3)]
             print(*heard, sep="", end="^C\n", flush=True)
             trace.send_signal(signal.SIGINT)
-            over.set()
-            program.join()
         if trace.returncode != 130 or not all(line.startswith("channel 3: ") for line in heard):
             raise Surprise(f"the trace brought {heard} and {trace.returncode}")
 

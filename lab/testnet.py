@@ -14,6 +14,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import xmlrpc.client
 
@@ -188,6 +189,24 @@ class Device:
         pipe = os.open(f"/proc/{self.daemon.pid}/root/{PIPE}", os.O_RDWR)
         os.write(pipe, text)
         os.close(pipe)
+
+    @contextlib.contextmanager
+    def telling(self, line, seconds):
+        """Within it, a program of the device tells line(0), line(1) and so on, `seconds` after each other."""
+        over = threading.Event()
+
+        def tell():
+            number = 0
+            while not over.wait(seconds):
+                self.trace(line(number))
+                number += 1
+        program = threading.Thread(target=tell)
+        program.start()
+        try:
+            yield
+        finally:
+            over.set()
+            program.join()
 
 
 class Service:

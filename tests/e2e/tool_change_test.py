@@ -4,7 +4,6 @@ import json
 import pathlib
 import re
 import shlex
-import threading
 import time
 import unittest
 
@@ -230,28 +229,17 @@ class Change(unittest.TestCase):
         """Lines as they come, no reply among them; back after another took the route; off at the end."""
         device = self.device(1, "192.168.1.21/24", "Press 1")
         self.ready()
-        over = threading.Event()
-
-        def tell():
-            number = 0
-            while not over.wait(0.1):
-                device.trace(f"line {number} \x1b[2J\n".encode())
-                number += 1
-        program = threading.Thread(target=tell)
-        trace = Run(self.pc, "trace", "Press 1", *QUICK)
-        program.start()
-        self.addCleanup(program.join)
-        self.addCleanup(over.set)
-        first = [trace.process.stdout.readline() for _ in range(5)]
         other = self.net.host("other", "192.168.1.5/24")
-        with other.inside(), ddp_query.Caller("ipv6", testnet.INTERFACE) as caller:
-            caller.ask(IDENT, 3)
-        stolen = [trace.process.stdout.readline() for _ in range(25)]
-        trace.interrupt()
-        status, rest, err = trace.end()
+        trace = Run(self.pc, "trace", "Press 1", *QUICK)
+        with device.telling(lambda number: f"line {number} \x1b[2J\n".encode(), 0.1):
+            lines = [trace.process.stdout.readline() for _ in range(5)]
+            with other.inside(), ddp_query.Caller("ipv6", testnet.INTERFACE) as caller:
+                caller.ask(IDENT, 3)
+            lines += [trace.process.stdout.readline() for _ in range(25)]
+            trace.interrupt()
+            status, rest, err = trace.end()
         self.assertEqual(status, 130, err)
-        lines = [*first, *stolen, *rest.splitlines(keepends=True)]
-        for line in lines:
+        for line in (lines := lines + rest.splitlines(keepends=True)):
             self.assertRegex(line, r"^line \d+ \\x1b\[2J\n$")
         numbers = [int(line.split()[1]) for line in lines]
         self.assertEqual(numbers, sorted(set(numbers)))
