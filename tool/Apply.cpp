@@ -23,7 +23,7 @@ namespace {
 /// The empty text, or why not.
 std::string ReadFile(const std::string& name, std::string& content) {
   constexpr std::size_t largest = 16 << 20;
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(name.c_str(), "rbe"), std::fclose);
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(OpenToRead(name), std::fclose);
   if (!file) return std::strerror(errno);
   char buffer[65536];
   for (std::size_t count = 0; (count = std::fread(buffer, 1, sizeof buffer, file.get())) > 0;) {

@@ -41,7 +41,7 @@ int RunProgram(const std::vector<std::string>& words) {
 }  // namespace tarnddp
 
 int main(int argc, char** argv) try {
-  return tarnddp::RunProgram(std::vector<std::string>(argv + (argc > 0), argv + argc));
+  return tarnddp::RunProgram(tarnddp::ArgumentWords(argc, argv));
 } catch (const std::exception& error) {
   // No memory, no descriptor left.
   std::fprintf(stderr, "tarnddp: %s\n", error.what());

@@ -25,6 +25,10 @@ udp::endpoint Endpoint(const std::string& linkLocal, unsigned index, std::uint16
   return {address, port};
 }
 
+void ThrowIf(int error) {
+  if (error != 0) throw boost::system::system_error(error, boost::system::system_category());
+}
+
 }  // namespace
 
 struct Network::Sockets {
@@ -147,9 +151,7 @@ void Network::Sockets::OpenIPv4(Link& link) {
     socket.open(udp::v4());
     socket.set_option(asio::socket_base::broadcast(true));
     socket.bind(Endpoint(link.interface.subnets.front().address, 0));
-    if (!SendThrough(socket.native_handle(), link.interface.index)) {
-      throw boost::system::system_error(errno, boost::system::system_category());
-    }
+    ThrowIf(SendThrough(socket.native_handle(), link.interface));
     EnlargeBuffer(socket);
   });
   Listen(link, link.ipv4, Way::Broadcast);
@@ -159,11 +161,7 @@ void Network::Sockets::OpenGroup(Link& link) {
   OpenWhole(link.group, [&](udp::socket& socket) {
     socket.open(udp::v4());
     socket.set_option(asio::socket_base::reuse_address(true));
-    // To the group, not to any address: so a daemon on this PC goes on to get what is for it alone.
-    socket.bind(Endpoint(GroupIPv4, PortIPv4));
-    if (!JoinGroup(socket.native_handle(), GroupIPv4, link.interface.index)) {
-      throw boost::system::system_error(errno, boost::system::system_category());
-    }
+    ThrowIf(BindToGroup(socket.native_handle(), GroupIPv4, PortIPv4, link.interface));
     EnlargeBuffer(socket);
   });
   Listen(link, link.group, Way::IPv4);

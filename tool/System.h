@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
@@ -8,7 +9,7 @@
 #include "tool/Address.h"
 
 // All that depends on the operating system, sockets apart, which are Boost's. SystemLinux.cpp is the one file behind
-// it.
+// it. All texts are UTF-8.
 
 namespace tarnddp {
 
@@ -30,7 +31,11 @@ struct Interface {
   std::vector<Subnet> subnets;  ///< its IPv4 addresses; requests leave by the first
   std::string linkLocal;        ///< its IPv6 link-local address without zone, empty if it has none that serves
 
-  bool operator==(const Interface& other) const;
+  bool operator==(const Interface& other) const {
+    return name == other.name && index == other.index && isUp == other.isUp && hasLink == other.hasLink &&
+           isLoopback == other.isLoopback && canMulticast == other.canMulticast && subnets == other.subnets &&
+           linkLocal == other.linkLocal;
+  }
 };
 
 /// All interfaces, in the system's order. Empty if they cannot be read.
@@ -46,12 +51,22 @@ std::string RouteInterface(IPv4 address);
 /// The MAC address, as "00:1b:c4:0a:ff:05", that the neighbour table has for `address`; nothing if it has none.
 std::optional<std::string> NeighbourMac(IPv4 address);
 
-/// Has all that an IPv4 socket sends leave by an interface, whatever the routes say. Needs no privilege. False with
-/// errno if the system refuses.
-bool SendThrough(int socket, unsigned index);
+/// A socket as the system names it.
+using SocketHandle = std::intptr_t;
 
-/// Has an IPv4 socket hear `group` on that interface, and no group that another socket joined. False with errno.
-bool JoinGroup(int socket, IPv4 group, unsigned index);
+/// Has all that an IPv4 socket sends leave by `interface`, whatever the routes say. Needs no privilege. 0, or the
+/// system's error number.
+int SendThrough(SocketHandle socket, const Interface& interface);
+
+/// Binds an IPv4 socket so that it hears `group` at `port` on `interface`, and no group that another socket joined. 0,
+/// or the system's error number.
+int BindToGroup(SocketHandle socket, IPv4 group, std::uint16_t port, const Interface& interface);
+
+/// What main() was given, without the program's name.
+std::vector<std::string> ArgumentWords(int argc, char** argv);
+
+/// Opens a file to read its bytes. Null with errno.
+std::FILE* OpenToRead(const std::string& name);
 
 /// Opens what is missing of standard input, output and error, so that no socket ever takes their place, and has a
 /// closed pipe reported as an error of writing. To be called first.

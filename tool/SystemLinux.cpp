@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -117,12 +118,6 @@ std::timespec Now() {
 
 }  // namespace
 
-bool Interface::operator==(const Interface& other) const {
-  return name == other.name && index == other.index && isUp == other.isUp && hasLink == other.hasLink &&
-         isLoopback == other.isLoopback && canMulticast == other.canMulticast && subnets == other.subnets &&
-         linkLocal == other.linkLocal;
-}
-
 std::vector<Interface> ListInterfaces() {
   ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) return {};
@@ -206,22 +201,36 @@ std::optional<std::string> NeighbourMac(IPv4 address) {
   return std::nullopt;
 }
 
-bool SendThrough(int socket, unsigned index) {
-  const std::uint32_t unicast = htonl(index);
+int SendThrough(SocketHandle handle, const Interface& interface) {
+  const int socket = static_cast<int>(handle);
+  const std::uint32_t unicast = htonl(interface.index);
   ip_mreqn multicast = {};
-  multicast.imr_ifindex = static_cast<int>(index);
-  return setsockopt(socket, IPPROTO_IP, IP_UNICAST_IF, &unicast, sizeof unicast) == 0 &&
-         setsockopt(socket, IPPROTO_IP, IP_MULTICAST_IF, &multicast, sizeof multicast) == 0;
+  multicast.imr_ifindex = static_cast<int>(interface.index);
+  const bool isDone = setsockopt(socket, IPPROTO_IP, IP_UNICAST_IF, &unicast, sizeof unicast) == 0 &&
+                      setsockopt(socket, IPPROTO_IP, IP_MULTICAST_IF, &multicast, sizeof multicast) == 0;
+  return isDone ? 0 : errno;
 }
 
-bool JoinGroup(int socket, IPv4 group, unsigned index) {
+int BindToGroup(SocketHandle handle, IPv4 group, std::uint16_t port, const Interface& interface) {
+  const int socket = static_cast<int>(handle);
   const int others = 0;
   ip_mreqn membership = {};
   membership.imr_multiaddr.s_addr = htonl(group);
-  membership.imr_ifindex = static_cast<int>(index);
-  return setsockopt(socket, IPPROTO_IP, IP_MULTICAST_ALL, &others, sizeof others) == 0 &&
-         setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;
+  membership.imr_ifindex = static_cast<int>(interface.index);
+  // To the group, not to any address: so a daemon on this PC goes on to get what is for it alone.
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr = membership.imr_multiaddr;
+  const bool isDone = bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                      setsockopt(socket, IPPROTO_IP, IP_MULTICAST_ALL, &others, sizeof others) == 0 &&
+                      setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;
+  return isDone ? 0 : errno;
 }
+
+std::vector<std::string> ArgumentWords(int argc, char** argv) { return {argv + (argc > 0), argv + argc}; }
+
+std::FILE* OpenToRead(const std::string& name) { return std::fopen(name.c_str(), "rbe"); }
 
 void PrepareProcess() {
   for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
