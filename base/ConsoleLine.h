@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -15,6 +16,9 @@
 
 /// The most that a pipe takes in one piece once poll() calls it writable (PIPE_BUF of Linux).
 inline constexpr std::size_t ConsoleLineLimit = 4096;
+
+/// How many lines ConsoleLine() has dropped in this process.
+inline std::atomic<unsigned> ConsoleLinesDropped{0};
 
 /// Whether `descriptor` takes at least a byte without waiting; no error beside it: the reader is there.
 inline bool IsWritable(int descriptor) {
@@ -57,9 +61,10 @@ inline void ConsoleLine(int descriptor, std::string_view line) {
     if (isatty(descriptor) != 0) {
       WriteToTerminal(descriptor, line);
     } else {
-      const ssize_t written = write(descriptor, line.data(), line.size());
-      static_cast<void>(written);
+      if (write(descriptor, line.data(), line.size()) < 0) ++ConsoleLinesDropped;
     }
+  } else {
+    ++ConsoleLinesDropped;
   }
   errno = cause;
 }

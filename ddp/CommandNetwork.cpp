@@ -1,6 +1,7 @@
 #include "ddp/CommandNetwork.h"
 
 #include "ddp/DeviceService.h"
+#include "ddp/Notify.h"
 #include "ddp/Reply.h"
 #include "ddp/Upkeep.h"
 #include "rpc/RPCConf.h"
@@ -50,6 +51,7 @@ bool GetFromService(Settings& settings) {
 }
 
 bool SetOnInterface(const Settings& settings) {
+  const NotifyLongStep step;
   if (!EthernetCfg_Init(sInterfaceName.c_str())) return false;
   const bool done = EthernetCfg_SetActSettings(settings.ip.c_str(), settings.mask.c_str(), "0.0.0.0",
                                                settings.gateway.c_str(), settings.dns.c_str());
@@ -61,6 +63,7 @@ bool SetOnInterface(const Settings& settings) {
 /// The client can only turn DHCP on, and so a request to turn it off leases an address too.
 bool LeaseOnInterface() {
   constexpr int ATTEMPTS = 1;
+  const NotifyLongStep step;
   unsigned leaseSeconds = 0;
   const bool done = ul_ConfigureNetworkWithDHCP(sInterfaceName.c_str(), ATTEMPTS, &leaseSeconds);
   Upkeep_ExpectNetworkChange();

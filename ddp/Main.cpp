@@ -5,6 +5,7 @@
 #include <new>
 #include <string>
 
+#include "ddp/Notify.h"
 #include "ddp/Options.h"
 #include "ddp/Print.h"
 #include "ddp/Startup.h"
@@ -46,6 +47,7 @@ void Send(const std::string& reply) {
 
 /// One turn of the loop.
 void Serve() {
+  Notify_Turn();
   std::string datagram;
   if (IsDone([&datagram] { datagram = Receive(); }) && !datagram.empty()) {
     const std::string reply = TarnDDPCommand_Execute(datagram, Server.WasDirectAddressed());

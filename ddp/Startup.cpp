@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <exception>
 
+#include "ddp/Notify.h"
 #include "ddp/Print.h"
 #include "util/Shell.h"
 
@@ -63,6 +64,7 @@ void TellAbort(const char* cause) {
 
 void Startup_Prepare() {
   std::set_terminate(Abort);
+  Notify_Prepare();
   OpenStandardStreams();
   SurviveBrokenPipes();
   ReturnLargeBlocks();
@@ -80,6 +82,7 @@ void Startup_Daemonize() {
   Print("VRTX APP Started in Daemon mode! -> Daemonizing");
   const pid_t child = fork();
   if (child < 0) _exit(EXIT_FAILURE);
+  Notify_Detached(child);
   if (child > 0) _exit(EXIT_SUCCESS);
   umask(0);
   if (setsid() < 0 || chdir("/") < 0) _exit(EXIT_FAILURE);

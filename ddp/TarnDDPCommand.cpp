@@ -7,6 +7,7 @@
 #include "ddp/CommandDeviceIdent.h"
 #include "ddp/CommandNetwork.h"
 #include "ddp/Datagram.h"
+#include "ddp/Notify.h"
 #include "ddp/Reply.h"
 #include "ddp/TarnDDPServer.h"
 #include "ddp/TarnDDPTrace.h"
@@ -42,6 +43,7 @@ std::string SetDHCPMode(const Fields& fields) {
 
 /// The device halts and stays down until it is powered anew.
 std::string Reboot(const Fields&) {
+  const NotifyLongStep step;
   ul_RunCommand("halt");
   return REPLY_ACK;
 }
@@ -66,7 +68,10 @@ std::string SwitchTrace(const Fields& fields) {
 
 /// The argument is a shell line by design. The reply is the same whether it ran or not.
 std::string ExecuteCommand(const Fields& fields) {
-  if (fields.size() >= 2 && IsConnected()) ul_RunCommand(fields[1]);
+  if (fields.size() >= 2 && IsConnected()) {
+    const NotifyLongStep step;
+    ul_RunCommand(fields[1]);
+  }
   return REPLY_NACK;
 }
 

@@ -1,0 +1,112 @@
+"""What the daemon tells a supervisor (sd_notify(3)), as that hears it."""
+
+import os
+import pathlib
+import socket
+import time
+import unittest
+
+from device import ACK, DAEMON, ENABLE, NACK, DeviceTest, eventually, request
+
+UP = "STATUS=device service up; open UDP ports: 5564 5563 5562; lines dropped: 0"
+AWAY = UP.replace("up;", "away;")
+RAISED = "WATCHDOG_USEC=3600000000\nWATCHDOG=1"
+SECONDS = 4   # of the watchdog
+RESTORED = f"WATCHDOG_USEC={SECONDS}000000\nWATCHDOG=1"
+
+
+class Notify(DeviceTest):
+    def supervise(self, address, *options, pid="$$", **how):
+        """A daemon that is watched from `address`. The shell, whose process it becomes, tells the process meant."""
+        if hasattr(self, "supervisor"):
+            self.supervisor.close()
+        with self.device.inside():   # an abstract address belongs to a network
+            self.supervisor = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(self.supervisor.close)
+        self.supervisor.bind(address.replace("@", "\0"))
+        self.supervisor.settimeout(3 * SECONDS)
+        return self.start_daemon(*options, prefix=("sh", "-c", f'WATCHDOG_PID={pid} exec "$@"', "sh"), env={
+            "NOTIFY_SOCKET": address, "WATCHDOG_USEC": f"{SECONDS}000000"}, **how)
+
+    def hear(self, with_keep_alive=False):
+        """The next datagram."""
+        while (text := self.supervisor.recv(4096).decode("ascii").rstrip("\n")) == "WATCHDOG=1" and not with_keep_alive:
+            pass
+        return text
+
+    def test_what_is_said_and_when(self):
+        mark = pathlib.Path(self.net.folder, "environment")
+        self.daemon.stop()
+        with self.device.inside():
+            holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        holder.bind(("0.0.0.0", 5563))
+        daemon = self.supervise("@tarnddpd")
+        self.assertEqual(self.hear(), f"READY=1\n{UP.replace(' 5563', '')}\nWATCHDOG=1")
+        holder.close()
+        self.assertEqual(self.hear().splitlines()[0], UP)
+        self.assertEqual(self.ask(request("EXECUTECOMMAND!", f"env >{mark}; sleep 0.2")), NACK)
+        self.assertEqual((self.hear(), self.hear()), (RAISED, RESTORED))
+        self.assertNotRegex(mark.read_text(encoding="latin-1"), "NOTIFY|WATCHDOG")
+        self.assertEqual(self.ask(request("DEVICEREBOOT!")), ACK)
+        self.assertEqual((self.hear(), self.hear()), (RAISED, RESTORED))
+        self.service.stop()
+        self.assertEqual(self.hear().splitlines()[0], AWAY)
+        for fields in (("SETIPADDRESS!", "192.168.1.2", "255.255.255.0", ""), ("SETDHCPMODE!", "1")):
+            self.ask(request(*fields), seconds=8)
+            self.assertEqual((self.hear(), self.hear()), (RAISED, RESTORED))
+        self.service.start()
+        self.assertEqual(self.hear().splitlines()[0], UP)
+        times = []
+        for _ in range(3):
+            self.assertEqual(self.hear(with_keep_alive=True), "WATCHDOG=1")
+            times.append(time.monotonic())
+        self.assertGreater(times[2] - times[0], SECONDS - 0.5)   # two halves of the watchdog's time, never sooner
+        self.assertEqual(len(daemon.descriptors()), 10)
+
+    def test_supervisor_that_does_not_listen_or_went_away(self):
+        """Costs the daemon nothing, and what it did not hear it hears later. Another's watchdog is not fed."""
+        address = str(pathlib.Path(self.net.folder, "notify"))
+        reader, writer = os.pipe()
+        self.addCleanup(os.close, reader)
+        self.supervise(address, pid=1, stdout=writer)
+        os.close(writer)
+        self.assertEqual(self.hear(), f"READY=1\n{UP}")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as flood:
+            flood.setblocking(False)
+            with self.assertRaises(BlockingIOError):
+                while flood.sendto(b"noise", address):
+                    pass
+            for _ in range(70):   # more than a pipe holds
+                self.assertEqual(self.ask(b"DEVICEENABLEIDENT!\t" + 1000 * b"x" + b"\n"), ACK)
+        heard = []
+        while not self.is_quiet():
+            heard.append(self.hear())
+        dropped, = [text for text in heard if text != "noise"]
+        self.assertRegex(dropped, UP[:-1] + "[1-9][0-9]*$")
+        self.supervisor.close()
+        os.unlink(address)
+        self.service.stop()   # which would be told
+        self.assertEqual(self.ask(ENABLE), ACK)
+        self.service.start()
+
+    def is_quiet(self):
+        """Whether nothing comes for longer than the lines are held back."""
+        self.supervisor.settimeout(7)
+        try:
+            return not self.supervisor.recv(1, socket.MSG_PEEK)
+        except TimeoutError:
+            return True
+
+    def test_detached(self):
+        """The parent tells who takes its place, and that one when it serves."""
+        address = str(pathlib.Path(self.net.folder, "detached"))
+        self.supervise(address, foreground=False)
+        first, second = self.hear(), self.hear()
+        pid = first.partition("=")[2]
+        self.addCleanup(os.kill, int(pid), 9)
+        self.assertEqual(os.path.realpath(f"/proc/{pid}/exe"), os.path.realpath(DAEMON))
+        self.assertEqual((first, second), (f"MAINPID={pid}", f"READY=1\nMAINPID={pid}\n{UP}\nWATCHDOG=1"))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
