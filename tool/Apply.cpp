@@ -48,6 +48,13 @@ std::string Planned(const PlannedChange& change) {
   return change.step == Step::DhcpOn ? "DHCP on" : "DHCP off";
 }
 
+/// "line 2" or "lines 2, 4"
+std::string LinesText(const std::vector<int>& lines) {
+  std::string text = lines.size() == 1 ? "line " : "lines ";
+  for (const int& line : lines) text += (&line == &lines.front() ? "" : ", ") + std::to_string(line);
+  return text;
+}
+
 /// What is known of a line that no change is sent for, or not yet.
 Report ReportOn(const Session& session, const PlannedChange& change) {
   switch (change.step) {
@@ -78,19 +85,19 @@ class Run {
   /// Shows what would change and what cannot, to be read before it is confirmed.
   void Show() {
     int alone = 0;
-    std::map<std::string, std::string> notes;  // and the lines that each is about
+    std::map<std::string, std::vector<int>> notes;  // and the lines that each is about
     for (const PlannedChange& change : changes) {
       const std::string line = "line " + std::to_string(change.line) + ": " + change.called + ": ";
       if (change.step == Step::LeftAlone) {
         ++alone;
       } else if (IsToBeDone(change)) {
         Tell(line + InWords(SettingsOf(change)) + " -> " + Planned(change));
-        for (const std::string& note : NotesOn(change)) notes[note].append(" ").append(std::to_string(change.line));
+        for (const std::string& note : NotesOn(change)) notes[note].push_back(change.line);
       } else {
         Tell(line + ReportOn(session, change).outcome.words);
       }
     }
-    for (const auto& [note, lines] : notes) Say(std::string("line").append(lines).append(": ").append(note));
+    for (const auto& [note, lines] : notes) Say(LinesText(lines) + ": " + note);
     Tell(std::to_string(count) + " to be changed, " + std::to_string(alone) + " left alone");
   }
 

@@ -61,11 +61,11 @@ class Change(unittest.TestCase):
             found.append((to, port, *fields))
         return found
 
-    def run_all(self, rows, pause=0.0, options=QUICK):
+    def run_all(self, rows, pause=0.0, options=QUICK, **how):
         """Runs all commands side by side, begun `pause` seconds after each other: by row what came of it."""
         runs = []
         for words in rows:
-            runs.append(Run(self.pc, *words, *options))
+            runs.append(Run(self.pc, *words, *options, **how))
             time.sleep(pause)
         return [run.end() for run in runs]
 
@@ -91,49 +91,57 @@ class Change(unittest.TestCase):
         self.ready()
 
         def six(number, *fields):
-            return (f"device {number}", 5564, "SETIPADDRESS!", *fields)
-        mask = "255.255.255.0"
+            return [(f"device {number}", 5564, "SETIPADDRESS!", *fields)]
+
+        def told(number, name, outcome, old=None):
+            called = f"{name} ({MACS[number]})" if name else MACS[number]
+            undo = f"the old settings come back with: tarnddp set-ip {MACS[number]} {old}\n" if old else ""
+            return f"{called}: {outcome}\n{undo}"
+        mask, cleared = "255.255.255.0", "the name server is cleared, as none was given\n"
+        none = "the device has no gateway and gets none\n" + cleared
         rows = (
-            (("Fake 9", "192.168.1.39/24"), 1, "unchanged", 2 * [six(9, "192.168.1.39", mask)], settings("192.168.1.99"),
-             settings("192.168.1.99")),
-            (("Press 1", "192.168.1.31/24", "--gateway", "192.168.1.1", "--dns", "9.9.9.9"), 0, "done",
-             [six(1, "192.168.1.31", mask, "192.168.1.1", "9.9.9.9")], settings("192.168.1.21"),
-             settings("192.168.1.31", gateway="192.168.1.1")),
-            (("1202", "192.168.1.32/25"), 0, "done", [six(2, "192.168.1.32", "255.255.255.128")],
-             settings("192.168.1.22", dhcp=None), settings("192.168.1.32", 25, dhcp=None)),
-            (("00-1B-C4-0A-12-03", "192.168.1.33/24"), 0, "done", [six(3, "192.168.1.33", mask)], settings("192.168.1.23"),
-             settings("192.168.1.33")),
-            (("100005", "192.168.1.35/24", "--gateway", "10.0.0.1", "--force"), 0, "done",
-             [six(5, "192.168.1.35", mask, "10.0.0.1")], settings("10.20.30.40", 16),
-             settings("192.168.1.35", gateway="10.0.0.1")),
-            (("192.168.1.26", "192.168.1.36/24"), 0, "done",
-             [("192.168.1.26", 5562, "SETIPADDRESS!", MACS[6], "192.168.1.36", mask)], settings("192.168.1.26", dhcp=None),
-             settings("192.168.1.36", dhcp=None)),
-            (("Stubborn", "192.168.1.37/24"), 1, "different", [six(7, "192.168.1.37", mask)], settings("192.168.1.27"),
-             settings("192.168.1.27")),
-            (("Settled", "192.168.1.28/24"), 0, "done", [], settings("192.168.1.28"), settings("192.168.1.28")),
-            ((link_local(MACS[4]) + "%eth0", "192.168.1.34/24", "--dry-run"), 0, "planned", [], settings("192.168.1.23"),
-             settings("192.168.1.34")),
-            (("910", "192.168.1.40/24"), 1, "refused", [six(10, "192.168.1.40", mask)], settings("192.168.1.100"),
-             settings("192.168.1.100")),
-            (("911", "192.168.1.41/24"), 1, "unchanged", [six(11, "192.168.1.41", mask)], settings("192.168.1.101"),
-             settings("192.168.1.101")),
-            (("912", "192.168.1.42/24"), 1, "gone", [six(12, "192.168.1.42", mask)], settings("192.168.1.102"), None))
-        ended = self.run_all([("set-ip", *words, "--json") for words, *_ in rows], 0.3, ())
-        self.assertEqual(sorted(self.sent()), sorted(one for row in rows for one in row[3]))
-        for (words, status, result, _, before, after), (got, out, err) in zip(rows, ended):
+            (("Fake 9", "192.168.1.39/24"), 1, 2 * six(9, "192.168.1.39", mask),
+             told(9, "Fake 9", "unchanged: not acknowledged, and nothing has changed"), none),
+            (("Press 1", "192.168.1.31/24", "--gateway", "192.168.1.1", "--dns", "9.9.9.9"), 0,
+             six(1, "192.168.1.31", mask, "192.168.1.1", "9.9.9.9"), told(
+                 1, "Press 1", "done: 192.168.1.31/24, gateway 192.168.1.1", "192.168.1.21/24 --gateway 0.0.0.0"), ""),
+            (("1202", "192.168.1.32/25"), 0, six(2, "192.168.1.32", "255.255.255.128"),
+             told(2, "", "done: 192.168.1.32/25, no gateway", "192.168.1.22/24"), none),
+            (("00-1B-C4-0A-12-03", "192.168.1.33/24"), 0, six(3, "192.168.1.33", mask),
+             told(3, "Twin", "done: 192.168.1.33/24, no gateway", "192.168.1.23/24"), none),
+            (("100005", "192.168.1.35/24", "--gateway", "10.0.0.1", "--force"), 0,
+             six(5, "192.168.1.35", mask, "10.0.0.1"), told(
+                 5, "Far", "done: 192.168.1.35/24, gateway 10.0.0.1", "10.20.30.40/16"),
+             "gateway 10.0.0.1 is outside 192.168.1.0/24\n" + cleared),
+            (("192.168.1.26", "192.168.1.36/24"), 0, [("192.168.1.26", 5562, "SETIPADDRESS!", MACS[6], "192.168.1.36", mask)],
+             told(6, "", "done: 192.168.1.36/24, no gateway", "192.168.1.26/24"), none),
+            (("Stubborn", "192.168.1.37/24"), 1, six(7, "192.168.1.37", mask), told(
+                7, "Stubborn", "different: it answers from 192.168.1.37 while its record shows 192.168.1.27 (its service "
+                "refused, so the interface alone was set)", "192.168.1.27/24"), none),
+            (("Settled", "192.168.1.28/24"), 0, [], told(
+                8, "Settled", "done: 192.168.1.28/24, no gateway already; nothing was sent"), ""),
+            ((link_local(MACS[4]) + "%eth0", "10.0.0.34/24", "--dry-run"), 0, [], told(
+                4, "Twin", "planned: 10.0.0.34/24, no gateway (nothing was sent)"), none +
+             "with 10.0.0.34/24 the device will not be reachable over IPv4 from this PC, which has no route there\n"),
+            (("910", "192.168.1.40/24"), 1, six(10, "192.168.1.40", mask), told(
+                10, "Fake 10", "refused: the device refused it"), none),
+            (("911", "192.168.1.41/24"), 1, six(11, "192.168.1.41", mask), told(
+                11, "Fake 11", "unchanged: acknowledged, but nothing has changed"), none),
+            (("912", "192.168.1.42/24"), 1, six(12, "192.168.1.42", mask), told(
+                12, "Fake 12", "gone: acknowledged, and not heard again since, last seen with 192.168.1.102 on eth0 "
+                f"({link_local(MACS[12])}%eth0)", "192.168.1.102/24"), none))
+        ended = self.run_all([("set-ip", *words) for words, *_ in rows], 0.3, ())
+        self.assertEqual(sorted(self.sent()), sorted(one for row in rows for one in row[2]))
+        for (words, status, _, out, err), got in zip(rows, ended):
             with self.subTest(words):
-                number = next(number for number, mac in enumerate(MACS) if mac in out)
-                self.assertEqual((json.loads(out), got), ({"mac": MACS[number], "result": result, "before": before,
-                                                           "after": after}, status), err)
-        self.assertIn("10.0.0.1", ended[4][2])
-        self.assertEqual(self.records()[4]["address"], "192.168.1.23")
+                self.assertEqual(got, (status, out, "".join(f"tarnddp: {line}\n" for line in err.splitlines())))
 
         # The command that takes it back does so.
-        undo = re.search(r"tarnddp (set-ip .*)", ended[1][2])[1]
+        undo = re.search(r"tarnddp (set-ip .*)", ended[1][1])[1]
         self.assertEqual(Run(self.pc, *shlex.split(undo), *QUICK).end()[0], 0)
-        facts = self.records()[1]
-        self.assertEqual({key: facts[key] for key in settings("")}, settings("192.168.1.21"))
+        records = self.records()
+        self.assertEqual([{key: records[number][key] for key in settings("")} for number in (1, 4)],
+                         [settings("192.168.1.21"), settings("192.168.1.23")])
 
     def test_refusals(self):
         """Nothing leaves the PC but requests for records."""
@@ -147,33 +155,50 @@ class Change(unittest.TestCase):
         good = f"mac,serial,name,address,prefix,gateway,dns,dhcp\n{MACS[1]},,,192.168.1.41,24,,,off\n"
         for name, more in (("good", ""), ("taken", f"{MACS[2]},,,192.168.1.23,24,,,\n")):
             (folder / name).write_text(good + more, encoding="utf-8")
+        new, path = "192.168.1.41/24", ("set-ip", "Press 1", "192.168.1.41/24")
+        twins = '"Twin" means 2 devices; nothing was sent:\n' + "\n".join(
+            f"  Twin ({MACS[number]}), serial number 10000{number}, at {link_local(MACS[number])}%eth0, 192.168.1.23"
+            for number in (3, 4))
+        unknown = "is none of the 5 devices heard (tarnddp scan shows them); nothing was sent"
+        nobody, forced = "nobody here can be asked; ", "; nothing was sent (--force does it all the same)"
         rows = (
-            *((("set-ip", "Press 1", address), 2) for address in ("192.168.1.41", "192.168.1.3/24", "192.168.1.22/24")),
-            (("set-ip", "Press 1", "192.168.1.41/24", "--gateway", "192.168.1.41", "--force"), 2),
-            (("set-ip", "Press 1", "192.168.1.41/24", "--gateway", "10.0.0.1"), 2),
-            (("set-ip", "nobody", "192.168.1.41/24"), 1), (("set-ip", "Twin", "192.168.1.41/24"), 1),
-            (("set-ip", "192.168.1.23", "192.168.1.41/24"), 1), (("set-ip", "000000", "192.168.1.41/24"), 1),
-            (("set-ip", "Press 1", "192.168.1.41/24", "--interface", "eth7"), 3),
-            (("dhcp", "192.168.1.22", "off"), 1), (("dhcp", "Twin", "on"), 1), (("halt", "Press 1"), 2),
-            (("halt", "Twin", "--yes"), 1), (("trace", "Twin"), 1), (("frobnicate",), 2),
-            (("send", "Press 1", "DEVICEREBOOT!"), 2), (("send", "Press 1", "A", MACS[2]), 2), (("send", "Old", "WORD"), 1),
-            (("apply", f"{folder}/absent", "--yes"), 2), (("apply", f"{folder}/good"), 2),
-            (("apply", f"{folder}/taken", "--yes"), 2))
-        ended = self.run_all([words for words, _ in rows])
+            (("set-ip", "Press 1", "192.168.1.41"), 2,
+             '"192.168.1.41" lacks its prefix length (192.168.1.20/24); nothing was sent'),
+            (("set-ip", "Press 1", "192.168.1.3/24"), 2, "192.168.1.3 is an address of this PC; nothing was sent"),
+            (("set-ip", "Press 1", "192.168.1.22/24"), 2, f"192.168.1.22 is the address of {MACS[2]}{forced}"),
+            ((*path, "--gateway", "10.0.0.1"), 2, f"gateway 10.0.0.1 is outside 192.168.1.0/24{forced}"),
+            ((*path, "--gateway", "192.168.1.41", "--force"), 2,
+             "the gateway 192.168.1.41 is the address itself; nothing was sent"),
+            ((*path, "--dns", ""), 2, "an empty address is none (0.0.0.0 says that there is none); nothing was sent"),
+            ((*path, "--interface", "eth7"), 3, "eth7 cannot be used: there is no such interface"),
+            (("set-ip", "nobody", new), 1, f'"nobody" {unknown}'), (("set-ip", "Twin", new), 1, twins),
+            (("set-ip", "192.168.1.23", new), 1, twins.replace('"Twin"', '"192.168.1.23"')),
+            (("set-ip", "000000", new), 1, f'"000000" {unknown}'),
+            (("dhcp", "192.168.1.22", "off"), 1, f"{MACS[2]}: its service is away, and then a device that is told to switch "
+             "DHCP off takes a lease; nothing was sent (a fixed address ends DHCP: tarnddp set-ip "
+             f"{MACS[2]} 192.168.1.22/24)"), (("dhcp", "Twin", "on"), 1, twins),
+            (("halt", "Press 1"), 2, nobody + "nothing was sent (--yes does not ask)"), (("halt", "Twin", "--yes"), 1, twins),
+            (("trace", "Twin"), 1, twins), (("frobnicate",), 2, 'there is no command "frobnicate" (see tarnddp --help)'),
+            (("send", "Press 1", "DEVICEREBOOT!"), 2, "DEVICEREBOOT! is a word of the discovery protocol itself and never "
+             "reaches the device's service; nothing was sent"),
+            (("send", "Press 1", "A", MACS[2]), 2, f'a first argument like "{MACS[2]}" would be taken for the MAC address of a '
+             "device; nothing was sent"),
+            (("send", "Old", "WORD"), 1, f"Old ({MACS[6]}) gave no IPv6 answer of its own, and only over IPv6 a word is passed "
+             "on as it is; nothing was sent"),
+            (("send", "1202", "WORD"), 1, f"{MACS[2]}: its service is away, so nobody would get the word; nothing was sent"),
+            (("apply", "absent", "--yes"), 2, "absent: No such file or directory"),
+            (("apply", "good"), 2, "line 2: the device has no gateway and gets none\n"
+             f"line 2: the name server is cleared, as none was given\ngood: {nobody}no change was sent (--yes does not ask)"),
+            (("apply", "taken", "--yes"), 2, f"taken: line 3: 192.168.1.23 is the address of Twin ({MACS[3]})\n"
+             "taken: the plan is wrong; no change was sent"))
+        ended = self.run_all([words for words, *_ in rows], cwd=folder)
         sent_all = self.sent()
-        for (words, status), (got, out, err) in zip(rows, ended):
+        for (words, status, told), (got, out, err) in zip(rows, ended):
             with self.subTest(words):
-                self.assertEqual(got, status, err)
-                self.assertNotEqual(err, "")
-                if words[-1] != f"{folder}/good":   # of this one the plan is shown
-                    self.assertEqual(out, "")
-                if "Twin" in words:
-                    self.assertIn(MACS[3], err)
-                    self.assertIn(MACS[4], err)
-                if words[1:2] == (f"{folder}/taken",):
-                    self.assertRegex(err, r"\b3\b")
-                if words == ("dhcp", "192.168.1.22", "off"):
-                    self.assertIn("set-ip", err)
+                self.assertEqual((got, err), (status, "".join(f"tarnddp: {line}\n" for line in told.splitlines())))
+                self.assertEqual(out, "" if words != ("apply", "good") else
+                                 f"line 2: Press 1 ({MACS[1]}): 192.168.1.21/24, no gateway -> 192.168.1.41/24, no gateway\n"
+                                 "1 to be changed, 0 left alone\n")
         self.assertEqual(sent_all, [])
 
     def test_dhcp(self):
@@ -222,7 +247,13 @@ class Change(unittest.TestCase):
                          {1: "192.168.1.22", 2: "192.168.1.21", 3: "192.168.1.23"}, lines)
         self.assertEqual([one[:4] for one in sorted(self.sent())], [
             ("device 1", 5564, "SETIPADDRESS!", "192.168.1.22"), ("device 2", 5564, "SETIPADDRESS!", "192.168.1.21")])
-        self.assertEqual(Run(self.pc, "apply", str(plan), "--yes", *QUICK).end()[0], 1)
+        self.assertEqual(Run(self.pc, "apply", str(plan), "--yes", *QUICK).end(), (
+            1, f"line 5: {MACS[9]}: not heard\n0 to be changed, 3 left alone\n", ""))
+        status, out, _ = Run(self.pc, "apply", str(plan), "--dry-run", "--json", *QUICK).end()
+        self.assertEqual((status, [json.loads(line) for line in out.splitlines()]), (1, [
+            {"mac": MACS[number], "result": result, "before": now, "after": now} for number, result, now in (
+                (1, "done", settings("192.168.1.22")), (3, "done", settings("192.168.1.23")),
+                (2, "done", settings("192.168.1.21")), (9, "gone", None))]))
         self.assertEqual(self.sent(), [])
 
     def test_trace(self):
@@ -252,8 +283,12 @@ class Change(unittest.TestCase):
     def test_halt_and_send(self):
         first, second = self.device(1, "192.168.1.21/24", "Press 1"), self.device(2, "192.168.1.22/24", "Press 2")
         third = self.device(3, "192.168.1.23/24", "Press 3")
+        leaving = self.fake(4, lambda datagram: leaving.records.clear())
+        self.fake(5, lambda datagram: b"NACK\n")
+        self.fake(6, lambda datagram: None)
         self.ready()
-        self.assertEqual(Run(self.pc, "send", "Press 1", "CALIBRATE", "3", "a b", *QUICK).end()[0], 0)
+        self.assertEqual(Run(self.pc, "send", "Press 1", "CALIBRATE", "3", "a b", *QUICK).end(), (
+            0, f"Press 1 ({MACS[1]}): passed on to its service, which does not answer this way\n", ""))
         self.assertEqual(self.sent(), [("device 1", 5564, "CALIBRATE", "3", "a b")])
         calls = eventually(lambda: [call["params"] for call in first.service.Calls() if call["method"] == "RPCSys.SendSysCmd"])
         self.assertEqual([call["Msg"] for call, in calls], ["CALIBRATE\t3\ta b\n"])   # as XML reads it
@@ -263,9 +298,13 @@ class Change(unittest.TestCase):
             terminal.type(answer)
             status, lines = terminal.end()
             self.assertEqual((status, first.halted.exists()), (wanted, halted), lines)
-        self.assertEqual(Run(self.pc, "halt", "Press 2", "--yes", *QUICK).end()[0], 0)
+        for number, told, status in ((2, "halted", 0), (4, "halted, as it seems: it did not acknowledge, but does not answer any "
+                                      "more", 0), (5, "refused", 1), (6, "not acknowledged, and it still answers", 1)):
+            name = f"{'Press' if number == 2 else 'Fake'} {number}"
+            self.assertEqual(Run(self.pc, "halt", name, "--yes", *QUICK).end(), (
+                status, f"{name} ({MACS[number]}): {told}\n", ""))
         self.assertEqual((second.halted.exists(), third.halted.exists()), (True, False))
-        self.assertEqual(self.sent(), [(f"device {number}", 5564, "DEVICEREBOOT!") for number in (1, 2)])
+        self.assertEqual(self.sent(), [(f"device {number}", 5564, "DEVICEREBOOT!") for number in (1, 2, 4, 5, 6)])
 
     def test_interrupt(self):
         """Ctrl-C while the answer to a change is awaited, and in the middle of a plan."""
@@ -288,6 +327,12 @@ class Change(unittest.TestCase):
         terminal.type(b"\x03")
         self.assertEqual([run.process.wait(20) for run in (*runs, terminal)], [130] * 5)
         terminal.end()
+        called, none = f"Fake 1 ({MACS[1]})", ": the device has no gateway and gets none\n"
+        cleared = none.replace("device has no gateway and gets none", "name server is cleared, as none was given")
+        interrupted = f"interrupted while {called} was changed; tarnddp scan shows what came of it\n"
+        self.assertEqual([run.end()[2].replace("tarnddp: ", "") for run in runs], [
+            none[2:] + cleared[2:] + interrupted, interrupted, f"interrupted while {called} was told to halt\n",
+            f"lines 2, 3{none}lines 2, 3{cleared}interrupted at 1 of 2, {called}; the same plan can be applied again\n"])
         self.assertNotIn("device 2", {one[0] for one in self.sent()})
 
 
