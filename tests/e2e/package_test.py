@@ -1,8 +1,10 @@
 """The Debian packages of a build: installed, run, upgraded over themselves, removed, without a trace left."""
 
 import glob
+import gzip
 import os
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
@@ -13,6 +15,7 @@ sys.argv.insert(1, "/usr/sbin/tarnddpd")   # for device.py: the daemon is the in
 from device import IDENT, DeviceTest  # noqa: E402
 import unittest  # noqa: E402
 
+DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 PLACES = ("/usr", "/var")   # all that the packages and dpkg itself write, beside /etc
 
 
@@ -44,6 +47,29 @@ class Packages(DeviceTest):
         cls.before = files()
         run("dpkg", "-i", *cls.packages)
         super().setUpClass()   # starts the daemon
+
+    def test_one_version(self):
+        version = re.search(r"^CMAKE_PROJECT_VERSION:\w+=(.*)", (BUILD / "CMakeCache.txt").read_text("utf-8"), re.M)[1]
+        run("cmake", "--install", str(BUILD), "--component", "library", "--prefix", "/tmp/library")
+        told = {"changelog": re.search(r"^## \[(.*?)\]", (DOCS.parent / "CHANGELOG.md").read_text("utf-8"), re.M)[1],
+                "pkg-config": run("pkg-config", "--modversion", *glob.glob("/tmp/library/**/*.pc", recursive=True)).split()[0]}
+        for path in self.packages:
+            told[path] = run("dpkg-deb", "-f", path, "Version").strip()
+            run("dpkg-deb", "-x", path, "/tmp/unpacked")
+        for program in glob.glob("/tmp/unpacked/usr/*bin/tarnddp*"):
+            told[program] = run(program, "--version").split()[1]
+            page, = glob.glob(f"/tmp/unpacked/usr/share/man/man?/{os.path.basename(program)}.?.gz")
+            told[page] = re.search(r'^\.TH .*"tarnddp (.*?)"', gzip.open(page, "rt").read(), re.M)[1]
+        for path in glob.glob("/tmp/library/**/*-config-version.cmake", recursive=True):
+            told[path] = re.search(r'PACKAGE_VERSION "(.*?)"', pathlib.Path(path).read_text("utf-8"))[1]
+        self.assertEqual(told, dict.fromkeys(told, version))
+        self.assertGreaterEqual(len(told), 3 + 3 * len(self.packages))
+
+    def test_the_files_that_the_page_lists(self):
+        listed = re.findall(r"^\| `(/usr/[^`]*)` \|", (DOCS / "deployment.md").read_text("utf-8"), re.M)
+        daemon, = glob.glob("/tmp/packages/tarnddpd_*.deb")
+        packed = re.findall(r"^-.* \.(/\S*?)(?:\.gz)?$", run("dpkg-deb", "-c", daemon), re.M)
+        self.assertEqual(sorted(listed), sorted(path for path in packed if "/share/doc/" not in path))
 
     def test_life_of_the_packages(self):
         self.assertIn("ExecStart=/usr/sbin/tarnddpd ", pathlib.Path(

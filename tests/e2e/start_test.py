@@ -162,7 +162,7 @@ class Start(DeviceTest):
         self.assertEqual(len(daemon.sockets()), 4)
 
     def test_help_and_version_start_nothing(self):
-        for word, begin in (("--help", "usage: tarnddpd [-nodaemon]"), ("--version", "tarnddpd 0.1.0\n")):
+        for word, begin in (("--help", "usage: tarnddpd [-nodaemon]"), ("--version", "tarnddpd ")):
             # Where a start would first tell of a group that cannot be joined.
             told = subprocess.run([DAEMON, word], stdout=subprocess.PIPE, text=True, check=True, timeout=5)
             self.assertTrue(told.stdout.startswith(begin), told.stdout)
