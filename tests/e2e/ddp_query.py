@@ -1,11 +1,5 @@
-#!/usr/bin/env python3
-"""Sends one discovery command into the network and shows who answers.
+"""A PC on the network: the protocol read once more, without the code of the daemon and of the tool."""
 
-The protocol read once more, without the code of the daemon and of the tool: as a module it is the PC of the
-end-to-end tests.
-"""
-
-import argparse
 import socket
 import struct
 import time
@@ -14,9 +8,6 @@ import time
 WAYS = {"broadcast": (socket.AF_INET, "255.255.255.255", 5562),
         "ipv4": (socket.AF_INET, "224.0.5.128", 5563),
         "ipv6": (socket.AF_INET6, "ff12::12", 5564)}
-KEYS = {"SID": "system id", "OAN": "application", "OVN": "vendor", "SAN": "sub-application", "SVN": "sub-vendor",
-        "LOC": "device name", "MKC": "model code", "SNR": "serial number", "ASK": "DHCP", "IPA": "IP address",
-        "SNM": "subnet mask", "GWA": "gateway", "MAA": "MAC address", "EXTSID": "extended id", "EXTAPPVER": "firmware"}
 
 
 class Caller:
@@ -87,40 +78,3 @@ class Caller:
 
     def __exit__(self, *_):
         self.close()
-
-
-def printable(foreign):
-    """Bytes from the network as one harmless line for a terminal: what is no printable ASCII shows as \\xNN."""
-    return "".join(chr(c) if 0x20 <= c < 0x7f and c != 0x5c else f"\\x{c:02x}" for c in foreign)
-
-
-def table(answer):
-    """An identity record as lines of "meaning  value"; any other answer as the one line it is."""
-    if not answer.startswith(b"SID:"):
-        return [printable(answer.rstrip(b"\r\n"))]
-    pairs = (field.partition(b":")[::2] for field in answer.rstrip(b"\r\n").split(b"\t"))
-    return [f"{KEYS.get(key, key):<16} {printable(value)}" for key, value in
-            ((printable(key), value) for key, value in pairs)]
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("command", nargs="*", default=["DEVICEIDENT?"], help="command word and arguments (DEVICEIDENT?)")
-    parser.add_argument("--way", choices=WAYS, default="broadcast", help="how to send it (%(default)s)")
-    parser.add_argument("--interface", default="eth0", help="where to send it (%(default)s)")
-    parser.add_argument("--seconds", type=float, default=2.0, help="how long to wait for answers (%(default)s)")
-    options = parser.parse_args()
-    try:
-        with Caller(options.way, options.interface) as caller:
-            answers = caller.ask_all("\t".join(options.command).encode() + b"\r\n", options.seconds)
-    except OSError as cause:
-        parser.exit(2, f"{parser.prog}: cannot ask on {options.interface}: {cause} (--interface names another)\n")
-    for answer, sender in answers:
-        print(f"from {sender}:", *table(answer), sep="\n  ")
-    if not answers:
-        print(f"no answer in {options.seconds:g} s")
-    return 0 if answers else 1
-
-
-if __name__ == "__main__":
-    raise SystemExit(main())

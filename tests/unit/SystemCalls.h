@@ -34,33 +34,24 @@ struct FailingCalls {
 };
 inline FailingCalls failingCalls;
 
-#define SYSTEM_CALL(result, name, mayFail, isNoexcept, parameters, arguments)                     \
+// Without the noexcept that some have in their headers, which both compilers take from there.
+#define SYSTEM_CALL(result, name, mayFail, parameters, arguments)                                 \
   inline result real_##name parameters {                                                          \
     static const auto function = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
     return function arguments;                                                                    \
   }                                                                                               \
   inline std::function<result parameters> on_##name;                                              \
-  extern "C" result name parameters noexcept(isNoexcept) {                                        \
+  extern "C" result name parameters {                                                             \
     if (mayFail && failingCalls.IsNext(#name)) return -1;                                         \
     return on_##name ? on_##name arguments : real_##name arguments;                               \
   }
-#define SYSTEM_CALL_2(result, name, mayFail, isNoexcept, A, B) \
-  SYSTEM_CALL(result, name, mayFail, isNoexcept, (A a, B b), (a, b))
-#define SYSTEM_CALL_3(result, name, isNoexcept, A, B, C) \
-  SYSTEM_CALL(result, name, true, isNoexcept, (A a, B b, C c), (a, b, c))
-#define SYSTEM_CALL_4(result, name, isNoexcept, A, B, C, D) \
-  SYSTEM_CALL(result, name, true, isNoexcept, (A a, B b, C c, D d), (a, b, c, d))
-#define SYSTEM_CALL_5(result, name, isNoexcept, A, B, C, D, E) \
-  SYSTEM_CALL(result, name, true, isNoexcept, (A a, B b, C c, D d, E e), (a, b, c, d, e))
-#define SYSTEM_CALL_6(result, name, isNoexcept, A, B, C, D, E, F) \
-  SYSTEM_CALL(result, name, true, isNoexcept, (A a, B b, C c, D d, E e, F f), (a, b, c, d, e, f))
 /// One whose third argument is optional.
-#define VARIADIC_SYSTEM_CALL(name, isNoexcept, A, B)                                            \
+#define VARIADIC_SYSTEM_CALL(name, A, B)                                                        \
   inline int real_##name(A a, B b, void* c) {                                                   \
     static const auto function = reinterpret_cast<int (*)(A, B, ...)>(dlsym(RTLD_NEXT, #name)); \
     return function(a, b, c);                                                                   \
   }                                                                                             \
-  extern "C" int name(A a, B b, ...) noexcept(isNoexcept) {                                     \
+  extern "C" int name(A a, B b, ...) {                                                          \
     std::va_list rest;                                                                          \
     va_start(rest, b);                                                                          \
     void* const c = va_arg(rest, void*);                                                        \
@@ -68,32 +59,33 @@ inline FailingCalls failingCalls;
     return failingCalls.IsNext(#name) ? -1 : real_##name(a, b, c);                              \
   }
 
-VARIADIC_SYSTEM_CALL(fcntl, false, int, int)
-VARIADIC_SYSTEM_CALL(ioctl, true, int, unsigned long)
-VARIADIC_SYSTEM_CALL(open, false, const char*, int)
-SYSTEM_CALL_2(int, clock_gettime, false, true, clockid_t, timespec*)
-SYSTEM_CALL_2(int, nanosleep, false, false, const timespec*, timespec*)
-SYSTEM_CALL_2(int, pipe2, true, true, int*, int)
-SYSTEM_CALL_2(int, listen, true, true, int, int)
-SYSTEM_CALL(int, poll, false, false, (pollfd * a, nfds_t b, int c), (a, b, c))
-SYSTEM_CALL_3(int, pthread_getschedparam, true, pthread_t, int*, sched_param*)
-SYSTEM_CALL_3(int, socket, true, int, int, int)
-SYSTEM_CALL_3(int, bind, true, int, const sockaddr*, socklen_t)
-SYSTEM_CALL_3(int, connect, false, int, const sockaddr*, socklen_t)
-SYSTEM_CALL_3(int, getsockname, true, int, sockaddr*, socklen_t*)
-SYSTEM_CALL_3(int, getpeername, true, int, sockaddr*, socklen_t*)
-SYSTEM_CALL_4(int, accept4, false, int, sockaddr*, socklen_t*, int)
-SYSTEM_CALL_4(ssize_t, send, false, int, const void*, size_t, int)
-SYSTEM_CALL_4(ssize_t, recv, false, int, void*, size_t, int)
-SYSTEM_CALL_5(int, getsockopt, true, int, int, int, void*, socklen_t*)
-SYSTEM_CALL_5(int, setsockopt, true, int, int, int, const void*, socklen_t)
-SYSTEM_CALL_5(int, select, false, int, fd_set*, fd_set*, fd_set*, timeval*)
-SYSTEM_CALL(int, posix_spawn, false, false,
+VARIADIC_SYSTEM_CALL(fcntl, int, int)
+VARIADIC_SYSTEM_CALL(ioctl, int, unsigned long)
+VARIADIC_SYSTEM_CALL(open, const char*, int)
+SYSTEM_CALL(int, clock_gettime, false, (clockid_t a, timespec* b), (a, b))
+SYSTEM_CALL(int, nanosleep, false, (const timespec* a, timespec* b), (a, b))
+SYSTEM_CALL(int, poll, false, (pollfd * a, nfds_t b, int c), (a, b, c))
+SYSTEM_CALL(int, posix_spawn, false,
             (pid_t * a, const char* b, const posix_spawn_file_actions_t* c, const posix_spawnattr_t* d, char* const e[],
              char* const f[]),
             (a, b, c, d, e, f))
-SYSTEM_CALL_6(ssize_t, sendto, false, int, const void*, size_t, int, const sockaddr*, socklen_t)
-SYSTEM_CALL_6(ssize_t, recvfrom, false, int, void*, size_t, int, sockaddr*, socklen_t*)
+SYSTEM_CALL(int, pipe2, true, (int* a, int b), (a, b))
+SYSTEM_CALL(int, listen, true, (int a, int b), (a, b))
+SYSTEM_CALL(int, pthread_getschedparam, true, (pthread_t a, int* b, sched_param* c), (a, b, c))
+SYSTEM_CALL(int, socket, true, (int a, int b, int c), (a, b, c))
+SYSTEM_CALL(int, bind, true, (int a, const sockaddr* b, socklen_t c), (a, b, c))
+SYSTEM_CALL(int, connect, true, (int a, const sockaddr* b, socklen_t c), (a, b, c))
+SYSTEM_CALL(int, getsockname, true, (int a, sockaddr* b, socklen_t* c), (a, b, c))
+SYSTEM_CALL(int, getpeername, true, (int a, sockaddr* b, socklen_t* c), (a, b, c))
+SYSTEM_CALL(int, accept4, true, (int a, sockaddr* b, socklen_t* c, int d), (a, b, c, d))
+SYSTEM_CALL(int, getsockopt, true, (int a, int b, int c, void* d, socklen_t* e), (a, b, c, d, e))
+SYSTEM_CALL(int, setsockopt, true, (int a, int b, int c, const void* d, socklen_t e), (a, b, c, d, e))
+SYSTEM_CALL(int, select, true, (int a, fd_set* b, fd_set* c, fd_set* d, timeval* e), (a, b, c, d, e))
+SYSTEM_CALL(ssize_t, send, true, (int a, const void* b, size_t c, int d), (a, b, c, d))
+SYSTEM_CALL(ssize_t, recv, true, (int a, void* b, size_t c, int d), (a, b, c, d))
+SYSTEM_CALL(ssize_t, sendto, true, (int a, const void* b, size_t c, int d, const sockaddr* e, socklen_t f),
+            (a, b, c, d, e, f))
+SYSTEM_CALL(ssize_t, recvfrom, true, (int a, void* b, size_t c, int d, sockaddr* e, socklen_t* f), (a, b, c, d, e, f))
 
 /// What `action` returns, its calls being none of those that fail; errno stays as it is.
 template <typename Action>
