@@ -224,7 +224,8 @@ class XmlRpcValue : public XmlTags {
   bool arrayFromXml(const std::string& xml, int* offset);
   bool structFromXml(const std::string& xml, int* offset);
 
-  // What a writer reserves, in bytes: a hint (struct member names are left out), saturated at INT_MAX.
+  // A generous guess of what a writer gives, in bytes (struct member names are left out), saturated at INT_MAX. What a
+  // writer reserves is nearer to the text.
 
   int toXmlSize(int set) const;
   int boolToXmlSize(int set) const;
@@ -264,6 +265,7 @@ class XmlRpcValue : public XmlTags {
 
  private:
   friend class XmlReader;
+  friend class XmlSize;
   template <int set>
   friend class XmlWriter;
   using Array = std::vector<XmlRpcValue>;

@@ -12,7 +12,7 @@ namespace {
 
 int SetOf(int format) { return format == 1 ? 1 : 0; }
 
-/// `size` as what a writer reserves.
+/// `size` as the size functions give it.
 int Hint(std::uint64_t size) { return static_cast<int>(std::min<std::uint64_t>(size, INT_MAX)); }
 
 constexpr std::size_t MEMBER_OVERHEAD[2] = {35, 23};
@@ -20,7 +20,7 @@ constexpr std::size_t OTHER_SIZE = 256;
 
 }  // namespace
 
-/// What writing is expected to append, in bytes, the names of struct members left out.
+/// By the table of overheads, the names of struct members left out.
 std::uint64_t XmlRpcValue::expectedXml(int set) const {
   if (!HasRow(_type)) return OTHER_SIZE;
   std::uint64_t size = RowOf(_type).overhead[set];
@@ -41,16 +41,7 @@ std::uint64_t XmlRpcValue::expectedXml(int set) const {
 }
 
 std::string XmlRpcValue::toXml(int format) const {
-  std::string out;
-  if (!HasRow(_type)) return out;
-  const int set = SetOf(format);
-  out.reserve(static_cast<std::size_t>(Hint(expectedXml(set))));
-  const auto write = [&](auto writer) {
-    writer.write(*this);
-    writer.finish();
-  };
-  set == 1 ? write(XmlWriter<1>(out)) : write(XmlWriter<0>(out));
-  return out;
+  return SetOf(format) == 1 ? XmlWriter<1>(*this).text() : XmlWriter<0>(*this).text();
 }
 
 std::string XmlRpcValue::toXmlOfType(Type type, int set) const { return _type == type ? toXml(set) : std::string(); }

@@ -72,6 +72,12 @@ char* Encode(std::string_view text, char* to) {
   return to;
 }
 
+std::size_t EncodedLength(std::string_view text) {
+  std::size_t length = 0;
+  for (const char c : text) length += ENCODINGS[static_cast<unsigned char>(c)].length;
+  return length;
+}
+
 bool Decode(std::string_view text, std::string& out) {
   if (text.find(AMPERSAND) == std::string_view::npos) return false;
   char buffer[1024];

@@ -49,6 +49,8 @@ inline constexpr std::size_t ENCODING_STEP = 8;
 /// Writes `text` to `to` with the five characters as entities and returns the end of what was written. Up to
 /// ENCODING_STEP bytes behind that end are overwritten.
 char* Encode(std::string_view text, char* to);
+/// The bytes that Encode() writes.
+std::size_t EncodedLength(std::string_view text);
 /// Sets `out` to `text` with the entities of the five characters read. False, and `out` untouched, if there is no "&"
 /// in it.
 bool Decode(std::string_view text, std::string& out);

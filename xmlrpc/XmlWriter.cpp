@@ -2,19 +2,56 @@
 
 #include <charconv>
 #include <type_traits>
+#include <utility>
 
 #include "xmlrpc/CBase64.h"
 #include "xmlrpc/ValueTypes.h"
 #include "xmlrpc/XmlNumbers.h"
+#include "xmlrpc/XmlSize.h"
 #include "xmlrpc/XmlText.h"
 
 namespace TarnXmlRpc {
+
+namespace {
+
+constexpr std::size_t TEXT_PIECE = 96;  // so that the room asked for is never far beyond what is needed
+
+}  // namespace
+
+template <int set>
+void XmlWriter<set>::reserve(std::size_t capacity) {
+  const auto used = static_cast<std::size_t>(_next - _start);
+  std::string larger;
+  larger.reserve(capacity);
+  larger.assign(_start, used);
+  _out.swap(larger);
+}
 
 /// In steps that stay small beside the text, since each is zeroed before it is written.
 template <int set>
 void XmlWriter<set>::grow(std::size_t size) {
   constexpr std::size_t step = 32768;
-  _out.resize(_used + std::max(size, std::min(_used + 256, step)));
+  const auto used = static_cast<std::size_t>(_next - _start);
+  if (_start == _short) {
+    XmlSize whole(set);
+    whole.add(_root);
+    reserve(std::max(whole.expected() + TEXT_PIECE * LONGEST_ENTITY + ENCODING_STEP, used + size));
+  } else if (_out.capacity() - used < size) {
+    reserve(std::max(used + used / 8, used + size));
+  }
+  _out.resize(std::min(_out.capacity(), used + std::max(size, step)));
+  _start = _out.data();
+  _next = _start + used;
+  _end = _start + _out.size();
+}
+
+template <int set>
+std::string XmlWriter<set>::text() {
+  write(_root);
+  const auto used = static_cast<std::size_t>(_next - _start);
+  if (_start == _short) return std::string(_short, used);
+  _out.resize(used);
+  return std::move(_out);
 }
 
 template <int set>
@@ -24,10 +61,9 @@ void XmlWriter<set>::write(const XmlRpcValue& value) {
 
 template <int set>
 void XmlWriter<set>::addEncoded(std::string_view text) {
-  constexpr std::size_t piece = 1024;
-  for (; !text.empty(); text.remove_prefix(std::min(piece, text.size()))) {
-    const std::string_view part = text.substr(0, piece);
-    advanceTo(Encode(part, room(part.size() * LONGEST_ENTITY + ENCODING_STEP)));
+  for (; !text.empty(); text.remove_prefix(std::min(TEXT_PIECE, text.size()))) {
+    const std::string_view part = text.substr(0, TEXT_PIECE);
+    _next = Encode(part, room(part.size() * LONGEST_ENTITY + ENCODING_STEP));
   }
 }
 
@@ -35,7 +71,7 @@ template <int set>
 inline void XmlWriter<set>::scalar(Value::Type type, std::string_view text) {
   const std::string_view tag = RowOf(type).tag[set], endTag = RowOf(type).endTag[set];
   char* to = put(put(room(VALUE.size() + tag.size() + text.size() + endTag.size() + VALUE_END.size()), VALUE), tag);
-  advanceTo(put(put(put(to, text), endTag), VALUE_END));
+  _next = put(put(put(to, text), endTag), VALUE_END);
 }
 
 template <int set>
@@ -49,7 +85,7 @@ inline void XmlWriter<set>::integer(Value::Type type, Number number) {
   to += number < 0 ? 1 : 0;
   const auto bits = static_cast<Magnitude>(number);
   to = std::to_chars(to, to + longest, number < 0 ? Magnitude{} - bits : bits).ptr;
-  advanceTo(put(put(to, endTag), VALUE_END));
+  _next = put(put(to, endTag), VALUE_END);
 }
 
 template <int set>
@@ -97,7 +133,7 @@ void XmlWriter<set>::content(const Value::Binary& data) {
     const std::size_t length = std::min(piece, data.size() - at);
     const std::size_t encoded = CBase64::EncodedLength(length);
     CBase64::EncodeTo(data.data() + at, length, room(encoded));
-    _used += encoded;
+    _next += encoded;
   }
   add(Value::XML_ENDTAG_BASE64[set]);
   add(VALUE_END);

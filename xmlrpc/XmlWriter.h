@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -11,29 +12,33 @@
 
 namespace TarnXmlRpc {
 
-/// Appends the XML of values to one text, whose storage it writes straight into: the text has its full room while this
-/// object exists and is cut to what was written by finish().
+/// Writes the XML of one value, in one pass. A short text is written in here and copied once; a longer one is written
+/// straight into the string that is given out, whose storage is reserved when it is known that it is needed.
 template <int set>
 class XmlWriter {
  public:
-  explicit XmlWriter(std::string& out) : _out(out), _used(out.size()) {}
+  explicit XmlWriter(const XmlRpcValue& root) : _root(root), _start(_short), _next(_short), _end(std::end(_short)) {}
+  XmlWriter(const XmlWriter&) = delete;
+  XmlWriter& operator=(const XmlWriter&) = delete;
 
-  void write(const XmlRpcValue& value);
-  void finish() { _out.resize(_used); }
+  /// Empty for a value without a type. To be called once.
+  std::string text();
 
  private:
   using Value = XmlRpcValue;
 
+  void write(const XmlRpcValue& value);
+
   /// Where the next `size` bytes go.
   char* room(std::size_t size) {
-    if (_out.size() - _used < size) grow(size);
-    return _out.data() + _used;
+    if (static_cast<std::size_t>(_end - _next) < size) grow(size);
+    return _next;
   }
   void grow(std::size_t size);
-  void advanceTo(const char* end) { _used = static_cast<std::size_t>(end - _out.data()); }
+  void reserve(std::size_t capacity);
   static char* put(char* to, std::string_view text) { return std::copy_n(text.data(), text.size(), to); }
 
-  void add(std::string_view text) { advanceTo(put(room(text.size()), text)); }
+  void add(std::string_view text) { _next = put(room(text.size()), text); }
   void addEncoded(std::string_view text);
   void scalar(Value::Type type, std::string_view text);
   template <typename Number>
@@ -52,8 +57,12 @@ class XmlWriter {
   static constexpr std::string_view VALUE = Value::XML_TAG_VALUE[set];
   static constexpr std::string_view VALUE_END = Value::XML_ENDTAG_VALUE[set];
 
-  std::string& _out;
-  std::size_t _used;
+  const XmlRpcValue& _root;
+  std::string _out;  // unused while the text is short
+  char* _start;      // of what is written so far; and where it goes on, and where the room ends
+  char* _next;
+  char* _end;
+  char _short[8192];
 };
 
 extern template class XmlWriter<0>;

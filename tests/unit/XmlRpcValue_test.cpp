@@ -467,4 +467,19 @@ TEST(XmlRpcValue, LosesNothingWhereMemoryRunsOut) {
   EXPECT_EQ(value, result);
 }
 
+TEST(XmlRpcValue, ReservesOnceAndLittleMoreThanItsTextTakes) {
+  const XmlRpcValue shapes[] = {0.0,     -1.0 / 3, true,      -2147483647,         1LL << 40,
+                                "<'&'>", "plain",  std::tm(), std::vector<char>(7)};
+  for (const XmlRpcValue& shape : shapes) {
+    for (const int count : {1, 1000, 10000}) {
+      XmlRpcValue all;
+      for (int i = 0; i < count; ++i) all[i % 8 == 0 ? "&" : "a"][i] = i % 8 == 0 ? XmlRpcValue("") : shape;
+      allocationsLeft = 1;
+      const std::string xml = all.toXml(count % 2);
+      allocationsLeft = -1;
+      EXPECT_LE(xml.capacity(), xml.size() * 5 / 4) << shape;
+    }
+  }
+}
+
 }  // namespace
