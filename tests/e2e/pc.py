@@ -94,7 +94,7 @@ class Terminal:
 
 class Fake:
     """Something on `host` that answers like a device, and lies: each of `records` to a request for one; to a
-    command, what `reply` makes of the datagram, if anything."""
+    command, what `reply` makes of the datagram, if anything: one answer or a list."""
 
     def __init__(self, host, records, reply=lambda datagram: None):
         self.records, self._reply = records, reply
@@ -129,7 +129,7 @@ class Fake:
                 datagram, sender = endpoint.recvfrom(65536)
                 answers = self.records if datagram.startswith(IDENT.rstrip()) else []
                 if b"!" in datagram.partition(b"\t")[0]:   # not what others tell the group
-                    answers = [self._reply(datagram)]
+                    answers = reply if isinstance(reply := self._reply(datagram), list) else [reply]
                 to = self._group if endpoint is self._sockets[1] else sender
                 for answer in answers:
                     if answer is not None:
