@@ -144,6 +144,7 @@ template <typename Options>
 Command Read(const std::string& name, std::vector<std::string> words) {
   Options options;
   CLI::App app("", "tarnddp " + name);
+  app.allow_windows_style_options(false);  // "/x" is an argument everywhere
   Declare(app, options);
   AddCommon(app, options);
   if constexpr (std::is_same_v<Options, SendOptions>) std::for_each(words.begin(), words.end(), Escape);

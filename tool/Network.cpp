@@ -50,6 +50,7 @@ struct Network::Sockets {
   void EnlargeBuffer(udp::socket& socket);
   void Listen(Link& link, udp::socket& socket, Way way);
   void Drain(Link& link, udp::socket& socket, Way way);
+  void DrainAll();
   Link* Find(const std::string& interface);
   bool SendTo(udp::socket& socket, const udp::endpoint& to, std::string_view datagram);
 
@@ -131,6 +132,7 @@ template <typename Open>
 void OpenWhole(udp::socket& socket, const Open& open) {
   udp::socket fresh(socket.get_executor());
   open(fresh);
+  IgnoreRefusals(fresh.native_handle());
   fresh.non_blocking(true);
   socket = std::move(fresh);
 }
@@ -150,8 +152,8 @@ void Network::Sockets::OpenIPv4(Link& link) {
   OpenWhole(link.ipv4, [&](udp::socket& socket) {
     socket.open(udp::v4());
     socket.set_option(asio::socket_base::broadcast(true));
-    socket.bind(Endpoint(link.interface.subnets.front().address, 0));
     ThrowIf(SendThrough(socket.native_handle(), link.interface));
+    socket.bind(Endpoint(link.interface.subnets.front().address, 0));
     EnlargeBuffer(socket);
   });
   Listen(link, link.ipv4, Way::Broadcast);
@@ -193,6 +195,15 @@ void Network::Sockets::Drain(Link& link, udp::socket& socket, Way way) {
     ++received;
     arrived.push_back(
         {{link.interface.name, way, from.address().to_string()}, from.port(), std::string(buffer.data(), length)});
+  }
+}
+
+/// Not by the context: where a thread of its own watches the sockets, as on Windows, it may not know yet what has come.
+void Network::Sockets::DrainAll() {
+  for (Link& link : links) {
+    Drain(link, link.ipv6, Way::IPv6);
+    Drain(link, link.ipv4, Way::Broadcast);
+    Drain(link, link.group, Way::IPv4);
   }
 }
 
@@ -258,7 +269,7 @@ std::optional<Datagram> Network::Receive(Time deadline) {
   while (sockets->arrived.empty() && !WasInterrupted()) {
     const Time now = Clock::now();
     if (now >= deadline) {
-      sockets->context.poll();
+      sockets->DrainAll();
       break;
     }
     if (sockets->links.empty()) {

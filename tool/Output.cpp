@@ -30,7 +30,8 @@ void Print(std::string_view text) {
   Write(stdout, text);
   if (std::ferror(stdout) == 0) return;
   outputFailed = true;
-  if (errno != EPIPE && !WasInterrupted()) Say(std::string("standard output: ") + std::strerror(errno));
+  const int error = errno;
+  if (!MeansReaderGone(error) && !WasInterrupted()) Say(std::string("standard output: ") + std::strerror(error));
 }
 
 bool IsOutputGood() { return !outputFailed; }

@@ -8,8 +8,8 @@
 
 #include "tool/Address.h"
 
-// All that depends on the operating system, sockets apart, which are Boost's. SystemLinux.cpp is the one file behind
-// it. All texts are UTF-8.
+// All that depends on the operating system, sockets apart, which are Boost's. Behind it stands one file for each
+// system, such as SystemLinux.cpp. All texts are UTF-8.
 
 namespace tarnddp {
 
@@ -54,6 +54,9 @@ std::optional<std::string> NeighbourMac(IPv4 address);
 /// A socket as the system names it.
 using SocketHandle = std::intptr_t;
 
+/// Has a socket hear on when a host refuses what was sent to it, instead of reporting that as an error of its own.
+void IgnoreRefusals(SocketHandle socket);
+
 /// Has all that an IPv4 socket sends leave by `interface`, whatever the routes say. Needs no privilege. 0, or the
 /// system's error number.
 int SendThrough(SocketHandle socket, const Interface& interface);
@@ -84,8 +87,10 @@ std::optional<TerminalSize> OutputTerminal();
 /// Likewise for standard error.
 bool IsErrorTerminal();
 bool IsInputTerminal();
-/// Whether standard output is a pipe that nobody reads any more.
+/// Whether standard output is a pipe that nobody reads any more; and whether `error`, the errno of a write to it, says
+/// so.
 bool IsReaderGone();
+bool MeansReaderGone(int error);
 
 /// Ctrl-C, and a request to end, ends the process at once with status 130, unless a KeepOnInterrupt lives: then
 /// WasInterrupted() says that it came, and the owner ends in order. The second one ends the process even so.

@@ -201,6 +201,8 @@ std::optional<std::string> NeighbourMac(IPv4 address) {
   return std::nullopt;
 }
 
+void IgnoreRefusals(SocketHandle /*socket*/) {}  // as a socket without a peer does anyway
+
 int SendThrough(SocketHandle handle, const Interface& interface) {
   const int socket = static_cast<int>(handle);
   const std::uint32_t unicast = htonl(interface.index);
@@ -255,6 +257,8 @@ bool IsReaderGone() {
   pollfd output = {STDOUT_FILENO, 0, 0};
   return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
 }
+
+bool MeansReaderGone(int error) { return error == EPIPE; }
 
 void HandleInterrupts() {
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
