@@ -96,27 +96,14 @@ std::string Answer(const std::string& datagram, bool isDirect, AbsTime_US& silen
 }
 
 std::string Datagram(Input& input) {
-  static constexpr std::string_view words[] = {"DEVICEIDENT?",
-                                               "deviceIdentExt?",
-                                               "SETIPADDRESS!",
-                                               "SETDHCPMODE!",
-                                               "DEVICEREBOOT!",
-                                               "DEVICEDISABLEIDENT!",
-                                               "DEVICEENABLEIDENT!",
-                                               "SYSTRACE!",
-                                               "systrace!",
-                                               "EXECUTECOMMAND!",
-                                               "show",
-                                               "DEVICEIDENT"};
-  static constexpr std::string_view pieces[] = {
-      "\t",  "-", "+", "\r",    "\n", "\r\n", "0", "1", "\t00:1b:c4:0a:ff:05", "\t001bc40aff05",
-      "\t2", "x", " ", "\t1\r", "",   ""};
-  std::string datagram(input.OneOf(words));
+  std::string text(
+      input.Piece("DEVICEIDENT?|deviceIdentExt?|SETIPADDRESS!|SETDHCPMODE!|DEVICEREBOOT!|DEVICEDISABLEIDENT!|"
+                  "DEVICEENABLEIDENT!|SYSTRACE!|systrace!|EXECUTECOMMAND!|show|DEVICEIDENT|"));
   for (unsigned left = input.Below(12); left > 0; --left) {
-    const std::string_view piece = input.OneOf(pieces);
-    datagram += piece.empty() ? input.Take(1) : piece;
+    const auto piece = input.Piece("\t|-|+|\r|\n|\r\n|0|1|\t00:1b:c4:0a:ff:05|\t001bc40aff05|\t2|x| |\t1\r|||");
+    text += piece.empty() ? input.Take(1) : piece;
   }
-  return datagram;
+  return text;
 }
 
 }  // namespace

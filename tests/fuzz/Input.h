@@ -19,9 +19,13 @@ class Input {
   }
   std::uint8_t Byte() { return _rest.empty() ? std::uint8_t{0} : static_cast<std::uint8_t>(Take(1)[0]); }
   unsigned Below(unsigned bound) { return Byte() % bound; }
-  template <std::size_t Size>
-  auto OneOf(const std::string_view (&choices)[Size]) {
-    return choices[Below(Size)];
+  /// One of the pieces of `list`, each of which ends with '|'.
+  std::string_view Piece(std::string_view list) {
+    for (auto skipped = Below(static_cast<unsigned>(std::count(list.begin(), list.end(), '|'))); skipped > 0;
+         --skipped) {
+      list.remove_prefix(list.find('|') + 1);
+    }
+    return list.substr(0, list.find('|'));
   }
   /// Up to `size` bytes as they are or, as the first one says, of one character of `alphabet` for each.
   std::string Text(std::string_view alphabet, std::size_t size = std::string::npos) {
