@@ -182,12 +182,13 @@ class Soak:
     # What it costs
 
     def look(self):
-        """Private memory in KiB, descriptors, threads, children."""
+        """Private memory in KiB, descriptors, threads, children. Of the memory only what was written to: a page of the
+        program counts as private or not by who else runs it."""
         proc = pathlib.Path("/proc", str(self.process.pid))
         sizes = {line.split(":")[0]: int(line.split()[1]) for line in
                  (proc / "smaps_rollup").read_text(encoding="ascii").splitlines()[1:]}
         children = (proc / "task" / proc.name / "children").read_text(encoding="ascii").split()
-        return (sizes["Private_Clean"] + sizes["Private_Dirty"], min(len(os.listdir(proc / "fd")) for _ in range(3)),
+        return (sizes["Private_Dirty"], min(len(os.listdir(proc / "fd")) for _ in range(3)),
                 len(os.listdir(proc / "task")), len(children))
 
     def run(self):
