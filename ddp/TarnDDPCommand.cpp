@@ -2,7 +2,6 @@
 
 #include <boost/lexical_cast.hpp>
 #include <cctype>
-#include <new>
 #include <vector>
 
 #include "ddp/CommandDeviceIdent.h"
@@ -108,7 +107,9 @@ bool PassMacFilter(Fields& fields) {
   return true;
 }
 
-std::string Execute(const std::string& datagram, bool directlyAddressed) {
+}  // namespace
+
+std::string TarnDDPCommand_Execute(const std::string& datagram, bool directlyAddressed) {
   if (datagram.find_first_of("\r\n") == std::string::npos) return {};
   Fields fields = TarnDDPCommand_SplitFields(datagram);
   if (!PassMacFilter(fields)) return {};
@@ -120,14 +121,4 @@ std::string Execute(const std::string& datagram, bool directlyAddressed) {
   }
   if (directlyAddressed) Forward(datagram);
   return {};
-}
-
-}  // namespace
-
-std::string TarnDDPCommand_Execute(const std::string& datagram, bool directlyAddressed) {
-  try {
-    return Execute(datagram, directlyAddressed);
-  } catch (const std::bad_alloc&) {
-    return {};
-  }
 }

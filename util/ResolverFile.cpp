@@ -2,12 +2,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
-#include <cstring>
+#include <string>
 
 #include "base/Descriptor.h"
 
@@ -26,14 +24,6 @@ int OpenResolverFile() {
   return created;
 }
 
-/// In one write, which needs no memory.
-bool WriteLine(int file, const char* nameserver) {
-  const char* const parts[] = {"nameserver ", nameserver, "\n"};
-  iovec line[3] = {};
-  for (std::size_t part = 0; part < 3; ++part) line[part] = {const_cast<char*>(parts[part]), std::strlen(parts[part])};
-  return writev(file, line, 3) > 0;
-}
-
 }  // namespace
 
 bool ResolverFile_Write(std::initializer_list<const char*> nameservers) {
@@ -42,7 +32,8 @@ bool ResolverFile_Write(std::initializer_list<const char*> nameservers) {
   bool written = false;
   for (const char* nameserver : nameservers) {
     if (nameserver == nullptr) continue;
-    written = WriteLine(file, nameserver) || written;
+    const std::string line = std::string("nameserver ") + nameserver + "\n";
+    written = write(file, line.data(), line.size()) > 0 || written;
   }
   close(file);
   return written;

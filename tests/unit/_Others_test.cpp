@@ -1,6 +1,7 @@
 #include "util/_Others.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -99,7 +100,8 @@ TEST_F(Console, PropertiesGoToTheHandlerOrThePipe) {
     };
     static std::string handed;
     EXPECT_EQ(42, ul_PrintApplicationProperties([](const char* text) { return handed = text, 42; }, nullptr));
-    const std::string own = "\\(ID=" + std::to_string(getpid()) + "/Prio=0\\)";
+    const std::string priority = std::to_string(getpriority(PRIO_PROCESS, 0));
+    const std::string own = "\\(ID=" + std::to_string(getpid()) + "/Prio=" + priority + "\\)";
     EXPECT_TRUE(std::regex_search(handed, std::regex(own + ".*/Prio=" + shown + "\\) ClockTick="))) << handed;
     ul_PrintApplicationProperties(nullptr, " %d");
     EXPECT_EQ(handed + " %d", Printed());
