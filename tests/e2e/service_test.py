@@ -108,6 +108,23 @@ class Answers(DeviceTest):
         self.attach(seconds=30)   # what is still waiting may set an address or end the connection
         self.start_daemon()
 
+    def test_every_length_and_a_nul_at_every_place(self):
+        """From 0 to 1500 bytes, of which those up to 1023 are taken, up to the first NUL. A refusal ends each handful."""
+        word = b"DEVICEENABLEIDENT!\n"
+        whole = word + 1500 * b"x"
+        requests = [(whole[:size], len(word) <= size < 1024) for size in range(1501)]
+        requests += [(whole[:place] + b"\0" + whole[place + 1:1023], place >= len(word)) for place in range(1023)]
+        for way, caller in self.callers.items():
+            for first in range(0, len(requests), 8):
+                caller.drain()
+                handful = requests[first:first + 8]
+                for datagram in [*(datagram for datagram, _ in handful), b"SETIPADDRESS!\n"]:
+                    caller.send(datagram)
+                answers = []
+                while NACK not in answers and None not in answers:
+                    answers.append(caller.receive(10)[0])
+                self.assertEqual(answers, [ACK for _, is_taken in handful if is_taken] + [NACK], (way, first))
+
     def test_huge_answers(self):
         """What they took goes back after each of them; with a limit, a record comes all the same."""
         self.addCleanup(self.start_daemon)
