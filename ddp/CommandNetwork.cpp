@@ -1,5 +1,7 @@
 #include "ddp/CommandNetwork.h"
 
+#include <new>
+
 #include "ddp/DeviceService.h"
 #include "ddp/Notify.h"
 #include "ddp/Reply.h"
@@ -72,15 +74,21 @@ bool LeaseOnInterface() {
 
 }  // namespace
 
+// Where there is no memory for a call to the service, it is not asked, and the interface not set behind its back.
+
 std::string Command_SetIPAddress(const std::string& ipAddress, const std::string& subnetMask,
-                                 const std::string& gatewayAddress, const std::string& dnsAddress) {
+                                 const std::string& gatewayAddress, const std::string& dnsAddress) try {
   const Settings settings = {ipAddress, subnetMask, gatewayAddress, dnsAddress};
   if (IsConnected() && SetThroughService(settings, false)) return Reply(true);
   return Reply(SetOnInterface(settings));
+} catch (const std::bad_alloc&) {
+  return Reply(false);
 }
 
-std::string Command_SetDHCP(bool dhcpOn) {
+std::string Command_SetDHCP(bool dhcpOn) try {
   Settings settings;
   if (IsConnected() && GetFromService(settings) && SetThroughService(settings, dhcpOn)) return Reply(true);
   return Reply(LeaseOnInterface());
+} catch (const std::bad_alloc&) {
+  return Reply(false);
 }

@@ -2,6 +2,7 @@
 
 #include <boost/lexical_cast.hpp>
 #include <cctype>
+#include <new>
 #include <vector>
 
 #include "ddp/CommandDeviceIdent.h"
@@ -107,9 +108,7 @@ bool PassMacFilter(Fields& fields) {
   return true;
 }
 
-}  // namespace
-
-std::string TarnDDPCommand_Execute(const std::string& datagram, bool directlyAddressed) {
+std::string Execute(const std::string& datagram, bool directlyAddressed) {
   if (datagram.find_first_of("\r\n") == std::string::npos) return {};
   Fields fields = TarnDDPCommand_SplitFields(datagram);
   if (!PassMacFilter(fields)) return {};
@@ -121,4 +120,14 @@ std::string TarnDDPCommand_Execute(const std::string& datagram, bool directlyAdd
   }
   if (directlyAddressed) Forward(datagram);
   return {};
+}
+
+}  // namespace
+
+std::string TarnDDPCommand_Execute(const std::string& datagram, bool directlyAddressed) {
+  try {
+    return Execute(datagram, directlyAddressed);
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
 }

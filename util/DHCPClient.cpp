@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "base/Descriptor.h"
@@ -60,14 +61,18 @@ bool ReadMac(const char* interface) {
   return false;
 }
 
-/// Once per process. The line is printed before and after it has run.
+/// Once per process, or at the next call if memory ran out. The line is printed before and after it has run.
 void AddBroadcastRoute(const char* interface) {
   if (!SetRoute) return;
-  const std::string command = "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(InterfaceName(interface));
-  ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - %s\n", command.c_str());
-  ul_RunRoute(command);
-  ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - %s\n", command.c_str());
-  SetRoute = false;
+  try {
+    const std::string command =
+        "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(InterfaceName(interface));
+    ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - %s\n", command.c_str());
+    ul_RunRoute(command);
+    ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - %s\n", command.c_str());
+    SetRoute = false;
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 bool OpenSocket(Call& call) {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "base/Blank.h"
@@ -133,11 +134,16 @@ void SetBroadcast(const char* text, in_addr mask, in_addr ip) {
   }
 }
 
+/// A command that there is no memory for counts as one that failed, which does not matter: the interface is still to be
+/// brought up.
 void ReplaceDefaultRoute(const char* gateway) {
-  ul_RunRoute("route del default");
-  const std::string command = "route add default gw " + ul_ShellWord(gateway) + "\n";
-  ul_RunRoute(command);
-  ul_PrStdOut(nullptr, PR_TIME_ONLY, "%s", command.c_str());
+  try {
+    ul_RunRoute("route del default");
+    const std::string command = "route add default gw " + ul_ShellWord(gateway) + "\n";
+    ul_RunRoute(command);
+    ul_PrStdOut(nullptr, PR_TIME_ONLY, "%s", command.c_str());
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 /// Last of all, as any text of the caller's may lie in the buffer itself.

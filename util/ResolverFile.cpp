@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <string>
+#include <cstddef>
+#include <cstring>
 
 #include "base/Descriptor.h"
 
@@ -24,6 +26,14 @@ int OpenResolverFile() {
   return created;
 }
 
+/// In one write, which needs no memory.
+bool WriteLine(int file, const char* nameserver) {
+  const char* const parts[] = {"nameserver ", nameserver, "\n"};
+  iovec line[3] = {};
+  for (std::size_t part = 0; part < 3; ++part) line[part] = {const_cast<char*>(parts[part]), std::strlen(parts[part])};
+  return writev(file, line, 3) > 0;
+}
+
 }  // namespace
 
 bool ResolverFile_Write(std::initializer_list<const char*> nameservers) {
@@ -32,8 +42,7 @@ bool ResolverFile_Write(std::initializer_list<const char*> nameservers) {
   bool written = false;
   for (const char* nameserver : nameservers) {
     if (nameserver == nullptr) continue;
-    const std::string line = std::string("nameserver ") + nameserver + "\n";
-    written = write(file, line.data(), line.size()) > 0 || written;
+    written = WriteLine(file, nameserver) || written;
   }
   close(file);
   return written;

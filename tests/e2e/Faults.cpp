@@ -1,5 +1,8 @@
 // Preloaded into the daemon: memory runs out for one allocation of the thread that reads "FAIL" and a number, the
 // number'th from there.
+#ifndef _GNU_SOURCE
+#define _GNU_SOURCE  // memmem()
+#endif
 #include <dlfcn.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,7 +17,9 @@ namespace {
 thread_local long left __attribute__((tls_model("initial-exec"))) = 0;
 
 ssize_t Look(const void* text, ssize_t count) {
-  if (count > 0) left = count > 5 && std::memcmp(text, "FAIL", 4) == 0 ? static_cast<const char*>(text)[4] - '0' : 0;
+  if (count <= 0) return count;
+  const void* const found = memmem(text, static_cast<std::size_t>(count), "FAIL", 4);
+  left = found == nullptr ? 0 : std::strtol(static_cast<const char*>(found) + 4, nullptr, 10);
   return count;
 }
 

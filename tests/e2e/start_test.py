@@ -141,12 +141,16 @@ class Start(DeviceTest):
         self.assertEqual(len(self.daemon.routes()), 1)
 
     def test_memory_that_runs_out_costs_a_datagram(self):
-        """Or a trace text; one without a line end calls no command, whose own exceptions end the daemon."""
+        """Or a command, in the middle, or a trace text."""
         self.start_daemon(env={"LD_PRELOAD": FAULTS})
         for number in range(1, 10):
             for way in ddp_query.WAYS:
                 self.callers[way].send(b"FAIL%d" % number + 500 * b"x")
             self.assertEqual(self.ask(ENABLE, "broadcast"), ACK, number)   # read last
+        for fields in (("DEVICEIDENT?",), ("SETIPADDRESS!", DEVICE, "255.255.255.0", "", "")):
+            for number in range(1, 40, 3):
+                self.callers["ipv6"].send(request(*fields, f"FAIL{number}"))
+                self.assertEqual(self.ask(ENABLE, "broadcast"), ACK, (fields[0], number))
         self.assertEqual(self.ask(request("SYSTRACE!", "1")), ACK)
         with open(FIFO, "r+b", buffering=0) as pipe:
             for text, arrives in ((b"FAIL1" + 500 * b"x", None), (b"next", b"next")):
