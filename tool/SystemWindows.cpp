@@ -70,7 +70,8 @@ Interface ReadAdapter(const IP_ADAPTER_ADDRESSES& adapter) {
   interface.isUp = adapter.OperStatus == IfOperStatusUp;
   interface.hasLink = interface.isUp;
   interface.isLoopback = adapter.IfType == IF_TYPE_SOFTWARE_LOOPBACK;
-  interface.canMulticast = (adapter.Flags & IP_ADAPTER_NO_MULTICAST) == 0;
+  // Tunnels to somewhere else tell that they can.
+  interface.canMulticast = (adapter.Flags & IP_ADAPTER_NO_MULTICAST) == 0 && adapter.IfType != IF_TYPE_TUNNEL;
   for (const auto* entry = adapter.FirstUnicastAddress; entry != nullptr; entry = entry->Next) {
     TakeAddress(interface, *entry);
   }
