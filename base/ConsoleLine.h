@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,6 +21,30 @@ inline constexpr std::size_t ConsoleLineLimit = 4096;
 
 /// How many lines ConsoleLine() has dropped in this process.
 inline std::atomic<unsigned> ConsoleLinesDropped{0};
+
+/// What standard output and error are, for ConsoleLine() to know; while unknown it asks at each line. Nowhere is
+/// /dev/null, to which nothing needs to be written.
+enum class ConsoleKind { Unknown, Nowhere, Terminal, Other };
+inline ConsoleKind ConsoleKinds[STDERR_FILENO + 1] = {};
+
+/// Looks once at what standard output and error are. For a program that never replaces them afterwards, or calls this
+/// again when it did, and while it has one thread.
+inline void ConsoleSettle() {
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+    struct stat opened = {};
+    const bool isNull = fstat(stream, &opened) == 0 && S_ISCHR(opened.st_mode) && opened.st_rdev == makedev(1, 3);
+    ConsoleKinds[stream] = isNull                ? ConsoleKind::Nowhere
+                           : isatty(stream) != 0 ? ConsoleKind::Terminal
+                                                 : ConsoleKind::Other;
+  }
+}
+
+inline ConsoleKind ConsoleKindOf(int descriptor) {
+  if (descriptor < 0 || descriptor > STDERR_FILENO || ConsoleKinds[descriptor] == ConsoleKind::Unknown) {
+    return isatty(descriptor) != 0 ? ConsoleKind::Terminal : ConsoleKind::Other;
+  }
+  return ConsoleKinds[descriptor];
+}
 
 /// Whether `descriptor` takes at least a byte without waiting; no error beside it: the reader is there.
 inline bool IsWritable(int descriptor) {
@@ -40,7 +66,7 @@ inline void WriteByteByByte(int descriptor, std::string_view line) {
 inline void WriteToTerminal(int descriptor, std::string_view line) {
   char path[32];
   std::snprintf(path, sizeof path, "/proc/self/fd/%d", descriptor);
-  const int own = GateDescriptor(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const int own = GateCloexec(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (own < 0) {
     WriteByteByByte(descriptor, line);
     return;
@@ -56,9 +82,11 @@ inline void WriteToTerminal(int descriptor, std::string_view line) {
 /// if it goes between the look and the write, SIGPIPE is raised, which the program ignores or not.
 inline void ConsoleLine(int descriptor, std::string_view line) {
   const int cause = errno;
+  const ConsoleKind kind = ConsoleKindOf(descriptor);
+  if (kind == ConsoleKind::Nowhere) return;
   if (IsWritable(descriptor)) {
     line = line.substr(0, ConsoleLineLimit);
-    if (isatty(descriptor) != 0) {
+    if (kind == ConsoleKind::Terminal) {
       WriteToTerminal(descriptor, line);
     } else {
       if (write(descriptor, line.data(), line.size()) < 0) ++ConsoleLinesDropped;

@@ -1,7 +1,9 @@
 #include "ddp/CommandDeviceIdent.h"
 
 #include <boost/format.hpp>
+#include <cstddef>
 #include <new>
+#include <string_view>
 
 #include "ddp/DeviceService.h"
 #include "ddp/TarnDDPServer.h"
@@ -21,10 +23,35 @@ struct Record {
 };
 
 std::string RecordText(const Record& record) {
-  return "SID:0\tOAN:" + record.deviceType + "\tOVN:Orvalle Labs\tSAN:" + record.deviceType +
-         "\tSVN:Orvalle Labs\tLOC:" + record.deviceName + "\tMKC:" + record.modelCode + "\tSNR:" + record.serialNumber +
-         "\tASK:" + record.isDHCPActive + "\tIPA:" + record.ip + "\tSNM:" + record.mask + "\tGWA:" + record.gateway +
-         "\tMAA:" + record.mac + "\tEXTSID:0\tEXTAPPVER:" + record.firmware + "\r\n";
+  const std::string_view pieces[] = {"SID:0\tOAN:",
+                                     record.deviceType,
+                                     "\tOVN:Orvalle Labs\tSAN:",
+                                     record.deviceType,
+                                     "\tSVN:Orvalle Labs\tLOC:",
+                                     record.deviceName,
+                                     "\tMKC:",
+                                     record.modelCode,
+                                     "\tSNR:",
+                                     record.serialNumber,
+                                     "\tASK:",
+                                     record.isDHCPActive,
+                                     "\tIPA:",
+                                     record.ip,
+                                     "\tSNM:",
+                                     record.mask,
+                                     "\tGWA:",
+                                     record.gateway,
+                                     "\tMAA:",
+                                     record.mac,
+                                     "\tEXTSID:0\tEXTAPPVER:",
+                                     record.firmware,
+                                     "\r\n"};
+  std::size_t size = 0;
+  for (const std::string_view piece : pieces) size += piece.size();
+  std::string text;
+  text.reserve(size);
+  for (const std::string_view piece : pieces) text += piece;
+  return text;
 }
 
 /// Like RPCItem::GetText(): a member of another type spoils its own field only, and an absent one reads as 0.
@@ -36,27 +63,38 @@ int NumberOf(XmlRpcValue& results, const std::string& name) {
   }
 }
 
-Record ServiceRecord(Infos::CResults& infos, Network::CResults& network) {
+/// Remembers the last one, as the modules of a running device hardly ever change and the formatting takes a tenth of
+/// the time that we need for a record.
+const std::string& ModelCode(int mainType, int subType) {
+  static int lastMain = 0, lastSub = 0;
+  static std::string last;
+  if (last.empty() || mainType != lastMain || subType != lastSub) {
+    last = boost::str(boost::format("XT%d%03d#") % mainType % subType);
+    lastMain = mainType;
+    lastSub = subType;
+  }
+  return last;
+}
+
+Record ServiceRecord(XmlRpcValue& infos, XmlRpcValue& network) {
   Record record;
-  record.deviceType = infos.Get_DeviceType();
+  record.deviceType = RPCItem::GetText(infos, Infos::CResults::ItemName_DeviceType());
   record.deviceName = RPCItem::GetText(infos, Infos::CResults::ItemName_DeviceName());
-  record.modelCode =
-      boost::str(boost::format("XT%d%03d#") % NumberOf(infos, Infos::CResults::ItemName_MainModuleType()) %
-                 NumberOf(infos, Infos::CResults::ItemName_SubModuleType()));
+  record.modelCode = ModelCode(NumberOf(infos, Infos::CResults::ItemName_MainModuleType()),
+                               NumberOf(infos, Infos::CResults::ItemName_SubModuleType()));
   record.serialNumber = RPCItem::GetText(infos, Infos::CResults::ItemName_SerialNumber());
   record.isDHCPActive = NumberOf(network, Network::CResults::ItemName_DHCPActive()) != 0 ? "true" : "false";
-  record.ip = network.Get_IPAddress();
-  record.mask = network.Get_SubnetMask();
-  record.gateway = network.Get_GatewayAddress();
-  record.mac = network.Get_MACAddress();
+  record.ip = RPCItem::GetText(network, Network::CResults::ItemName_IPAddress());
+  record.mask = RPCItem::GetText(network, Network::CResults::ItemName_SubnetMask());
+  record.gateway = RPCItem::GetText(network, Network::CResults::ItemName_GatewayAddress());
+  record.mac = RPCItem::GetText(network, Network::CResults::ItemName_MACAddress());
   record.firmware = RPCItem::GetText(infos, Infos::CResults::ItemName_Firmware());
   return record;
 }
 
 /// False as soon as one call fails: a record never mixes the service's facts with the interface's.
 bool AskDeviceService(Record& record) {
-  Infos::CResults infos;
-  Network::CResults network;
+  XmlRpcValue infos, network;  // no CResults: a call would empty it before its defaults were of any use
   if (!CallDeviceService(Infos::MethodName, Infos::CParams(), infos)) return false;
   if (!CallDeviceService(Network::MethodName, Network::CParams(), network, AfterTimeout::Keep)) return false;
   record = ServiceRecord(infos, network);

@@ -34,7 +34,7 @@ std::string Receive() {
   Upkeep_ServiceConnection();
   Upkeep_Network(InterfaceName);
   if (!datagram.empty()) {
-    Print("Received " + datagram + " from " + Server.GetSender() + " with " + Server.GetScanMethod());
+    Print({"Received ", datagram, " from ", Server.GetSender(), " with ", Server.GetScanMethod()});
   }
   return datagram;
 }

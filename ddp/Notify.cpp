@@ -58,7 +58,7 @@ class Message {
   /// True if the supervisor has it, or nothing is to be said. The socket stays: later there may be no descriptor left.
   bool Send() const {
     if (_length == 0) return true;
-    if (descriptor < 0) descriptor = GateDescriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (descriptor < 0) descriptor = GateCloexec(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (descriptor < 0) return false;
     return sendto(descriptor, _text, _length, MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
                   addressLength) >= 0;

@@ -66,6 +66,7 @@ void Startup_Prepare() {
   std::set_terminate(Abort);
   Notify_Prepare();
   OpenStandardStreams();
+  ConsoleSettle();
   SurviveBrokenPipes();
   ReturnLargeBlocks();
 }
@@ -88,4 +89,5 @@ void Startup_Daemonize() {
   if (setsid() < 0 || chdir("/") < 0) _exit(EXIT_FAILURE);
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(stream);
   for (const int mode : {O_RDONLY, O_RDWR, O_RDWR}) open("/dev/null", mode);
+  ConsoleSettle();
 }

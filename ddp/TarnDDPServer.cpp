@@ -11,6 +11,7 @@
 
 #include "base/Descriptor.h"
 #include "ddp/Print.h"
+#include "util/AddressText.h"
 
 struct TarnDDPServer::Endpoint {
   const char* address;
@@ -197,7 +198,7 @@ std::string TarnDDPServer::GetSender() const {
   if (_activeSocket == _sockets[IPV6]) {
     inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(_senderAddress)->sin6_addr, text, sizeof text);
   } else {
-    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(_senderAddress)->sin_addr, text, sizeof text);
+    AddressText_Quad(reinterpret_cast<const sockaddr_in*>(_senderAddress)->sin_addr, text);
   }
   return text;
 }

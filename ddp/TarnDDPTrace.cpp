@@ -73,7 +73,7 @@ void Close(int& descriptor) {
 void WatchDirectory(TracePipe& pipe) {
   constexpr std::uint32_t CHANGES = IN_CREATE | IN_DELETE | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
   Close(pipe.watch);
-  pipe.watch = GateDescriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  pipe.watch = GateCloexec(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   if (pipe.watch >= 0 && inotify_add_watch(pipe.watch, DIRECTORY, CHANGES) < 0) Close(pipe.watch);
 }
 
@@ -82,7 +82,7 @@ void WatchDirectory(TracePipe& pipe) {
 /// kind of file, which anyone may put there, is not opened: what it holds is no trace text. 0, or errno.
 int Reopen(int& descriptor) {
   Close(descriptor);
-  descriptor = GateDescriptor(open(PIPE, O_RDWR | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
+  descriptor = GateCloexec(open(PIPE, O_RDWR | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
   if (descriptor < 0) return errno;
   struct stat opened = {};
   if (fstat(descriptor, &opened) == 0 && S_ISFIFO(opened.st_mode)) return 0;

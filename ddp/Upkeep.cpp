@@ -6,11 +6,13 @@
 #include <net/if.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <sstream>
+#include <string_view>
 
+#include "base/Blank.h"
 #include "base/Descriptor.h"
 #include "ddp/DeviceService.h"
 #include "ddp/Print.h"
@@ -62,7 +64,7 @@ struct OpenFile {
 /// The text of a file of /proc; empty where it cannot be read.
 std::string ReadProc(const char* path) {
   std::string text;
-  const OpenFile file{GateDescriptor(open(path, O_RDONLY | O_CLOEXEC))};
+  const OpenFile file{GateCloexec(open(path, O_RDONLY | O_CLOEXEC))};
   char piece[4096];
   for (ssize_t count = 0; (count = read(file.descriptor, piece, sizeof piece)) > 0;) {
     text.append(piece, static_cast<std::size_t>(count));
@@ -99,6 +101,23 @@ void TellClosedEndpoints() {
   }
 }
 
+/// Takes the text up to the next `end`, which goes too, or all of it, from the front of `rest`.
+std::string_view TakeUntil(char end, std::string_view& rest) {
+  const std::string_view taken = rest.substr(0, rest.find(end));
+  rest.remove_prefix(std::min(rest.size(), taken.size() + 1));
+  return taken;
+}
+
+/// Takes the next word, empty if there is none, from the front of `rest`.
+std::string_view TakeWord(std::string_view& rest) {
+  while (!rest.empty() && IsBlank(rest.front())) rest.remove_prefix(1);
+  std::size_t size = 0;
+  while (size < rest.size() && !IsBlank(rest[size])) ++size;
+  const std::string_view word = rest.substr(0, size);
+  rest.remove_prefix(size);
+  return word;
+}
+
 void OpenEndpoints() {
   const bool isOpen = Server.InitConnections();
   Print(isOpen ? "Successfully opened server conenctions" : "Failed to open server connections");
@@ -115,14 +134,14 @@ bool Upkeep_ListsGroupIPV4(const std::string& list, unsigned index, const char* 
   inet_pton(AF_INET, group, &address);
   char wanted[16];
   std::snprintf(wanted, sizeof wanted, "%08X", address.s_addr);
-  std::istringstream lines(list);
+  const std::string number = std::to_string(index);
   bool isHere = false;
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string first;
-    words >> first;
-    if (line.empty() || line[0] != '\t') {
-      isHere = first == std::to_string(index);
+  for (std::string_view rest = list; !rest.empty();) {
+    std::string_view line = TakeUntil('\n', rest);
+    const bool isGroup = !line.empty() && line[0] == '\t';
+    const std::string_view first = TakeWord(line);
+    if (!isGroup) {
+      isHere = first == number;
     } else if (isHere && first == wanted) {
       return true;
     }
@@ -140,12 +159,12 @@ bool Upkeep_ListsGroupIPV6(const std::string& list, unsigned index, const char* 
     std::snprintf(digits, sizeof digits, "%02x", byte);
     wanted += digits;
   }
-  std::istringstream lines(list);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string number, name, found;
-    words >> number >> name >> found;
-    if (number == std::to_string(index) && found == wanted) return true;
+  const std::string number = std::to_string(index);
+  for (std::string_view rest = list; !rest.empty();) {
+    std::string_view line = TakeUntil('\n', rest);
+    const bool isHere = TakeWord(line) == number;
+    TakeWord(line);  // the interface's name
+    if (isHere && TakeWord(line) == wanted) return true;
   }
   return false;
 }

@@ -26,7 +26,7 @@ sockaddr_in MakeAddress(in_addr_t address, unsigned short port) {
   return made;
 }
 
-int NewSocket() { return GateDescriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP)); }
+int NewSocket() { return GateCloexec(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP)); }
 
 int Connect(int descriptor, const sockaddr_in& address) {
   return connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
@@ -164,7 +164,7 @@ bool CTCP::OpenPort(unsigned long address, unsigned short port, int backlog) {
 }
 
 bool CTCP::Accept() {
-  _socket = GateDescriptor(accept4(_listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
+  _socket = GateCloexec(accept4(_listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
   if (_backlog == 1) CloseSocket(_listenSocket);
   if (_socket == -1) {
     ConsoleError("CTCP::Accept(): accept");

@@ -76,7 +76,7 @@ void AddBroadcastRoute(const char* interface) {
 }
 
 bool OpenSocket(Call& call) {
-  call.descriptor = GateDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
+  call.descriptor = GateCloexec(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
   if (call.descriptor < 0) {
     PrintError("create socket");
     return false;

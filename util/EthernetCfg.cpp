@@ -18,6 +18,7 @@
 
 #include "base/Blank.h"
 #include "base/Descriptor.h"
+#include "util/AddressText.h"
 #include "util/InterfaceName.h"
 #include "util/ResolverFile.h"
 #include "util/RouteSocket.h"
@@ -27,8 +28,6 @@
 char DefGateway[1024];
 
 namespace {
-
-constexpr std::size_t TEXT_SIZE = 128;
 
 int skfd = -1;
 bool skfdIsOpen = false;  // skfd keeps its number after the close, when it may be someone else's
@@ -84,7 +83,7 @@ bool IsGiven(const char* text) { return text != nullptr && *text != '\0'; }
 bool GetAddressText(unsigned long what, const char* failure, char* text) {
   in_addr address = {};
   if (!GetAddress(what, &address)) return Refused(failure);
-  inet_ntop(AF_INET, &address, text, TEXT_SIZE);
+  AddressText_Quad(address, text);
   return true;
 }
 
@@ -93,7 +92,7 @@ bool GetMacText(char* text) {
   if (ioctl(skfd, SIOCGIFHWADDR, &request) < 0) return Refused("get mac address");
   std::array<unsigned char, 6> mac = {};
   std::memcpy(mac.data(), request.ifr_hwaddr.sa_data, mac.size());
-  std::snprintf(text, TEXT_SIZE, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+  AddressText_Mac(mac, text);
   return true;
 }
 
@@ -190,7 +189,7 @@ bool EthernetCfg_Init(const char* interface) {
   constexpr std::size_t longest = 16;
   std::memset(ifName, 0, sizeof(ifName));
   std::memcpy(ifName, interface, strnlen(interface, longest));
-  skfd = GateDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  skfd = GateCloexec(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   skfdIsOpen = skfd >= 0;
   if (!skfdIsOpen) ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: Could not create socket for ethernet configuration\n");
   return skfdIsOpen;
@@ -270,7 +269,7 @@ bool ConfigureNameserver(const char* first, const char* second, const char* thir
 int get_gatewayip(char* gateway) {
   in_addr found = {};
   const int result = RouteSocket_FindDefaultGateway(&found);
-  if (result == 1) inet_ntop(AF_INET, &found, gateway, TEXT_SIZE);
+  if (result == 1) AddressText_Quad(found, gateway);
   return result;
 }
 
@@ -283,13 +282,13 @@ bool ul_GetMACAddressString(const char* interface, char* out, bool* hasAddress) 
   const std::string mac = output.substr(at + label.size(), sizeof("00:00:00:00:00:00") - 1);
   unsigned char bytes[6];
   if (ConverMacAddressStringIntoByte(mac.c_str(), bytes) == nullptr) return false;
-  std::snprintf(out, TEXT_SIZE, "%s", mac.c_str());
+  std::memcpy(out, mac.c_str(), mac.size() + 1);
   if (hasAddress != nullptr) *hasAddress = output.find("inet addr") != std::string::npos;
   return true;
 }
 
 bool EthernetCfg_AddMulticastRoute(const char* interface) {
-  const int descriptor = GateDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const int descriptor = GateCloexec(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (descriptor < 0) return false;
   ifreq name = RequestFor(interface);
   sockaddr_in group = {};

@@ -45,6 +45,12 @@ void ReadAttribute(unsigned type, const std::uint8_t* value, RouteMessage_NameOf
   }
 }
 
+/// Whether the dotted form contains "0.0.0.0": three zero bytes behind one that ends in the digit 0.
+bool TextHasZeroAddress(in_addr address) {
+  const std::uint32_t number = ntohl(address.s_addr);
+  return (number & 0xffffff) == 0 && (number >> 24) % 10 == 0;
+}
+
 }  // namespace
 
 RouteDump RouteMessage_ScanDatagram(const std::uint8_t* datagram, std::size_t size, std::size_t* routes) {
@@ -83,9 +89,7 @@ bool RouteMessage_FindDefaultGateway(const std::uint8_t* messages, std::size_t s
   nlmsghdr header = {};
   for (std::size_t at = 0; ReadHeader(messages + at, size - at, &header); at += Step(header.nlmsg_len, size - at)) {
     const RouteInfo route = RouteMessage_Read(messages + at, header.nlmsg_len, nameOfIndex);
-    char destination[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &route.destination, destination, sizeof(destination));
-    if (std::strstr(destination, "0.0.0.0") != nullptr) {
+    if (TextHasZeroAddress(route.destination)) {
       *gateway = route.gateway;
       return true;
     }

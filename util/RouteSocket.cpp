@@ -2,7 +2,6 @@
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 
 #include "base/ConsoleLine.h"
 #include "base/Descriptor.h"
@@ -23,23 +21,32 @@ constexpr AbsTime_US LONGEST_DUMP_US = 1000000;
 
 using RouteBuffer = std::array<std::uint8_t, 8192>;
 
-bool SendDumpRequest(int descriptor, RouteBuffer& buffer) {
-  buffer.fill(0);
-  nlmsghdr header = {};
-  header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));  // the routing message behind it stays zero: any family
-  header.nlmsg_type = RTM_GETROUTE;
-  header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  header.nlmsg_pid = static_cast<std::uint32_t>(getpid());
-  std::memcpy(buffer.data(), &header, sizeof(header));
-  if (send(descriptor, buffer.data(), header.nlmsg_len, 0) >= 0) return true;
+bool SendDumpRequest(int descriptor) {
+  struct {
+    nlmsghdr header;
+    rtmsg route;  // stays zero: any family
+  } request = {};
+  request.header.nlmsg_len = sizeof(request);
+  request.header.nlmsg_type = RTM_GETROUTE;
+  request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  request.header.nlmsg_pid = static_cast<std::uint32_t>(getpid());
+  if (send(descriptor, &request, sizeof(request), 0) >= 0) return true;
   ConsoleLine(STDERR_FILENO, "Write To Socket Failed...\n");
   return false;
 }
 
 /// Receives one datagram of the kernel's into `buffer` from `size` on, waiting until `deadline` for it; those of others
-/// are dropped. Returns its length, or -1 with errno.
+/// are dropped. Returns its length, or -1 with errno. The kernel has a dump's next piece ready as a rule: a wait is the
+/// exception.
 ssize_t ReceiveFromKernel(int descriptor, RouteBuffer& buffer, std::size_t size, AbsTime_US deadline) {
   for (;;) {
+    sockaddr_nl sender = {};
+    socklen_t senderSize = sizeof(sender);
+    const ssize_t received = recvfrom(descriptor, buffer.data() + size, buffer.size() - size, MSG_DONTWAIT,
+                                      reinterpret_cast<sockaddr*>(&sender), &senderSize);
+    if (received >= 0 && sender.nl_pid == 0) return received;
+    if (received < 0 && errno != EAGAIN) return -1;
+
     const double left = ul_MathAbsTime_SubFloat_US(deadline, ul_GetAbsTime_US(false));
     pollfd waiting = {descriptor, POLLIN, 0};
     const int ready = left > 0 ? poll(&waiting, 1, static_cast<int>(left / 1000) + 1) : 0;
@@ -47,16 +54,7 @@ ssize_t ReceiveFromKernel(int descriptor, RouteBuffer& buffer, std::size_t size,
       errno = ETIMEDOUT;
       return -1;
     }
-    if (ready < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    sockaddr_nl sender = {};
-    socklen_t senderSize = sizeof(sender);
-    const ssize_t received = recvfrom(descriptor, buffer.data() + size, buffer.size() - size, MSG_DONTWAIT,
-                                      reinterpret_cast<sockaddr*>(&sender), &senderSize);
-    if (received < 0 && errno == EAGAIN) continue;
-    if (received < 0 || sender.nl_pid == 0) return received;
+    if (ready < 0 && errno != EINTR) return -1;
   }
 }
 
@@ -89,14 +87,16 @@ bool ReceiveDump(int descriptor, RouteBuffer& buffer, std::size_t* size) {
 int FindDefaultGateway(int descriptor, in_addr* gateway) {
   RouteBuffer buffer;
   std::size_t size = 0;
-  if (!SendDumpRequest(descriptor, buffer) || !ReceiveDump(descriptor, buffer, &size)) return -1;
-  return RouteMessage_FindDefaultGateway(buffer.data(), size, if_indextoname, gateway) ? 1 : 0;
+  if (!SendDumpRequest(descriptor) || !ReceiveDump(descriptor, buffer, &size)) return -1;
+  // Nobody asks for the names of the interfaces, which would be three system calls for each route.
+  const auto noName = [](unsigned, char*) -> char* { return nullptr; };
+  return RouteMessage_FindDefaultGateway(buffer.data(), size, noName, gateway) ? 1 : 0;
 }
 
 }  // namespace
 
 int RouteSocket_FindDefaultGateway(in_addr* gateway) {
-  const int descriptor = GateDescriptor(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE));
+  const int descriptor = GateCloexec(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE));
   if (descriptor < 0) {
     ConsoleError("Socket Creation: ");
     return -1;

@@ -56,9 +56,9 @@ class HarmlessStream {
   explicit HarmlessStream(int stream) : _stream(stream) {
     pollfd look = {stream, POLLOUT, 0};
     if (poll(&look, 1, 0) == 1 && look.revents == POLLOUT) return;
-    const int null = GateDescriptor(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const int null = GateCloexec(open("/dev/null", O_WRONLY | O_CLOEXEC));
     if (null < 0) return;
-    _before = GateDescriptor(fcntl(stream, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    _before = GateCloexec(fcntl(stream, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     if (_before >= 0) dup2(null, stream);  // a closed one stays closed
     close(null);
   }

@@ -12,7 +12,10 @@ namespace {
 
 /// `paramXml` is null for a call without a parameter.
 std::string RequestDocument(const char* methodName, const std::string_view* paramXml) {
-  std::string text = XML_TAG_VERSION;
+  constexpr std::size_t MOST_AROUND = 256;  // the tags and all but a very long name
+  std::string text;
+  text.reserve(MOST_AROUND + (paramXml == nullptr ? 0 : paramXml->size()));
+  text.append(XML_TAG_VERSION);
   text.append(XML_TAG_METHODCALL).append(XML_TAG_METHODNAME).append(methodName).append(XML_ENDTAG_METHODNAME);
   if (paramXml != nullptr) {
     text.append(XML_TAG_PARAMS).append(XML_TAG_PARAM);

@@ -77,6 +77,7 @@ int XmlRpcClientTransportHTTP::Disconnect() {
   _tcp.clear();
   connected = false;
   _owed = 0;
+  _ends = Ends::Unknown;
   return 0;
 }
 
@@ -94,14 +95,19 @@ bool XmlRpcClientTransportHTTP::HasInput() {
   return true;
 }
 
-bool XmlRpcClientTransportHTTP::IsItsOwnPeer() const {
-  sockaddr_in own = {};
-  sockaddr_in peer = {};
-  socklen_t ownLength = sizeof own;
-  socklen_t peerLength = sizeof peer;
-  return getsockname(_tcp.GetSocket(), reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
-         getpeername(_tcp.GetSocket(), reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
-         own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
+bool XmlRpcClientTransportHTTP::IsItsOwnPeer() {
+  if (_ends == Ends::Unknown) {
+    sockaddr_in own = {};
+    sockaddr_in peer = {};
+    socklen_t ownLength = sizeof own;
+    socklen_t peerLength = sizeof peer;
+    if (getsockname(_tcp.GetSocket(), reinterpret_cast<sockaddr*>(&own), &ownLength) != 0 ||
+        getpeername(_tcp.GetSocket(), reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0) {
+      return false;  // not connected, or not yet
+    }
+    _ends = own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr ? Ends::Same : Ends::Apart;
+  }
+  return _ends == Ends::Same;
 }
 
 std::string XmlRpcClientTransportHTTP::generateHeader(const std::string& body) const {

@@ -49,8 +49,8 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
   /// dropped. Never waits. False without an open socket.
   bool HasInput();
   /// Whether the open connection leads to itself: connecting to a local port that nobody listens on may do so, if the
-  /// system chooses that very port for our end. False without an open socket.
-  bool IsItsOwnPeer() const;
+  /// system chooses that very port for our end. False without an open socket. Asks the system once for a connection.
+  bool IsItsOwnPeer();
 
   /// Requests on this connection without their response yet: such a response may still come, and be read as that of a
   /// later request. 0 after a connect or disconnect. A response without a good length counts, as does a fault.
@@ -89,6 +89,7 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
  private:
   HttpHead _head;  // how far `_header` is read
   unsigned _owed = 0;
+  enum class Ends { Unknown, Apart, Same } _ends = Ends::Unknown;  // of the connection, which cannot change
 };
 
 }  // namespace TarnXmlRpc

@@ -55,19 +55,17 @@ TEST(CTCP, EveryFailureKeepsItsReasonLosesNoDescriptorAndPrintsOnlyWhereItShould
   };
   const std::string why = ": Invalid cross-device link\n", keepalive = "CTCP::ActivateKeepalive(): setsockopt ";
   const std::tuple<const char*, std::function<bool(CTCP&)>, std::function<int(CTCP&)>, std::string> cases[] = {
-      {"Call", nothing, called, "socket: 0\nfcntl: 0\nconnect: 0 connected\n"},
+      {"Call", nothing, called, "socket: 0\nconnect: 0 connected\n"},
       {"Call within", nothing, calledWithin,
-       "socket: 0\nfcntl: 0\nfcntl: 0 connected\nfcntl: 0 connected\n"
+       "socket: 0\nfcntl: 0 connected\nfcntl: 0 connected\n"
        "connect: 0 connected\nselect: 1 connected\ngetsockopt: 0 connected\n"},
       {"OpenPort", nothing, [](CTCP& tcp) { return tcp.OpenPort(0, 0, 5); },
-       "socket: 0\nNetOpenServerPort socket" + why + "fcntl: 0\nNetOpenServerPort socket" + why +
-           "setsockopt: 0\nbind: 0\nsetsockopt: 0\nlisten: 0\n"},
+       "socket: 0\nNetOpenServerPort socket" + why + "setsockopt: 0\nbind: 0\nsetsockopt: 0\nlisten: 0\n"},
       {"Accept", awaited, [](CTCP& tcp) { return tcp.Accept(); },
-       "accept4: 0 listening\nCTCP::Accept(): accept" + why + "fcntl: 0 listening\nCTCP::Accept(): accept" + why +
+       "accept4: 0 listening\nCTCP::Accept(): accept" + why +
            "setsockopt: 0 listening\nCTCP::Accept(): setsockopt TCP_NODELAY" + why},
       {"Accept within", awaited, [&](CTCP& tcp) { return tcp.Accept(descriptor, 2000) * 10 + descriptor; },
        "select: -1 listening\naccept4: -1 listening\nCTCP::Accept(): accept" + why +
-           "fcntl: -1 listening\nCTCP::Accept(): accept" + why +
            "setsockopt: -1 listening\nCTCP::Accept(): setsockopt TCP_NODELAY" + why},
       {"Send", called, [](CTCP& tcp) { return tcp.Send("x", 1); }, "send: 0 connected\nCTCP::Send()" + why},
       {"Receive", calledWithin, [&](CTCP& tcp) { return tcp.Receive(text, 1); },
@@ -77,7 +75,7 @@ TEST(CTCP, EveryFailureKeepsItsReasonLosesNoDescriptorAndPrintsOnlyWhereItShould
            "setsockopt: 0\n" + keepalive + "TCP_KEEPINTVL" + why + "setsockopt: 0\n" + keepalive + "TCP_KEEPCNT" + why},
       {"SetSendBufferSize", called, [](CTCP& tcp) { return tcp.SetSendBufferSize(9); }, "setsockopt: 0\n"},
       {"GetDeviceIP", nothing, [&](CTCP&) { return CTCP::GetDeviceIP("lo", address); },
-       "socket: 0\nGetDeviceIP socket" + why + "fcntl: 0\nGetDeviceIP socket" + why + "ioctl: 0, descriptors: 1\n"},
+       "socket: 0\nGetDeviceIP socket" + why + "ioctl: 0, descriptors: 1\n"},
       {"GetPort", called, [&](CTCP& tcp) { return tcp.GetPort(port) + port; }, "getsockname: -1 connected\n"},
       {"GetPeerIP", called, [&](CTCP& tcp) { return tcp.GetPeerIP(text) ? 1 : *text; }, "getpeername: 0 connected\n"},
       {"GetLocal", called,

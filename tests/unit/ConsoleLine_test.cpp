@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 
 #include <csignal>
+#include <tuple>
 
 #include "tests/unit/LoopbackPeer.h"
 
@@ -48,16 +49,27 @@ TEST(ConsoleLine, IsWrittenWholeOrNotAtAllAndNeverWaited) {
   for (int i = 0; i < 100; ++i) ConsoleLine(terminal[1], std::string(701, 'x') + "\n");
   setrlimit(RLIMIT_NOFILE, &descriptors);
   EXPECT_EQ("told all the same\r\n", Read(terminal[0]).substr(0, 19));
-  alarm(0);
-  errno = EXDEV;
   EXPECT_EQ(0, fcntl(terminal[1], F_GETFL) & O_NONBLOCK) << "which would hold for everybody who has the terminal";
-  const int saved = dup(STDERR_FILENO);
-  dup2(ends[1], STDERR_FILENO);
-  ConsoleError("why");
-  dup2(saved, STDERR_FILENO);
-  close(saved);
-  EXPECT_EQ(EXDEV, errno);
-  EXPECT_EQ("why: Invalid cross-device link\n", Read(ends[0]));
+  const int saved = dup(STDERR_FILENO), null = open("/dev/null", O_WRONLY);
+  const std::string why = line + ": Invalid cross-device link\n";
+  const std::tuple<int, int, std::string> streams[] = {
+      {ends[1], ends[0], why}, {terminal[1], terminal[0], why.substr(0, 3020)}, {null, null, ""}};
+  for (const bool isSettled : {false, true}) {  // what was looked at beforehand makes no difference
+    for (const auto& [stream, other, told] : streams) {
+      while (!Read(terminal[0]).empty()) {
+      }
+      dup2(stream, STDERR_FILENO);
+      if (isSettled) ConsoleSettle();
+      errno = EXDEV;
+      for (int i = 0; i < 100; ++i) ConsoleError(line);
+      EXPECT_EQ(EXDEV, errno);
+      dup2(saved, STDERR_FILENO);
+      EXPECT_EQ(told, Read(other).substr(0, stream == terminal[1] ? 3020 : 9999));
+    }
+  }
+  alarm(0);
+  ConsoleSettle();
+  for (const int descriptor : {null, saved}) close(descriptor);
   EXPECT_EQ(before, CountDescriptors());
   close(ends[0]);
   ConsoleLine(ends[1], "nobody reads\n");  // raises no SIGPIPE

@@ -4,6 +4,7 @@
 
 #include <map>
 
+#include "ddp/DeviceService.h"
 #include "ddp/TarnDDPServer.h"
 #include "tests/unit/SystemCalls.h"
 
@@ -140,5 +141,21 @@ TEST(UpkeepLists, AreReadByInterfaceAndGroup) {
     EXPECT_EQ(index != 0, Upkeep_ListsGroupIPV4(igmp, index, "224.0.0.1")) << index;
     EXPECT_EQ(index == 12, Upkeep_ListsGroupIPV6(igmp6, index, "FF12::12")) << index;
     EXPECT_EQ(index == 2, Upkeep_ListsGroupIPV6(igmp6, index, "ff02::fb")) << index;
+  }
+}
+
+/// The system may choose for our end the very port that we connect to.
+TEST(ServiceConnection, IsGivenUpIfItLeadsToItselfAndElseKept) {
+  const std::tuple<const char*, int, bool> rows[] = {
+      {"40001 40001", 40001, false}, {"40009 60999", 40002, true}, {"40003 40003", 40003, false}};
+  for (const auto& [range, port, isKept] : rows) {
+    ASSERT_EQ(0, std::system(("echo " + std::string(range) + " >/proc/sys/net/ipv4/ip_local_port_range").c_str()));
+    CTCP service;
+    ASSERT_TRUE(!isKept || service.OpenPort(0, static_cast<unsigned short>(port), 5));
+    TarnDDPCommand_Init("127.0.0.1", port, "lo");
+    EXPECT_TRUE(IsConnected());
+    for (int times = 0; times < 2; ++times) Upkeep_ServiceConnection();
+    EXPECT_EQ(isKept, IsConnected()) << port;
+    TarnDDPCommand_Final();
   }
 }

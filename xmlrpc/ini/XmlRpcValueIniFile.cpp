@@ -29,7 +29,7 @@ using File = std::unique_ptr<std::FILE, Closer>;
 /// inherits.
 File Open(const std::string& name, const char* mode) {
   const int how = *mode == 'w' ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
-  const int descriptor = GateDescriptor(open(name.c_str(), how | O_CLOEXEC, 0666));
+  const int descriptor = GateCloexec(open(name.c_str(), how | O_CLOEXEC, 0666));
   File file(descriptor < 0 ? nullptr : fdopen(descriptor, mode));
   if (file == nullptr && descriptor >= 0) CloseKeepingErrno(descriptor);
   return file;
