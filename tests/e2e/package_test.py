@@ -70,6 +70,8 @@ class Packages(DeviceTest):
         daemon, = glob.glob("/tmp/packages/tarnddpd_*.deb")
         packed = re.findall(r"^-.* \.(/\S*?)(?:\.gz)?$", run("dpkg-deb", "-c", daemon), re.M)
         self.assertEqual(sorted(listed), sorted(path for path in packed if "/share/doc/" not in path))
+        needed = {word.split()[0] for word in run("dpkg-deb", "-f", daemon, "Depends").split(",")}
+        self.assertLessEqual(needed, {"libc6", "libgcc-s1", "libstdc++6", "net-tools"})
 
     def test_life_of_the_packages(self):
         self.assertIn("ExecStart=/usr/sbin/tarnddpd ", pathlib.Path(
