@@ -1,12 +1,6 @@
 #include "util/DHCPClient.h"
 
-#include <arpa/inet.h>
 #include <sys/select.h>
-
-#include <algorithm>
-#include <deque>
-#include <regex>
-#include <vector>
 
 #include "tests/unit/Interface.h"
 #include "tests/unit/SystemCalls.h"
@@ -24,7 +18,7 @@ DHCPBuffer Reply(std::uint8_t type, std::initializer_list<std::uint8_t> options)
 }
 
 /// A server that gives `answers`, whatever it is sent, and a clock that nobody waits for; `log` tells what happens.
-struct Wire {
+struct Wire : ReplacedCalls {
   std::deque<DHCPBuffer> answers;
   std::string log;
 
@@ -58,13 +52,6 @@ struct Wire {
       log += "sleep " + std::to_string(wanted->tv_sec) + " s " + std::to_string(wanted->tv_nsec) + "\n";
       return 0;
     };
-  }
-  ~Wire() {
-    on_bind = nullptr;
-    on_sendto = nullptr;
-    on_select = nullptr;
-    on_recv = nullptr;
-    on_nanosleep = nullptr;
   }
 };
 

@@ -1,16 +1,10 @@
 #include "util/DHCPMessage.h"
 
-#include <gtest/gtest.h>
-
-#include <random>
 #include <sstream>
 
-namespace {
+#include "tests/unit/Test.h"
 
-std::size_t Random(std::size_t below) {
-  static std::mt19937 generator(20261125);
-  return generator() % below;
-}
+namespace {
 
 /// The bytes that are written as hexadecimal numbers between blanks.
 std::string Bytes(const std::string& hex) {

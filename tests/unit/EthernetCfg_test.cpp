@@ -1,10 +1,5 @@
 #include "util/EthernetCfg.h"
 
-#include <net/if.h>
-
-#include <random>
-#include <regex>
-
 #include "tests/unit/Interface.h"
 #include "tests/unit/SystemCalls.h"
 

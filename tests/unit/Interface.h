@@ -1,12 +1,6 @@
 #pragma once
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <string>
-
+#include "tests/unit/Test.h"
 #include "util/EthernetCfg.h"
 #include "util/Shell.h"
 #include "util/_Others.h"

@@ -3,18 +3,11 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <filesystem>
-#include <functional>
-#include <string>
 #include <string_view>
 #include <thread>
 
 #include "net/CTCP.h"
-
-inline int CountDescriptors() {
-  using Entries = std::filesystem::directory_iterator;
-  return static_cast<int>(std::distance(Entries("/proc/self/fd"), Entries()));
-}
+#include "tests/unit/Test.h"
 
 /// What came up to and including `end`, or before the client went away.
 inline std::string ReadUpTo(int connection, std::string_view end) {

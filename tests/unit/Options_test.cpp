@@ -1,9 +1,6 @@
 #include "ddp/Options.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <tuple>
+#include "tests/unit/Test.h"
 
 TEST(Options, AreReadInOneScanOfEveryArgument) {
   const std::string longest(127, 'x'), tooLong(128, 'x');

@@ -1,14 +1,6 @@
 #include "util/ResolverFile.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <array>
-#include <cstdlib>
-#include <tuple>
-#include <vector>
 
 #include "tests/unit/SystemCalls.h"
 #include "util/Shell.h"

@@ -1,15 +1,10 @@
 #include "util/RouteSocket.h"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
 
 #include <ctime>
-#include <deque>
-#include <tuple>
-#include <vector>
 
 #include "tests/unit/SystemCalls.h"
 
@@ -59,6 +54,7 @@ TEST(RouteSocket, AsksTheKernelOnceAndForASecond) {
        "-1 Error in recieved packet: Bad message\n" + failed},  // too large
       {{{{other}}}, "-1 " + late},
       {std::vector<Datagram>(30, {{route}, 7}), "-1 " + late}};
+  const ReplacedCalls calls;
   long milliseconds = 0;
   on_clock_gettime = [&milliseconds](clockid_t, timespec* time) { return *time = {9, milliseconds * 1000000}, 0; };
   for (const auto& [script, expected] : cases) {
@@ -91,9 +87,6 @@ TEST(RouteSocket, AsksTheKernelOnceAndForASecond) {
     EXPECT_EQ(expected, std::to_string(result) + " " +
                             (gateway.s_addr == 0 ? "" : std::string(inet_ntoa(gateway)) + " ") + printed);
   }
-  on_poll = nullptr;
-  on_recvfrom = nullptr;
-  on_clock_gettime = nullptr;
 }
 
 TEST(RouteSocket, FailureIsToldAndLosesNoDescriptor) {

@@ -1,14 +1,9 @@
 #include "util/Shell.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <random>
 
 #include "tests/unit/SystemCalls.h"
 
@@ -139,11 +134,11 @@ TEST(Shell, SignalsDoNotEndTheWaitAndACommandThatCannotStartIsAFailure) {
   setitimer(ITIMER_REAL, &never, nullptr);
   sigaction(SIGALRM, &before, nullptr);
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "no child is left";
+  const ReplacedCalls calls;
   on_posix_spawn = [](auto&&...) { return EAGAIN; };
   const int descriptors = CountDescriptors(), result = ul_RunRoute("exit");
   EXPECT_EQ(std::pair(-1, EAGAIN), std::pair(result, errno));
   EXPECT_FALSE(ul_ReadCommand("exit", output));
   EXPECT_EQ(EAGAIN, errno);
   EXPECT_EQ(descriptors, CountDescriptors());
-  on_posix_spawn = nullptr;
 }

@@ -1,25 +1,26 @@
 #pragma once
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
 #include <spawn.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
-#include <cerrno>
 #include <cstdarg>
-#include <cstring>
 #include <ctime>
-#include <functional>
-#include <string>
-#include <utility>
 
 #include "tests/unit/LoopbackPeer.h"
 
 // Functions of the C library, defined anew for the test program: each fails where WithEachCallFailing() wants it to, or
-// does what the test has put into on_NAME, or what it always does, which is real_NAME().
+// does what the test has put into on_NAME, as long as a ReplacedCalls lives, or what it always does, real_NAME().
+
+struct ReplacedCalls {
+  ~ReplacedCalls() {
+    for (const auto& restore : restores) restore();
+  }
+  static inline std::vector<void (*)()> restores;
+};
 
 struct FailingCalls {
   int left = 0;  // how many calls, of whatever function, until the one that fails with EXDEV; 0 for none
@@ -35,15 +36,16 @@ struct FailingCalls {
 inline FailingCalls failingCalls;
 
 // Without the noexcept that some have in their headers, which both compilers take from there.
-#define SYSTEM_CALL(result, name, mayFail, parameters, arguments)                                 \
-  inline result real_##name parameters {                                                          \
-    static const auto function = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
-    return function arguments;                                                                    \
-  }                                                                                               \
-  inline std::function<result parameters> on_##name;                                              \
-  extern "C" result name parameters {                                                             \
-    if (mayFail && failingCalls.IsNext(#name)) return -1;                                         \
-    return on_##name ? on_##name arguments : real_##name arguments;                               \
+#define SYSTEM_CALL(result, name, mayFail, parameters, arguments)                                    \
+  inline result real_##name parameters {                                                             \
+    static const auto function = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name));    \
+    return function arguments;                                                                       \
+  }                                                                                                  \
+  inline std::function<result parameters> on_##name;                                                 \
+  const bool name##IsKnown = (ReplacedCalls::restores.push_back([] { on_##name = nullptr; }), true); \
+  extern "C" result name parameters {                                                                \
+    if (mayFail && failingCalls.IsNext(#name)) return -1;                                            \
+    return on_##name ? on_##name arguments : real_##name arguments;                                  \
   }
 /// One whose third argument is optional.
 #define VARIADIC_SYSTEM_CALL(name, A, B)                                                        \

@@ -1,7 +1,4 @@
-#include <gtest/gtest.h>
 
-#include <map>
-#include <tuple>
 
 #include "ddp/TarnDDPCommand.h"
 #include "ddp/TarnDDPServer.h"

@@ -1,8 +1,4 @@
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <net/if.h>
 
-#include <tuple>
 
 #include "ddp/TarnDDPServer.h"
 #include "tests/unit/LoopbackPeer.h"

@@ -1,12 +1,6 @@
 #include "ddp/TarnDDPTrace.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <sstream>
 
 #include "tests/unit/LoopbackPeer.h"

@@ -2,8 +2,6 @@
 
 #include <netinet/in.h>
 
-#include <map>
-
 #include "ddp/DeviceService.h"
 #include "ddp/TarnDDPServer.h"
 #include "tests/unit/SystemCalls.h"
@@ -12,7 +10,7 @@ namespace {
 
 /// What the sockets are told: the ports that they are bound to, the groups that they join (+4, +6) and leave (-4, -6),
 /// '!' behind what fails, as to join once more does. The ports `taken` are another's. The clock shows `seconds`.
-class Upkeep : public testing::Test {
+class Upkeep : public testing::Test, ReplacedCalls {
  protected:
   void SetUp() override {
     ASSERT_NE(nullptr, std::getenv("SANDBOX_HALT_MARK")) << "opens the discovery ports: inside scripts/sandbox only";
@@ -33,11 +31,6 @@ class Upkeep : public testing::Test {
       return result;
     };
     on_clock_gettime = [this](clockid_t, timespec* time) { return *time = {seconds, 0}, 0; };
-  }
-  void TearDown() override {
-    on_bind = nullptr;
-    on_setsockopt = nullptr;
-    on_clock_gettime = nullptr;
   }
 
   /// What the next look prints.

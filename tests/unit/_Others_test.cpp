@@ -1,21 +1,15 @@
 #include "util/_Others.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <cmath>
-#include <cstdlib>
-#include <random>
-#include <regex>
-#include <vector>
 
 #include "tests/unit/SystemCalls.h"
 
 namespace {
 
 /// The wall clock stands at `now`, in a zone an hour and a half ahead, and what is printed goes into the pipe.
-class Console : public testing::Test {
+class Console : public testing::Test, ReplacedCalls {
  protected:
   void SetUp() override {
     setenv("TZ", "TST-1:30", 1);
@@ -25,10 +19,7 @@ class Console : public testing::Test {
     };
     fcntl(ul_InitTerminalPipe(), F_SETFL, O_NONBLOCK);
   }
-  void TearDown() override {
-    on_clock_gettime = nullptr;
-    ul_FinalTerminalPipe();
-  }
+  void TearDown() override { ul_FinalTerminalPipe(); }
 
   /// What has been printed since the last call.
   static std::string Printed() {
@@ -106,7 +97,6 @@ TEST_F(Console, PropertiesGoToTheHandlerOrThePipe) {
     ul_PrintApplicationProperties(nullptr, " %d");
     EXPECT_EQ(handed + " %d", Printed());
   }
-  on_pthread_getschedparam = nullptr;
 }
 
 TEST_F(Console, TerminalPipeIsOpenedOnceAndClosedWhole) {

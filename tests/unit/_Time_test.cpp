@@ -1,12 +1,7 @@
 #include "util/_Time.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cmath>
 #include <ctime>
-#include <random>
-#include <tuple>
 
 #include "tests/unit/SystemCalls.h"
 
@@ -48,6 +43,7 @@ std::int32_t Held(std::int64_t value) {
 }  // namespace
 
 TEST(Time, ArithmeticIsThatOfWholeUnitsAndNowIsTheMonotonicClock) {
+  const ReplacedCalls calls;
   AbsTime_NS monotonic = {}, realtime = {};
   on_clock_gettime = [&](clockid_t clock, timespec* time) {
     const AbsTime_NS now = clock == CLOCK_MONOTONIC ? monotonic : realtime;
@@ -89,10 +85,10 @@ TEST(Time, ArithmeticIsThatOfWholeUnitsAndNowIsTheMonotonicClock) {
   }
   on_clock_gettime = [](clockid_t, timespec*) { return -1; };
   EXPECT_EQ(0U, ul_GetAbsTime_US(false));
-  on_clock_gettime = nullptr;
 }
 
 TEST(Time, FloatsAreTruncatedTowardZeroAndNeverOverflow) {
+  const ReplacedCalls calls;
   on_clock_gettime = [](clockid_t clock, timespec* time) {
     return *time = {clock == CLOCK_MONOTONIC ? 5000 : 7, 0}, 0;
   };
@@ -108,10 +104,10 @@ TEST(Time, FloatsAreTruncatedTowardZeroAndNeverOverflow) {
     EXPECT_EQ(std::tuple(start + change, start + change, start + change), std::tuple(time, microseconds, now))
         << seconds;
   }
-  on_clock_gettime = nullptr;
 }
 
 TEST(Time, SleepIsOneCallWhoseResultIsReturned) {
+  const ReplacedCalls calls;
   const std::tuple<std::uint64_t, int, std::int64_t, long> cases[] = {
       {0, 0, 0, 0},
       {1500001, -1, 1, 500001000},
@@ -122,5 +118,4 @@ TEST(Time, SleepIsOneCallWhoseResultIsReturned) {
     EXPECT_EQ(result, ul_Sleep_US(7, microseconds));
     EXPECT_EQ(std::tuple(seconds, nanoseconds), std::tuple(std::int64_t{slept.tv_sec}, slept.tv_nsec));
   }
-  on_nanosleep = nullptr;
 }
