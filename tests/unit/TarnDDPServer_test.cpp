@@ -1,6 +1,5 @@
-
-
 #include "ddp/TarnDDPServer.h"
+
 #include "tests/unit/LoopbackPeer.h"
 
 namespace {
@@ -24,14 +23,14 @@ TEST(Server, ReadsOneEndpointForEachCallInTheirOrderAndAnswersThere) {
   EXPECT_EQ("Unknown", Server.GetScanMethod());
   const char* const mapped = "::ffff:127.0.0.1";
   const int last = Request("3", mapped, port_Broadcast), third = Request("2", mapped, port_IPV4);
-  const std::tuple<int, const char*, const char*, const char*> cases[] = {
+  const std::tuple<int, const char*, const char*, const char*> rows[] = {
       {Request("0", "::1", port_IPV6), "IPV6 Multicast", "::1", "reply"},
       {Request("1", mapped, port_IPV6), "IPV6 Multicast", mapped, "reply"},
       {third, "IPV4 Multicast", "127.0.0.1", "none"},  // to the group, where no way leads
       {last, "UDP Broadcast", "127.0.0.1", "reply"}};
   const int before = CountDescriptors();
   for (int i = 0; i < 4; ++i) {
-    const auto& [requester, method, sender, reply] = cases[i];
+    const auto& [requester, method, sender, reply] = rows[i];
     EXPECT_EQ(std::to_string(i), Server.Receive());
     for (int times = 0; i == 3 && times < 3; ++times) EXPECT_TRUE(Server.InitConnections());  // the requester stays
     EXPECT_EQ(method, Server.GetScanMethod());
@@ -45,17 +44,13 @@ TEST(Server, ReadsOneEndpointForEachCallInTheirOrderAndAnswersThere) {
   EXPECT_EQ(before, CountDescriptors());
 }
 
-TEST(Server, JoinsAndLeavesEachGroupOnAnInterface) {
-  ASSERT_EQ(0, std::system("ip link add tarn2 mtu 1000 type veth peer name tarn3 && ip link set tarn2 up"));
-  const unsigned passing = if_nametoindex("tarn2");
-  EXPECT_FALSE(Server.JoinGroups(passing)) << "too small for IPv6";
-  ASSERT_EQ(0, std::system("ip link set tarn2 mtu 1500"));
-  const std::string member = "^" + std::to_string(passing) + " .*ff120000000000000000000000000012";
-  for (int times = 0; times < 2; ++times) EXPECT_TRUE(Server.JoinGroups(passing)) << times;
-  EXPECT_EQ(0, std::system(("grep -q '" + member + "' /proc/net/igmp6 && grep -q 800500E0 /proc/net/igmp").c_str()));
-  ASSERT_EQ(0, std::system("ip link del tarn2"));
-  EXPECT_TRUE(Server.JoinGroup(AF_INET6, passing)) << "still remembered";
-  for (const int family : {AF_INET, AF_INET6}) Server.LeaveGroup(family, passing);
-  for (const int family : {AF_INET, AF_INET6}) EXPECT_FALSE(Server.JoinGroup(family, passing)) << family;
-  EXPECT_FALSE(Server.JoinGroups(passing));
+TEST(Server, JoinsAndLeavesBothGroupsOnAnInterface) {
+  const unsigned loopback = if_nametoindex("lo");
+  for (int times = 0; times < 2; ++times) EXPECT_TRUE(Server.JoinGroups(loopback)) << times;
+  for (const int family : {AF_INET, AF_INET6}) {
+    EXPECT_TRUE(Server.LeaveGroup(family, loopback)) << family;
+    EXPECT_FALSE(Server.LeaveGroup(family, loopback)) << family;
+    EXPECT_FALSE(Server.JoinGroup(family, 999)) << family;
+  }
+  EXPECT_FALSE(Server.JoinGroups(999));
 }
