@@ -149,28 +149,3 @@ TEST_F(Interface, MacAddressIsFoundInTheOutputOfIfconfig) {
     EXPECT_EQ(std::pair(std::string(expected), expectsAddress), std::pair(std::string(mac), hasAddress));
   }
 }
-
-/// The rule: six groups of one or two digits, ':' between them, white space or the end after a single last digit.
-TEST(MacText, IsReadAsTheRuleSays) {
-  const std::string digit = "[0-9a-fA-F]",
-                    first = "(" + digit + digit + "?):", last = "(" + digit + digit + "|" + digit + "(?!\\S))";
-  const std::regex rule(first + first + first + first + first + last);
-  std::mt19937 generator(20261125);
-  const std::string valid[] = {"0:1b:c4:0a:ff:05", "00:1B:C4:a:ff:5 ", "99:00:aa:FF:09:af:12"},
-                    odd = "0f: gG\t\r-@`/9A\xff";
-  int macs = 0;
-  for (int round = 0; round < 5000; ++round) {
-    std::string text = valid[generator() % 3], expected(6, '\x9');
-    for (auto changes = generator() % 3; changes > 0; --changes)
-      text.replace(generator() % (text.size() + 1), generator() % 2, generator() % 2, odd[generator() % odd.size()]);
-    std::smatch groups;
-    const bool isMac = std::regex_search(text, groups, rule, std::regex_constants::match_continuous);
-    for (std::size_t i = 0; isMac && i < 6; ++i) expected[i] = static_cast<char>(std::stoi(groups[i + 1], nullptr, 16));
-    unsigned char mac[6] = {9, 9, 9, 9, 9, 9};
-    EXPECT_EQ(isMac ? mac : nullptr, ConverMacAddressStringIntoByte(text.c_str(), mac)) << text;
-    EXPECT_EQ(expected, std::string(mac, mac + 6)) << text;
-    macs += isMac ? 1 : 0;
-  }
-  EXPECT_GT(macs, 1000);
-  EXPECT_EQ(nullptr, ConverMacAddressStringIntoByte(nullptr, nullptr));
-}

@@ -106,16 +106,6 @@ TEST(Command, NeverTakesALateAnswerForItsOwn) {
   }
 }
 
-TEST(Command, IsTheFirstFieldAsItStandsAndTheFilterTheSecond) {
-  Server.SetOwnMACAddress("00:1b:c4:0a:ff:05");
-  for (const char* silent : {"DEVICEENABLEIDENT!\tx", " DEVICEENABLEIDENT!\n", "SETDHCPMODE!\n00:1b:c4:0a:ff:05",
-                             "SYSTRACE!\n00:1b:c4:0a:ff:05"}) {  // the last two: no argument is left
-    EXPECT_EQ("", TarnDDPCommand_Execute(silent, true)) << silent;
-  }
-  EXPECT_EQ("ACK\n", TarnDDPCommand_Execute("deviceDisableIdent!\t00:1b:c4:0a:ff:05\r", false));
-  EXPECT_NEAR(10e6, static_cast<double>(DisableIdentEndTime_US - ul_GetAbsTime_US(false)), 1e6);
-}
-
 TEST(DeviceService, IsTriedAnewWithItsOwnTimeoutAndNoDescriptorLost) {
   const int before = CountDescriptors();
   for (int i = 0; i < 1000; ++i) ASSERT_FALSE(TarnDDPCommand_Init("127.0.0.1", 1, "dev0"));
