@@ -119,16 +119,16 @@ TEST_F(Interface, DHCPTellsEachStepAndEndsAtTheFirstFailureWhichCostsItsSleeps) 
                                "set sock opt;setsockopt: 1 set sock opt;bind: 0 bind socket;sendto: 0 send dhcp "
                                "discover;select: 0 on dhcp discover;recv: 0 receive data from socket;sendto: 0 send "
                                "dhcp request;select: 0 from dhcp request;recv: 0 receive data from socket;socket: 1 " +
-                               closed + ";";
+                               closed + ";ioctl: 0 configure network settings of dev0;";
   Wire wire;
   const std::string found = WithEachCallFailing([&] {
     Undisturbed([&] { return wire.answers = {offer, ack}, ul_RunCommand("ip route replace default dev dev0"); });
     const int result = ul_ConfigureNetworkWithDHCP("dev0", 1, nullptr);
     const std::string printed = Undisturbed([] { return Printed(); });
-    std::smatch first;
-    std::regex_search(printed, first, std::regex("(?:could not|no response|Error:) (\\w+( \\w+)*)"));
+    std::smatch last;
+    std::regex_search(printed, last, std::regex("[^]*(?:could not|no response|Error:|Failed to) (\\w+( \\w+)*)"));
     errno = EXDEV;
-    return std::to_string(result) + " " + first.str(1);
+    return std::to_string(result) + " " + last.str(1);
   });
   EXPECT_EQ(expected, std::regex_replace(found, std::regex("\n"), ";").substr(0, expected.size()));
 }

@@ -117,6 +117,7 @@ TEST_F(Interface, AnyTextMayLieInTheGatewayThatWasAppliedLast) {
 TEST_F(Interface, OnlyOurOwnSocketIsClosedAndLongNamesAreCut) {
   EXPECT_EQ(0, EthernetCfg_Final());
   const int stranger = dup(1);  // takes the number of our socket
+  errno = 0;
   EXPECT_EQ(-1, EthernetCfg_Final());
   EXPECT_EQ(EBADF, errno);
   EXPECT_EQ(0, close(stranger));
@@ -125,6 +126,8 @@ TEST_F(Interface, OnlyOurOwnSocketIsClosedAndLongNamesAreCut) {
   EXPECT_TRUE(EthernetCfg_Init(name.c_str()));
   EXPECT_TRUE(set_flag(name.c_str(), IFF_NOARP));
   EXPECT_FALSE(set_flag(nullptr, IFF_NOARP));
+  char mac[128] = "";
+  EXPECT_TRUE(EthernetCfg_GetActSettings(nullptr, nullptr, nullptr, nullptr, nullptr, mac, nullptr));
   EXPECT_TRUE(ConfigureNameserver("10.1.0.2", nullptr, nullptr));
   Run("ip link show fifteen_letters | grep -q NOARP");
   for (int i = 0; i < 2; ++i) EXPECT_TRUE(EthernetCfg_AddMulticastRoute("dev0")) << "there already";

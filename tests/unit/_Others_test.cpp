@@ -8,21 +8,20 @@
 
 namespace {
 
-/// The wall clock stands at `now`, in a zone an hour and a half ahead, and what is printed goes into the pipe.
+/// The wall clock stands at `now`.
 class Console : public testing::Test, ReplacedCalls {
  protected:
   void SetUp() override {
-    setenv("TZ", "TST-1:30", 1);
     on_clock_gettime = [this](clockid_t clock, timespec* time) {
       *time = clock == CLOCK_REALTIME ? timespec{now, 7250000} : timespec{};
       return 0;
     };
-    fcntl(ul_InitTerminalPipe(), F_SETFL, O_NONBLOCK);
   }
   void TearDown() override { ul_FinalTerminalPipe(); }
 
-  /// What has been printed since the last call.
+  /// What has been printed since the last call; the first one opens the pipe.
   static std::string Printed() {
+    fcntl(ul_InitTerminalPipe(), F_SETFL, O_NONBLOCK);
     char text[8192];
     const ssize_t size = read(ul_InitTerminalPipe(), text, sizeof text);
     return std::string(text, size < 0 ? 0 : static_cast<std::size_t>(size));
@@ -35,9 +34,7 @@ class Console : public testing::Test, ReplacedCalls {
 
 // The first, as the time of the first print is told.
 TEST_F(Console, SystemErrorTellsErrnoAndAMillionfoldTime) {
-  ul_FinalTerminalPipe();
   EXPECT_EQ(2, ul_PrStdOut("c.c", 7, "%s", "xy")) << "without a pipe the message counts";
-  fcntl(ul_InitTerminalPipe(), F_SETFL, O_NONBLOCK);
   EXPECT_EQ("", Printed());
   const std::string error = "error code = 2 (No such file or directory)\n";
   const std::tuple<const char*, int, const char*, std::string> rows[] = {
@@ -67,6 +64,8 @@ TEST_F(Console, PrefixFollowsFileAndLineAndTheWholeIsCut) {
       {"/", 7, time + "/:7\t"},
       {longPath.c_str(), 7, time + std::string(255, 'f') + ":7\t"},
       {longest.c_str(), 7, time + std::string(255, 'f') + ":7\t"}};
+  setenv("TZ", "TST-1:30", 1);
+  Printed();
   now = 50587;
   for (const auto& [file, line, prefix] : rows) {
     now += 86400;
@@ -82,6 +81,7 @@ TEST_F(Console, PrefixFollowsFileAndLineAndTheWholeIsCut) {
 }
 
 TEST_F(Console, PropertiesGoToTheHandlerOrThePipe) {
+  Printed();
   for (const auto& [result, shown] :
        {std::pair(0, "9/Policy=SCHED_RR"), std::pair(EPERM, "-1/Policy=SCHED_\\?\\?\\?")}) {
     on_pthread_getschedparam = [&result = result](pthread_t, int* policy, sched_param* scheduling) {
