@@ -129,7 +129,9 @@ void Notify_Prepare() {
   const bool isOurs =
       std::getenv("WATCHDOG_PID") == nullptr || NumberOf("WATCHDOG_PID") == static_cast<std::uint64_t>(getpid());
   if (isOurs && addressLength != 0) watchdogUS = NumberOf("WATCHDOG_USEC");
-  for (const char* const variable : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}) unsetenv(variable);
+  for (const char* const variable : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}) {
+    unsetenv(variable);  // NOLINT(concurrency-mt-unsafe): there is one thread yet
+  }
 }
 
 void Notify_Detached(pid_t daemon) {

@@ -164,6 +164,7 @@ bool CTCP::OpenPort(unsigned long address, unsigned short port, int backlog) {
 }
 
 bool CTCP::Accept() {
+  // cppcheck-suppress nullPointer ; accept4(2) takes it
   _socket = GateCloexec(accept4(_listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
   if (_backlog == 1) CloseSocket(_listenSocket);
   if (_socket == -1) {

@@ -143,7 +143,7 @@ std::string ul_ShellWord(const std::string& text) {
       "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
       "0123456789"
       "-_.,:/@+%=";
-  std::string word = text.c_str();  // up to the first NUL
+  std::string word = text.substr(0, text.find('\0'));
   if (word.find_first_not_of(plain) == std::string::npos) return word;
   std::string quoted = "'";
   for (const char c : word) {
@@ -161,7 +161,7 @@ int ul_RunCommand(const std::string& command) {
   const CaughtPipeSignal caught;
   const HarmlessStream output(STDOUT_FILENO);
   const HarmlessStream errors(STDERR_FILENO);
-  return std::system(command.c_str());
+  return std::system(command.c_str());  // NOLINT(cert-env33-c): the one place that may
 }
 
 int ul_RunRoute(const std::string& command) {

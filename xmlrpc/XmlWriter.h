@@ -17,6 +17,7 @@ namespace TarnXmlRpc {
 template <int set>
 class XmlWriter {
  public:
+  // cppcheck-suppress uninitMemberVar ; _short is read as far as it is written
   explicit XmlWriter(const XmlRpcValue& root) : _root(root), _start(_short), _next(_short), _end(std::end(_short)) {}
   XmlWriter(const XmlWriter&) = delete;
   XmlWriter& operator=(const XmlWriter&) = delete;

@@ -54,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   while (!input.IsEmpty()) text += input.Piece("00:|1b-|C4:|0a:|ff-|05|5:|a|-|x| ||");
   Require(TarnDDPCommand_IsMacAddress(text) == IsFilter(text), "filter", text);
 
-  const std::string shown(text.c_str());
+  const std::string shown = text.substr(0, text.find('\0'));
   const std::vector<char> exact(shown.c_str(), shown.c_str() + shown.size() + 1);  // for a sanitizer to see
   unsigned char bytes[6] = {1, 2, 3, 4, 5, 6};
   const bool isRead = ConverMacAddressStringIntoByte(exact.data(), bytes) != nullptr;

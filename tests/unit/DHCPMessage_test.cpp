@@ -36,8 +36,8 @@ TEST(DHCPMessage, EveryByteOfWhatIsSentIsAsLaidOut) {
     DHCPBuffer offer;
     for (std::uint8_t& byte : offer) byte = static_cast<std::uint8_t>(Random(256));
     const DHCPMac mac = {0x00, 0x1b, 0xc4, offer[0], offer[1], offer[2]};
-    const in_addr server = {static_cast<in_addr_t>(Random(1 << 31))},
-                  address = {static_cast<in_addr_t>(Random(1 << 31))};
+    const in_addr server = {static_cast<in_addr_t>(Random(1U << 31))},
+                  address = {static_cast<in_addr_t>(Random(1U << 31))};
     const std::string macBytes = Bytes(mac.data(), 6), offered = Bytes(offer.data(), offer.size());
     const DHCPBuffer discover = ul_DHCPBuildDiscover(mac), request = ul_DHCPBuildRequest(offer, mac, server, address);
     EXPECT_EQ(Request(std::string(offer.size(), '\0'), macBytes,
