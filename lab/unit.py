@@ -25,7 +25,7 @@ import subprocess
 import sys
 import time
 
-# Of no effect here: what tells systemd how to watch or order the unit, and what each process has of itself.
+# Of no effect here: what tells systemd how to watch or order the unit, and what libseccomp does anyway.
 IGNORED = {"After", "Description", "Documentation", "WantedBy", "StartLimitIntervalSec", "Type", "NotifyAccess", "WatchdogSec",
            "SystemCallArchitectures"}
 DENIED_CALLS = {"ProtectClock": ["@clock"], "ProtectKernelModules": ["@module"], "ProtectKernelLogs": ["syslog"],
@@ -42,7 +42,7 @@ NAMESPACES = (0x20000, 0x2000000, 0x4000000, 0x8000000, 0x10000000, 0x20000000, 
 MS_RDONLY, MS_NOSUID, MS_NODEV, MS_NOEXEC, MS_BIND, MS_REC, MS_PRIVATE = 1, 2, 4, 8, 4096, 16384, 1 << 18
 PR_SET_PDEATHSIG, PR_SET_KEEPCAPS, PR_SET_NO_NEW_PRIVS = 1, 8, 38
 SYS_MOUNT_SETATTR, AT_FDCWD, AT_RECURSIVE, MOUNT_ATTR_RDONLY = 442, -100, 0x8000, 1
-ALLOW, ERRNO, EQUAL, NOT_EQUAL, LESS_NOT, MASKED = 0x7fff0000, 0x50000, 4, 1, 5, 7
+ALLOW, ERRNO, EQUAL, NOT_EQUAL, MASKED = 0x7fff0000, 0x50000, 4, 1, 7
 S_ISUID, S_ISGID, PROT_WRITE, PROT_EXEC, SHM_EXEC, O_CREAT = 0o4000, 0o2000, 2, 4, 0o100000, 0o100
 
 libc = ctypes.CDLL(None, use_errno=True)
