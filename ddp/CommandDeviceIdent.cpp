@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "ddp/DeviceService.h"
 #include "ddp/TarnDDPServer.h"
@@ -23,35 +24,25 @@ struct Record {
 };
 
 std::string RecordText(const Record& record) {
-  const std::string_view pieces[] = {"SID:0\tOAN:",
-                                     record.deviceType,
-                                     "\tOVN:Orvalle Labs\tSAN:",
-                                     record.deviceType,
-                                     "\tSVN:Orvalle Labs\tLOC:",
-                                     record.deviceName,
-                                     "\tMKC:",
-                                     record.modelCode,
-                                     "\tSNR:",
-                                     record.serialNumber,
-                                     "\tASK:",
-                                     record.isDHCPActive,
-                                     "\tIPA:",
-                                     record.ip,
-                                     "\tSNM:",
-                                     record.mask,
-                                     "\tGWA:",
-                                     record.gateway,
-                                     "\tMAA:",
-                                     record.mac,
-                                     "\tEXTSID:0\tEXTAPPVER:",
-                                     record.firmware,
-                                     "\r\n"};
-  std::size_t size = 0;
-  for (const std::string_view piece : pieces) size += piece.size();
+  using namespace std::string_view_literals;
+  const std::pair<std::string_view, const std::string&> fields[] = {{"SID:0\tOAN:"sv, record.deviceType},
+                                                                    {"\tOVN:Orvalle Labs\tSAN:"sv, record.deviceType},
+                                                                    {"\tSVN:Orvalle Labs\tLOC:"sv, record.deviceName},
+                                                                    {"\tMKC:"sv, record.modelCode},
+                                                                    {"\tSNR:"sv, record.serialNumber},
+                                                                    {"\tASK:"sv, record.isDHCPActive},
+                                                                    {"\tIPA:"sv, record.ip},
+                                                                    {"\tSNM:"sv, record.mask},
+                                                                    {"\tGWA:"sv, record.gateway},
+                                                                    {"\tMAA:"sv, record.mac},
+                                                                    {"\tEXTSID:0\tEXTAPPVER:"sv, record.firmware}};
+  constexpr std::string_view END = "\r\n";
+  std::size_t size = END.size();
+  for (const auto& [key, value] : fields) size += key.size() + value.size();
   std::string text;
   text.reserve(size);
-  for (const std::string_view piece : pieces) text += piece;
-  return text;
+  for (const auto& [key, value] : fields) text.append(key).append(value);
+  return text.append(END);
 }
 
 /// Like RPCItem::GetText(): a member of another type spoils its own field only, and an absent one reads as 0.
@@ -95,8 +86,10 @@ Record ServiceRecord(XmlRpcValue& infos, XmlRpcValue& network) {
 /// False as soon as one call fails: a record never mixes the service's facts with the interface's.
 bool AskDeviceService(Record& record) {
   XmlRpcValue infos, network;  // no CResults: a call would empty it before its defaults were of any use
-  if (!CallDeviceService(Infos::MethodName, Infos::CParams(), infos)) return false;
-  if (!CallDeviceService(Network::MethodName, Network::CParams(), network, AfterTimeout::Keep)) return false;
+  static const Infos::CParams infosParams;
+  static const Network::CParams networkParams;
+  if (!CallDeviceService(Infos::MethodName, infosParams, infos)) return false;
+  if (!CallDeviceService(Network::MethodName, networkParams, network, AfterTimeout::Keep)) return false;
   record = ServiceRecord(infos, network);
   return true;
 }

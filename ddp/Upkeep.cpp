@@ -132,8 +132,8 @@ void OpenEndpoints() {
 bool Upkeep_ListsGroupIPV4(const std::string& list, unsigned index, const char* group) {
   in_addr address = {};
   inet_pton(AF_INET, group, &address);
-  char wanted[16];
-  std::snprintf(wanted, sizeof wanted, "%08X", address.s_addr);
+  std::string wanted;
+  for (int shift = 28; shift >= 0; shift -= 4) wanted += "0123456789ABCDEF"[address.s_addr >> shift & 15];
   const std::string number = std::to_string(index);
   bool isHere = false;
   for (std::string_view rest = list; !rest.empty();) {
@@ -155,9 +155,7 @@ bool Upkeep_ListsGroupIPV6(const std::string& list, unsigned index, const char* 
   inet_pton(AF_INET6, group, &address);
   std::string wanted;
   for (const unsigned char byte : address.s6_addr) {
-    char digits[3];
-    std::snprintf(digits, sizeof digits, "%02x", byte);
-    wanted += digits;
+    for (const int shift : {4, 0}) wanted += "0123456789abcdef"[byte >> shift & 15];
   }
   const std::string number = std::to_string(index);
   for (std::string_view rest = list; !rest.empty();) {

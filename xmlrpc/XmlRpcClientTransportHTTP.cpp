@@ -111,8 +111,10 @@ bool XmlRpcClientTransportHTTP::IsItsOwnPeer() {
 }
 
 std::string XmlRpcClientTransportHTTP::generateHeader(const std::string& body) const {
-  std::string text = "POST /RPC2 HTTP/1.1\r\nUser-Agent: ";
-  text.append(XMLRPC_VERSION).append("\r\nHost: ").append(HOST_AND_PORT);
+  constexpr std::size_t MOST = 256;
+  std::string text;
+  text.reserve(MOST + body.size());  // which is to follow
+  text.append("POST /RPC2 HTTP/1.1\r\nUser-Agent: ").append(XMLRPC_VERSION).append("\r\nHost: ").append(HOST_AND_PORT);
   text.append("\r\nContent-Type: text/xml\r\nContent-length: ").append(std::to_string(Length(body)));
   return text.append("\r\n\r\n");
 }
