@@ -78,6 +78,12 @@ class Bench:
             self.daemon.stop()
         self.daemon = device.Daemon(self.net, self.device, *options, **how)
 
+    def preload(self, source):
+        """Starts the daemon with what `source`, a text in C, puts in the place of the C library's functions."""
+        subprocess.run(["cc", "-x", "c", "-shared", "-fPIC", "-o", f"{self.net.folder}/preload.so", "-"], check=True,
+                       input=source.encode("ascii"))
+        self.start(env={"LD_PRELOAD": f"{self.net.folder}/preload.so"})
+
     # What is asked
 
     def ask(self, datagram=IDENT, way="broadcast", seconds=2.0):
@@ -128,6 +134,13 @@ class Bench:
         self.hold()
         self.service.answer = raw_service.well
         self.back(self.is_served)
+
+    def lend_addresses(self, last=4, start=testnet.start_dnsmasq, *options):
+        """A DHCP server at 192.168.1.4 with 192.168.1.40 to 49, or so, until the end of the row."""
+        host = self.net.host(f"server{last}", f"192.168.1.{last}/24")
+        self.open.callback(self.net.hosts.remove, host)
+        self.open.callback(host.close)
+        start(host, self.net.folder, f"192.168.1.{last}0", f"192.168.1.{last}9", *options)
 
     def run(self, *words):
         return self.device.run(*words)
@@ -369,6 +382,24 @@ def _(b):
     b.back(b.answers_by_every_way)
 
 
+@row("a kernel without IPv6", back=None)
+def _(b):
+    b.preload("""#include <errno.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+int socket(int family, int type, int protocol) {
+  if (family != AF_INET6) return syscall(SYS_socket, family, type, protocol);
+  errno = EAFNOSUPPORT;
+  return -1;
+}
+""")
+    b.hold()
+    if not all(b.ask(IDENT, way) == SERVICE_RECORD for way in ("broadcast", "ipv4")):
+        raise RuntimeError("not answered")
+    b.note = "IPv4 serves; the closed port is told once"
+
+
 @row("the route 224.0.0.0/3 gone")
 def _(b):
     b.run("ip", "route", "del", "224.0.0.0/3")
@@ -438,10 +469,8 @@ def _(b):
 def _(b):
     b.service.stop()
     b.open.callback(b.service.start)
-    for last, start, *more in ((4, testnet.start_dnsmasq), (5, testnet.start_udhcpd, "option router 192.168.1.5")):
-        host = b.net.host(f"server{last}", f"192.168.1.{last}/24")
-        process = start(host, b.net.folder, f"192.168.1.{last}0", f"192.168.1.{last}9", *more)
-        b.open.callback(host.stop, process)
+    b.lend_addresses()
+    b.lend_addresses(5, testnet.start_udhcpd, "option router 192.168.1.5")
     b.hold(10, "ipv6", 4, request("SETDHCPMODE!", "1"), 8)
     b.note = f"held for {b.slowest:.2f} s at most"
     b.device.set_address(f"{device.DEVICE}/24")
@@ -599,8 +628,7 @@ def _(b):
 def _(b):
     b.service.stop()
     b.open.callback(b.service.start)
-    host = b.net.host("server", "192.168.1.4/24")
-    b.open.callback(host.stop, testnet.start_dnsmasq(host, b.net.folder, "192.168.1.40", "192.168.1.49"))
+    b.lend_addresses()
     b.until(lambda: b.ask() != SERVICE_RECORD, 5)
     before, told = len(b.daemon.descriptors()), []
     b.device.set_address(f"{device.DEVICE}/24", device.PC)   # a default route, by which the broadcasts go
@@ -632,6 +660,24 @@ def _(b):
     b.hold(4)
     b.seen = seen
     b.back(lambda: b.is_served() and len(b.daemon.descriptors()) == before and b.daemon.process.poll() is None)
+
+
+@row("memory runs out at the Nth allocation of a lease")
+def _(b):
+    b.service.stop()
+    b.open.callback(b.service.start)
+    b.lend_addresses()
+    b.start(env={"LD_PRELOAD": FAULTS})
+    before, seen = len(b.daemon.descriptors()), collections.Counter()
+    for number in range(1, 41):
+        b.device.set_address(f"{device.DEVICE}/24", device.PC)   # a default route, by which the broadcasts go
+        answer = b.ask(request("SETDHCPMODE!", "1", f"FAIL{number}"), "ipv6", 5)
+        is_set = "192.168.1.4" in b.run("ip", "-4", "addr", "show", "dev", "eth0")
+        seen[f"{answer.decode().strip() if answer else 'nothing'}{' and set' if is_set else ''}"] += 1
+    b.device.set_address(f"{device.DEVICE}/24", device.PC)
+    b.hold(4)
+    b.seen = seen
+    b.back(lambda: b.answers_by_every_way() and len(b.daemon.descriptors()) == before)
 
 
 @row("/etc read-only", lines=1.5)   # with what `route` says: of each change, that there is no route to delete
@@ -685,8 +731,7 @@ def _(b):
 @row("clock set back a year")
 def _(b):
     """By the real-time clock as the daemon sees it: a library in its place, as this machine's clock is not ours."""
-    source = pathlib.Path(b.net.folder, "clock.c")
-    source.write_text("""#include <time.h>
+    b.preload("""#include <time.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 static int calls;
@@ -696,9 +741,7 @@ int clock_gettime(clockid_t id, struct timespec* t) {
   return result;
 }
 time_t time(time_t* t) { struct timespec now; clock_gettime(CLOCK_REALTIME, &now); if (t) *t = now.tv_sec; return now.tv_sec; }
-""", encoding="ascii")
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", f"{b.net.folder}/clock.so", str(source)], check=True)
-    b.start(env={"LD_PRELOAD": f"{b.net.folder}/clock.so"})
+""")
     b.until(b.is_served, 10)
     b.hold(4)
     b.service.stop()
