@@ -10,11 +10,11 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <string_view>
 
 #include "base/Descriptor.h"
+#include "base/ErrorText.h"
 
 /// The most that a pipe takes in one piece once poll() calls it writable (PIPE_BUF of Linux).
 inline constexpr std::size_t ConsoleLineLimit = 4096;
@@ -102,7 +102,7 @@ inline void ConsoleLine(int descriptor, std::string_view line) {
 inline void ConsoleError(std::string_view text) {
   const int cause = errno;
   std::string line(text);
-  line.append(": ").append(std::strerror(cause)).append("\n");
+  line.append(": ").append(ErrorText(cause)).append("\n");
   errno = cause;
   ConsoleLine(STDERR_FILENO, line);
 }

@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <memory>
 
 #include "base/Descriptor.h"
+#include "base/ErrorText.h"
 #include "ddp/Print.h"
 #include "util/AddressText.h"
 
@@ -51,7 +51,7 @@ AddressList ResolveWildcard(int family, const char* port) {
   return Resolve(nullptr, port, &hints);
 }
 
-void PrintSystemError() { Print(std::strerror(errno)); }
+void PrintSystemError() { Print(ErrorText(errno)); }
 
 template <typename Value>
 bool SetOption(int descriptor, int level, int option, const Value& value) {

@@ -9,11 +9,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <string_view>
 
 #include "base/Blank.h"
 #include "base/Descriptor.h"
+#include "base/ErrorText.h"
 #include "ddp/DeviceService.h"
 #include "ddp/Print.h"
 #include "ddp/TarnDDPServer.h"
@@ -94,7 +94,7 @@ void TellClosedEndpoints() {
     if (isClosed && !isClosureTold[which]) {
       char line[160];
       std::snprintf(line, sizeof line, "tarnddpd: UDP port %s could not be opened: %s; tried again every 5 s\n",
-                    endpoints[which].port, std::strerror(endpoints[which].error));
+                    endpoints[which].port, ErrorText(endpoints[which].error));
       ConsoleLine(STDERR_FILENO, line);
     }
     isClosureTold[which] = isClosed;

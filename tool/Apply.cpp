@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <set>
@@ -8,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/ErrorText.h"
 #include "tool/Commands.h"
 #include "tool/Exchange.h"
 #include "tool/Output.h"
@@ -24,13 +24,13 @@ namespace {
 std::string ReadFile(const std::string& name, std::string& content) {
   constexpr std::size_t largest = 16 << 20;
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(OpenToRead(name), std::fclose);
-  if (!file) return std::strerror(errno);
+  if (!file) return ErrorText(errno);
   char buffer[65536];
   for (std::size_t count = 0; (count = std::fread(buffer, 1, sizeof buffer, file.get())) > 0;) {
     content.append(buffer, count);
     if (content.size() > largest) return "it is too large for a plan";
   }
-  return std::ferror(file.get()) != 0 ? std::strerror(errno) : "";
+  return std::ferror(file.get()) != 0 ? ErrorText(errno) : "";
 }
 
 bool IsToBeDone(const PlannedChange& change) {

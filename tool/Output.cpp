@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "base/ErrorText.h"
 #include "tool/System.h"
 #include "tool/Text.h"
 
@@ -31,7 +32,7 @@ void Print(std::string_view text) {
   if (std::ferror(stdout) == 0) return;
   outputFailed = true;
   const int error = errno;
-  if (!MeansReaderGone(error) && !WasInterrupted()) Say(std::string("standard output: ") + std::strerror(error));
+  if (!MeansReaderGone(error) && !WasInterrupted()) Say(std::string("standard output: ") + ErrorText(error));
 }
 
 bool IsOutputGood() { return !outputFailed; }

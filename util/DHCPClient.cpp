@@ -8,11 +8,11 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <new>
 #include <string>
 
 #include "base/Descriptor.h"
+#include "base/ErrorText.h"
 #include "util/DHCPMessage.h"
 #include "util/EthernetCfg.h"
 #include "util/InterfaceName.h"
@@ -47,7 +47,7 @@ struct Call {
 
 void PrintError(const char* what) {
   ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error - Configure Network with DHCP - could not %s (%s)\n", what,
-              std::strerror(errno));
+              ErrorText(errno));
 }
 
 /// Reads the MAC address of the interface, or keeps the one from an earlier call.

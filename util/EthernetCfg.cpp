@@ -18,6 +18,7 @@
 
 #include "base/Blank.h"
 #include "base/Descriptor.h"
+#include "base/ErrorText.h"
 #include "util/AddressText.h"
 #include "util/InterfaceName.h"
 #include "util/ResolverFile.h"
@@ -49,7 +50,7 @@ bool IsInitialized() {
 
 /// Prints that the kernel refused something, and why (errno). Always false.
 bool Refused(const char* what) {
-  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: %s: %s\n", what, std::strerror(errno));
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: %s: %s\n", what, ErrorText(errno));
   return false;
 }
 
@@ -155,8 +156,7 @@ void RememberGateway(const char* gateway) {
 bool GetFlags(const char* interface, ifreq* request) {
   *request = RequestFor(interface);
   if (ioctl(skfd, SIOCGIFFLAGS, request) >= 0) return true;
-  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: %s: unknown interface: %s\n", InterfaceName(interface),
-              std::strerror(errno));
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: %s: unknown interface: %s\n", InterfaceName(interface), ErrorText(errno));
   return false;
 }
 
@@ -168,7 +168,7 @@ void GiveUp() {
   } else if (GetFlags(ifName, &request)) {
     request.ifr_flags = static_cast<short>(request.ifr_flags & ~IFF_BROADCAST);
     if (ioctl(skfd, SIOCSIFFLAGS, &request) < 0) {
-      ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: SIOCSIFFLAGS - %s", std::strerror(errno));
+      ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: SIOCSIFFLAGS - %s", ErrorText(errno));
     }
   }
   set_flag(ifName, IFF_UP | IFF_RUNNING);

@@ -18,6 +18,7 @@
 #include <ctime>
 
 #include "base/Descriptor.h"
+#include "base/ErrorText.h"
 
 namespace {
 
@@ -118,7 +119,7 @@ void ul_PrSystemError(const char* file, int line, const char* text) {
   }
   if (text != nullptr && *text != '\0') ul_PrStdOut(nullptr, -1, "%s ", text);
   ul_PrStdOut(nullptr, -1, "error code = %d", errno);
-  if (const char* reason = std::strerror(errno)) {
+  if (const char* reason = ErrorText(errno)) {
     ul_PrStdOut(nullptr, -1, " (%s)\n", reason);
   } else {
     ul_PrStdOut(nullptr, -1, "\n");
