@@ -97,7 +97,7 @@ local function isUtf8(bytes)
   return true
 end
 
--- Foreign bytes as text: UTF-8 or else Latin-1, control characters as \xNN.
+-- Foreign bytes as text: UTF-8 or else Latin-1, control characters, those from 80 to 9f included, as \xNN.
 local function readable(bytes)
   if not isUtf8(bytes) then
     bytes = bytes:gsub("[\128-\255]", function(c)
@@ -105,7 +105,8 @@ local function readable(bytes)
       return string.char(0xc0 + math.floor(code / 0x40), 0x80 + code % 0x40)
     end)
   end
-  return (bytes:gsub("%c", function(c) return ("\\x%02x"):format(c:byte()) end))
+  local function escaped(c) return ("\\x%02x"):format(c:byte(-1)) end
+  return (bytes:gsub("%c", escaped):gsub("\194[\128-\159]", escaped))
 end
 
 -- `text`, which is well-formed UTF-8, cut to what the list of packets shows well.
