@@ -23,6 +23,8 @@ import threading
 import time
 import traceback
 
+if not pathlib.Path(sys.argv[1]).with_name("Faults.so").exists():
+    sys.exit("faults.py: Faults.so is not beside the daemon; build it, as scripts/bench does")
 NAMES = sys.argv[2:]
 del sys.argv[2:]
 for folder in ("lab", "tests/e2e"):
