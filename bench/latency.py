@@ -133,6 +133,7 @@ def measure(net):
             lane.ask(pc, REQUESTS)
     for lane in peers:
         lane.saturated = float(pc.run(MEASURE, "saturate", *lane.target, str(SATURATED), str(WINDOW)))
+    time.sleep(1)   # for what they still have in their queues
     idle = measure_idle(lanes)
 
     print(f"{ROUNDS * REQUESTS} requests for each, one each {PACE_US / 1000:g} ms, in {ROUNDS} rounds; one core for all.\n")
