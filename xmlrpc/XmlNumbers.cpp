@@ -1,5 +1,7 @@
 #include "xmlrpc/XmlNumbers.h"
 
+#include <endian.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -36,14 +38,95 @@ bool ScanPlainDouble(std::string_view text, std::size_t& at, double& number) {
   return true;
 }
 
-/// "%.15g"; returns the length.
-std::size_t FormatDoubleExactly(double number, char* text, std::size_t size) {
-  char exact[32];  // sign, 15 digits, point, exponent
-  const char* end = std::to_chars(exact, exact + sizeof exact, number, std::chars_format::general, 15).ptr;
-  const std::size_t length = std::min(static_cast<std::size_t>(end - exact), size - 1);
-  std::memcpy(text, exact, length);
-  text[length] = '\0';
-  return length;
+#endif
+
+constexpr int DIGITS = 15;                         // of a double in the default format
+constexpr std::uint32_t EIGHT_DIGITS = 100000000;  // have the numbers below
+constexpr std::uint64_t ZEROS = 0x3030303030303030;
+
+/// The eight digits of a number, as numbers, the first in the lowest byte: halved three times, all parts at once.
+std::uint64_t DigitsOf(std::uint32_t number) {
+  const std::uint64_t fours = number / 10000 | static_cast<std::uint64_t>(number % 10000) << 32;
+  const std::uint64_t hundreds = fours * 10486 >> 20 & 0x0000007f0000007f;
+  const std::uint64_t twos = hundreds | (fours - hundreds * 100) << 16;
+  const std::uint64_t tens = twos * 103 >> 10 & 0x000f000f000f000f;
+  return tens | (twos - tens * 10) << 8;
+}
+
+void Store(std::uint64_t characters, char* to) {
+  characters = htole64(characters);
+  std::memcpy(to, &characters, sizeof characters);
+}
+
+char* PutMagnitude(std::uint32_t number, char* to) {
+  std::uint64_t digits = DigitsOf(number % EIGHT_DIGITS);
+  if (number < EIGHT_DIGITS) {
+    const int zeros = __builtin_ctzll(digits | std::uint64_t{1} << 56) / 8;
+    Store((digits | ZEROS) >> 8 * zeros, to);
+    return to + 8 - zeros;
+  }
+  const unsigned upper = number / EIGHT_DIGITS;
+  *to = static_cast<char>('0' + upper / 10);
+  to += upper >= 10 ? 1 : 0;
+  *to++ = static_cast<char>('0' + upper % 10);
+  Store(digits | ZEROS, to);
+  return to + 8;
+}
+
+#ifdef __SIZEOF_INT128__
+
+__extension__ using Wide = unsigned __int128;
+
+// Of ten, from -4 on; those from 0 on are exact.
+constexpr int FIRST_POWER = -4;
+constexpr double POWERS[] = {1e-4, 1e-3, 1e-2, 1e-1, 1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6, 1e7,
+                             1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18};
+constexpr double PowerOfTen(int exponent) { return POWERS[exponent - FIRST_POWER]; }
+
+/// The first 15 digits of `magnitude`, rounded as printf() does, as a whole number. `exponent` is that of the first
+/// digit; both are between 1e-4 and 1e15.
+std::uint64_t FirstDigits(double magnitude, int& exponent) {
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, &magnitude, sizeof bits);
+  constexpr int fractionBits = std::numeric_limits<double>::digits - 1;
+  const int binaryExponent = static_cast<int>(bits >> fractionBits) - (std::numeric_limits<double>::max_exponent - 1);
+  constexpr std::uint64_t one = std::uint64_t{1} << fractionBits;
+  const std::uint64_t fraction = (bits & (one - 1)) | one;
+
+  constexpr int log10of2 = 78913;  // times 2^18
+  exponent = binaryExponent * log10of2 >> 18;
+  exponent += magnitude >= PowerOfTen(exponent + 1) ? 1 : 0;
+  const Wide scaled = Wide{fraction} * static_cast<std::uint64_t>(PowerOfTen(DIGITS - 1 - exponent));
+  const int shift = fractionBits - binaryExponent;
+  const Wide isOdd = scaled >> shift & 1;  // a tie goes to the even one
+  return static_cast<std::uint64_t>((scaled + (Wide{1} << (shift - 1)) - 1 + isOdd) >> shift);
+}
+
+/// Null for what is written with an exponent, and some more, with nothing written.
+char* PutPlainDouble(double number, char* to) {
+  const double magnitude = std::fabs(number);
+  if (!(magnitude >= PowerOfTen(FIRST_POWER) && magnitude < PowerOfTen(DIGITS))) return nullptr;
+  int exponent = 0;
+  const std::uint64_t digits = FirstDigits(magnitude, exponent);
+  if (digits >= static_cast<std::uint64_t>(PowerOfTen(DIGITS))) return nullptr;  // rounded up to a power of ten
+  *to = '-';
+  to += number < 0 ? 1 : 0;
+
+  // The zeros in front and the 15 digits, of which the last that is not zero is the last that is written.
+  const std::uint64_t upper = DigitsOf(static_cast<std::uint32_t>(digits / EIGHT_DIGITS));
+  const std::uint64_t lower = DigitsOf(static_cast<std::uint32_t>(digits % EIGHT_DIGITS));
+  const int used = lower != 0 ? 15 - __builtin_clzll(lower) / 8 : 7 - __builtin_clzll(upper) / 8;
+  constexpr std::size_t zeros = 4, longest = 24;
+  char text[zeros + DIGITS + longest] = {'0', '0', '0'};
+  Store(upper | ZEROS, text + zeros - 1);
+  Store(lower | ZEROS, text + zeros + 7);
+  const int before = std::min(exponent, 0), whole = std::max(exponent, 0) + 1;
+  const char* const start = text + zeros + before;
+  std::memcpy(to, start, DIGITS + 1);
+  to[whole] = '.';
+  std::memcpy(to + whole + 1, start + whole, longest);
+  const int length = used - before;
+  return to + (length <= whole ? whole : length + 1);
 }
 
 #endif
@@ -112,14 +195,36 @@ bool ScanTime(std::string_view text, std::tm& time) {
          ScanField(text, 2, time.tm_min) && ScanCharacter(text, ':') && ScanField(text, 2, time.tm_sec);
 }
 
-std::size_t FormatDouble(double number, const std::string& format, char* text, std::size_t size) {
-  if (std::isnan(number)) {
-    std::memcpy(text, "nan", 4);
-    return 3;
-  }
-#ifdef __cpp_lib_to_chars
-  if (format == "%.15g") return FormatDoubleExactly(number, text, size);
+char* PutNumber(std::int32_t number, char* to) {
+  *to = '-';  // and stepped past only if it is meant
+  to += number < 0 ? 1 : 0;
+  const auto bits = static_cast<std::uint32_t>(number);
+  return PutMagnitude(number < 0 ? 0 - bits : bits, to);
+}
+
+char* PutNumber(long long number, char* to) { return std::to_chars(to, to + NUMBER_ROOM, number).ptr; }
+
+char* PutNumber(double number, char* to) {
+#ifdef __SIZEOF_INT128__
+  if (char* const end = PutPlainDouble(number, to); end != nullptr) return end;
 #endif
+  if (std::isnan(number)) return std::copy_n("nan", 3, to);
+#ifdef __cpp_lib_to_chars
+  return std::to_chars(to, to + NUMBER_ROOM, number, std::chars_format::general, DIGITS).ptr;
+#else
+  const InCLocale wireFormat;
+  return to + std::snprintf(to, NUMBER_ROOM, DEFAULT_DOUBLE_FORMAT.data(), number);
+#endif
+}
+
+std::size_t FormatDouble(double number, const std::string& format, char* text, std::size_t size) {
+  if (std::isnan(number) || format == DEFAULT_DOUBLE_FORMAT) {
+    char exact[NUMBER_ROOM];
+    const std::size_t length = std::min(static_cast<std::size_t>(PutNumber(number, exact) - exact), size - 1);
+    std::memcpy(text, exact, length);
+    text[length] = '\0';
+    return length;
+  }
   const InCLocale wireFormat;
   std::snprintf(text, size, format.c_str(), number);
   return std::strlen(text);

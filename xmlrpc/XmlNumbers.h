@@ -48,6 +48,16 @@ bool NanSortsFirst(std::string_view text, std::size_t at);
 /// the month from 1.
 bool ScanTime(std::string_view text, std::tm& time);
 
+inline constexpr std::string_view DEFAULT_DOUBLE_FORMAT = "%.15g";
+/// What PutNumber() may overwrite, in bytes, however short the number becomes.
+inline constexpr std::size_t NUMBER_ROOM = 48;
+/// Writes the decimal number to `to` and returns its end. Without a branch that follows the digits: those of
+/// measurements come in no order that a processor could learn.
+char* PutNumber(std::int32_t number, char* to);
+char* PutNumber(long long number, char* to);
+/// The same in the default format, with NaN as "nan".
+char* PutNumber(double number, char* to);
+
 /// Writes `number` in the printf format `format`, with NaN as "nan", NUL-terminated and cut to `size` bytes; `size` is
 /// at least 4. Returns the length.
 std::size_t FormatDouble(double number, const std::string& format, char* text, std::size_t size);

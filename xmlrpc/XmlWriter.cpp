@@ -1,7 +1,6 @@
 #include "xmlrpc/XmlWriter.h"
 
-#include <charconv>
-#include <type_traits>
+#include <string_view>
 #include <utility>
 
 #include "xmlrpc/CBase64.h"
@@ -15,6 +14,7 @@ namespace TarnXmlRpc {
 namespace {
 
 constexpr std::size_t TEXT_PIECE = 96;  // so that the room asked for is never far beyond what is needed
+constexpr std::size_t TEXT_ROOM = TEXT_PIECE * LONGEST_ENTITY + ENCODING_STEP;
 
 }  // namespace
 
@@ -32,12 +32,10 @@ template <int set>
 void XmlWriter<set>::grow(std::size_t size) {
   constexpr std::size_t step = 32768;
   const auto used = static_cast<std::size_t>(_next - _start);
-  if (_start == _short) {
-    XmlSize whole(set);
+  if (_start == _short || _out.capacity() - used < size) {
+    XmlSize whole(set, _start == _short ? XmlSize::Sampled : XmlSize::Complete);
     whole.add(_root);
-    reserve(std::max(whole.expected() + TEXT_PIECE * LONGEST_ENTITY + ENCODING_STEP, used + size));
-  } else if (_out.capacity() - used < size) {
-    reserve(std::max(used + used / 8, used + size));
+    reserve(std::max(whole.expected() + TEXT_ROOM, used + used / 8 + size));
   }
   _out.resize(std::min(_out.capacity(), used + std::max(size, step)));
   _start = _out.data();
@@ -62,30 +60,22 @@ void XmlWriter<set>::write(const XmlRpcValue& value) {
 template <int set>
 void XmlWriter<set>::addEncoded(std::string_view text) {
   for (; !text.empty(); text.remove_prefix(std::min(TEXT_PIECE, text.size()))) {
-    const std::string_view part = text.substr(0, TEXT_PIECE);
-    _next = Encode(part, room(part.size() * LONGEST_ENTITY + ENCODING_STEP));
+    _next = Encode(text.substr(0, TEXT_PIECE), room(TEXT_ROOM));
   }
 }
 
 template <int set>
 inline void XmlWriter<set>::scalar(Value::Type type, std::string_view text) {
   const std::string_view tag = RowOf(type).tag[set], endTag = RowOf(type).endTag[set];
-  char* to = put(put(room(VALUE.size() + tag.size() + text.size() + endTag.size() + VALUE_END.size()), VALUE), tag);
-  _next = put(put(put(to, text), endTag), VALUE_END);
+  add(VALUE, tag, text, endTag, VALUE_END);
 }
 
 template <int set>
 template <typename Number>
-inline void XmlWriter<set>::integer(Value::Type type, Number number) {
-  using Magnitude = std::make_unsigned_t<Number>;
-  constexpr std::size_t longest = 20;
+inline void XmlWriter<set>::number(Value::Type type, Number value) {
   const std::string_view tag = RowOf(type).tag[set], endTag = RowOf(type).endTag[set];
-  char* to = put(put(room(VALUE.size() + tag.size() + longest + endTag.size() + VALUE_END.size()), VALUE), tag);
-  *to = '-';  // and stepped past only if it is meant: signs come in no order that a branch could follow
-  to += number < 0 ? 1 : 0;
-  const auto bits = static_cast<Magnitude>(number);
-  to = std::to_chars(to, to + longest, number < 0 ? Magnitude{} - bits : bits).ptr;
-  _next = put(put(to, endTag), VALUE_END);
+  char* to = put(put(room(VALUE.size() + tag.size() + NUMBER_ROOM + endTag.size() + VALUE_END.size()), VALUE), tag);
+  _next = put(put(PutNumber(value, to), endTag), VALUE_END);
 }
 
 template <int set>
@@ -95,16 +85,17 @@ inline void XmlWriter<set>::content(bool value) {
 
 template <int set>
 inline void XmlWriter<set>::content(std::int32_t value) {
-  integer(Value::TypeInt, value);
+  number(Value::TypeInt, value);
 }
 
 template <int set>
 inline void XmlWriter<set>::content(long long value) {
-  integer(Value::TypeInt64, value);
+  number(Value::TypeInt64, value);
 }
 
 template <int set>
 inline void XmlWriter<set>::content(double value) {
+  if (Value::m_DoubleFormat == DEFAULT_DOUBLE_FORMAT) return number(Value::TypeDouble, value);
   char text[255];
   const std::size_t length = FormatDouble(value, Value::m_DoubleFormat, text, sizeof text);
   scalar(Value::TypeDouble, {text, length});
@@ -126,8 +117,7 @@ void XmlWriter<set>::content(const std::tm& value) {
 
 template <int set>
 void XmlWriter<set>::content(const Value::Binary& data) {
-  add(VALUE);
-  add(Value::XML_TAG_BASE64[set]);
+  add(VALUE, BASE64);
   constexpr std::size_t piece = 12288;  // of whole groups of three, and its text within one step of room
   for (std::size_t at = 0; at < data.size(); at += piece) {
     const std::size_t length = std::min(piece, data.size() - at);
@@ -135,35 +125,31 @@ void XmlWriter<set>::content(const Value::Binary& data) {
     CBase64::EncodeTo(data.data() + at, length, room(encoded));
     _next += encoded;
   }
-  add(Value::XML_ENDTAG_BASE64[set]);
-  add(VALUE_END);
+  add(BASE64_END, VALUE_END);
 }
 
 template <int set>
 void XmlWriter<set>::content(const Value::Array& elements) {
-  add(VALUE);
-  add(Value::XML_TAG_ARRAY[set]);
-  add(Value::XML_TAG_DATA[set]);
-  for (const Value& element : elements) write(element);
-  add(Value::XML_ENDTAG_DATA[set]);
-  add(Value::XML_ENDTAG_ARRAY[set]);
-  add(VALUE_END);
+  add(VALUE, ARRAY, DATA);
+  constexpr std::size_t ahead = 2048;  // bytes: what was read together lies together, the parts of elements too
+  for (const Value& element : elements) {
+    __builtin_prefetch(reinterpret_cast<const char*>(&element) + ahead);
+    write(element);
+  }
+  add(DATA_END, ARRAY_END, VALUE_END);
 }
 
 template <int set>
 void XmlWriter<set>::content(const Value::Struct& members) {
-  add(VALUE);
-  add(Value::XML_TAG_STRUCT[set]);
+  add(VALUE, STRUCT);
   for (const auto& member : members) {
-    add(Value::XML_TAG_MEMBER[set]);
-    add(Value::XML_TAG_NAME[set]);
+    add(MEMBER, NAME);
     addEncoded(member.first);
-    add(Value::XML_ENDTAG_NAME[set]);
+    add(NAME_END);
     write(member.second);
-    add(Value::XML_ENDTAG_MEMBER[set]);
+    add(MEMBER_END);
   }
-  add(Value::XML_ENDTAG_STRUCT[set]);
-  add(VALUE_END);
+  add(STRUCT_END, VALUE_END);
 }
 
 template class XmlWriter<0>;

@@ -39,11 +39,16 @@ class XmlWriter {
   void reserve(std::size_t capacity);
   static char* put(char* to, std::string_view text) { return std::copy_n(text.data(), text.size(), to); }
 
-  void add(std::string_view text) { _next = put(room(text.size()), text); }
+  template <typename... Texts>
+  void add(Texts... texts) {
+    char* to = room((texts.size() + ...));
+    ((to = put(to, texts)), ...);
+    _next = to;
+  }
   void addEncoded(std::string_view text);
   void scalar(Value::Type type, std::string_view text);
   template <typename Number>
-  void integer(Value::Type type, Number number);
+  void number(Value::Type type, Number value);
 
   void content(bool value);
   void content(std::int32_t value);
@@ -55,8 +60,13 @@ class XmlWriter {
   void content(const Value::Array& elements);
   void content(const Value::Struct& members);
 
-  static constexpr std::string_view VALUE = Value::XML_TAG_VALUE[set];
-  static constexpr std::string_view VALUE_END = Value::XML_ENDTAG_VALUE[set];
+  static constexpr std::string_view VALUE = Value::XML_TAG_VALUE[set], VALUE_END = Value::XML_ENDTAG_VALUE[set];
+  static constexpr std::string_view BASE64 = Value::XML_TAG_BASE64[set], BASE64_END = Value::XML_ENDTAG_BASE64[set];
+  static constexpr std::string_view ARRAY = Value::XML_TAG_ARRAY[set], ARRAY_END = Value::XML_ENDTAG_ARRAY[set];
+  static constexpr std::string_view DATA = Value::XML_TAG_DATA[set], DATA_END = Value::XML_ENDTAG_DATA[set];
+  static constexpr std::string_view STRUCT = Value::XML_TAG_STRUCT[set], STRUCT_END = Value::XML_ENDTAG_STRUCT[set];
+  static constexpr std::string_view MEMBER = Value::XML_TAG_MEMBER[set], MEMBER_END = Value::XML_ENDTAG_MEMBER[set];
+  static constexpr std::string_view NAME = Value::XML_TAG_NAME[set], NAME_END = Value::XML_ENDTAG_NAME[set];
 
   const XmlRpcValue& _root;
   std::string _out;  // unused while the text is short

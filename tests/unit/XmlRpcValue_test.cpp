@@ -467,18 +467,50 @@ TEST(XmlRpcValue, LosesNothingWhereMemoryRunsOut) {
   EXPECT_EQ(value, result);
 }
 
-TEST(XmlRpcValue, ReservesOnceAndLittleMoreThanItsTextTakes) {
+TEST(XmlRpcValue, ReservesAtMostTwiceAndLittleMoreThanItsTextTakes) {
   const XmlRpcValue shapes[] = {0.0,     -1.0 / 3, true,      -2147483647,         1LL << 40,
                                 "<'&'>", "plain",  std::tm(), std::vector<char>(7)};
   for (const XmlRpcValue& shape : shapes) {
     for (const int count : {1, 1000, 10000}) {
       XmlRpcValue all;
-      for (int i = 0; i < count; ++i) all[i % 8 == 0 ? "&" : "a"][i] = i % 8 == 0 ? XmlRpcValue("") : shape;
-      allocationsLeft = 1;
+      for (int i = 0; i < count; ++i) {
+        all[std::to_string(i) + "&&&&&&&&"] = 1LL << i % 60;
+        all["numbers"][i] = 1;
+        all["mixed"][i] = i % 8 == 0 ? XmlRpcValue("") : shape;
+      }
+      allocationsLeft = 2;  // one guess may be wrong, of few texts of many kinds
       const std::string xml = all.toXml(count % 2);
       allocationsLeft = -1;
       EXPECT_LE(xml.capacity(), xml.size() * 5 / 4) << shape;
     }
+  }
+  for (const int at : {5, 4200}) {  // among numbers one that is far longer, where it is seen at once and where not
+    XmlRpcValue all;
+    for (int i = 0; i < 5000; ++i) all[i] = i == at ? XmlRpcValue(std::string(1000000, '&')) : i;
+    allocationsLeft = 2;
+    const std::string xml = all.toXml(0);
+    allocationsLeft = -1;
+    EXPECT_LE(xml.capacity(), xml.size() * 5 / 4);
+  }
+}
+
+TEST(XmlRpcValue, NumbersAreWrittenAsPrintfDoes) {
+  std::mt19937_64 random(1);
+  for (int i = 0; i < 100000; ++i) {
+    const std::uint64_t bits = random();
+    double any = 0;
+    std::memcpy(&any, &bits, sizeof any);
+    const double plain = std::ldexp(static_cast<double>(bits), static_cast<int>(random() % 66) - 79);
+    const double decimal = static_cast<double>(bits >> random() % 60) / std::pow(10, random() % 14);
+    const double tie = std::ldexp(static_cast<double>(bits >> 40), -static_cast<int>(random() % 40));
+    const double power = std::nextafter(std::pow(10, static_cast<int>(random() % 24) - 6), static_cast<double>(i % 2));
+    for (const double number : {any, plain, -decimal, tie, power}) {
+      char text[64];
+      std::snprintf(text, sizeof text, "<va><do>%.15g</do></va>", number);
+      ASSERT_EQ(std::isnan(number) ? "<va><do>nan</do></va>" : text, XmlRpcValue(number).toXml(1));
+    }
+    const int whole = static_cast<int>(bits) >> random() % 32;
+    ASSERT_EQ("<va><i4>" + std::to_string(whole) + "</i4></va>", XmlRpcValue(whole).toXml(1));
   }
 }
 
