@@ -232,7 +232,8 @@ def set_mounts(unit):
     kept = list(existing(unit.words("ReadWritePaths")))
     binds = [(hold(path), path) for path in existing(unit.words("BindPaths"))]
     if unit.last("ProtectProc") == "invisible":
-        mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, "hidepid=invisible")
+        # That the group 0 sees all is the default, but in a user namespace.
+        mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, "hidepid=invisible,gid=0")
     elif unit.last("ProtectProc"):
         raise ValueError("ProtectProc: only invisible is known here")
     if unit.has("PrivateDevices"):
