@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const unsigned how = input.Below(4);
   while (how != 0 && !input.IsEmpty()) AddMessage(input, bytes);
   const std::string_view rest = input.Take(size);
-  bytes.insert(bytes.end(), rest.begin(), rest.end());
+  for (const char byte : rest) bytes.push_back(static_cast<std::uint8_t>(byte));
   if (how == 1) bytes.resize(bytes.size() - std::min<std::size_t>(bytes.size(), size % 40));
   bytes.shrink_to_fit();  // for a sanitizer to see
 

@@ -14,7 +14,7 @@
 #include "tests/fuzz/Input.h"
 
 #define main DaemonMain
-#include "ddp/Main.cpp"
+#include "ddp/Main.cpp"  // NOLINT(bugprone-suspicious-include)
 #undef main
 
 // The daemon's own loop in a world that is made up: descriptors from 100 on, a clock, a service, a DHCP server, an

@@ -206,8 +206,10 @@ TEST(XmlRpcValue, HasRangesThatReadersKeepAndWritersStretch) {
       array.assertArray(size);
       data.assertBinaryData(size);
       const XmlRpcValue &constArray = array, &constData = data;
-      EXPECT_EQ(rangeError,
-                Thrown([&] { EXPECT_EQ(&array.elements()[static_cast<unsigned>(index)], &constArray[index]); }));
+      EXPECT_EQ(rangeError, Thrown([&] {
+                  const XmlRpcValue* const element = &constArray[index];  // throws first
+                  EXPECT_EQ(&array.elements()[static_cast<unsigned>(index)], element);
+                }));
       EXPECT_EQ(index <= size ? "" : tooLarge, Thrown([&] { constArray.assertArray(index); }));
       EXPECT_EQ(index <= size ? "" : "-4326 range error: index too large",
                 Thrown([&] { EXPECT_EQ(size, constData.assertBinaryData(index)); }));
