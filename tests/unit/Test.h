@@ -26,7 +26,7 @@
 /// Any number below that one, the same ones in every run.
 inline std::size_t Random(std::size_t below) {
   static std::mt19937_64 generator(20261125);
-  return generator() % below;
+  return static_cast<std::size_t>(generator() % below);
 }
 
 inline int CountDescriptors() {
