@@ -80,7 +80,7 @@ unsigned Rarely(Input& input, unsigned usual, unsigned other) { return input.Bel
 
 /// Adds a message as the kernel writes it, mostly.
 void AddMessage(Input& input, Bytes& dump) {
-  const char* const addresses[] = {"0.0.0.0", "10.0.0.0", "20.0.0.0", "0.0.0.1", "1.2.3.4", "192.168.0.0"};
+  const char* const addresses[] = {"0.0.0.0", "10.0.0.0", "20.0.0.0", "0.0.0.1", "5.0.0.0", "192.168.0.0"};
   const unsigned types[] = {RTA_DST, RTA_DST, RTA_GATEWAY, RTA_PREFSRC, RTA_OIF, RTA_TABLE};
   Bytes bytes(28);
   Put<std::uint16_t>(bytes, 4, Rarely(input, RTM_NEWROUTE, input.Below(5)));
