@@ -75,121 +75,113 @@ inline std::string PlainDecode(const std::string& text) {
 /// `values` bounds those that are tried.
 class PlainReader {
  public:
-  using Value = TarnXmlRpc::XmlRpcValue;
-
-  explicit PlainReader(const std::string& text, int values = 20000) : _xml(text), _budget(values) {}
+  explicit PlainReader(const std::string& text, int values) : _xml(text), _budget(values) {}
 
   bool tooLong = false;  // the budget is used up: no verdict
 
-  bool read(PlainValue& v, std::size_t& at) {
-    const std::size_t start = at;
-    if (at <= _xml.size() && value(v, at, 1) && !_tooDeep) return true;
-    at = start;
-    v = PlainValue();
-    return false;
+  /// What Shown() says of the value at `at`, which is moved behind it; empty, and nothing moved, if there is none.
+  std::string read(std::size_t& at) {
+    std::size_t end = at;
+    const std::string shown = at <= _xml.size() ? value(end, 1) : "";
+    if (_tooDeep || shown.empty()) return "";
+    at = end;
+    return shown;
   }
 
  private:
   const char* rest(std::size_t at) const { return _xml.c_str() + std::min(at, _xml.size()); }
 
-  bool value(PlainValue& v, std::size_t& at, int depth) {
-    v = PlainValue();
+  std::string value(std::size_t& at, int depth) {
     tooLong = tooLong || --_budget < 0;
-    const std::size_t start = at;
-    if (!PlainNextTagIs("<value>", _xml, at)) {
-      if (!PlainNextTagIs("<va>", _xml, at)) return false;
-      v.set = 1;
-    }
-    _tooDeep = _tooDeep || depth > Value::MaximumDepth;
-    if (!_tooDeep && !tooLong && content(v, at, depth)) {
-      PlainFindTag(v.set == 1 ? "</va>" : "</value>", _xml, at);
-      return true;
-    }
-    at = start;
-    return false;
+    std::size_t end = at;
+    const int set = PlainNextTagIs("<va>", _xml, end) ? 1 : 0;
+    if (set == 0 && !PlainNextTagIs("<value>", _xml, end)) return "";
+    _tooDeep = _tooDeep || depth > XmlRpcValue::MaximumDepth;
+    const int type = _tooDeep || tooLong ? XmlRpcValue::TypeInvalid : typeAt(set, end);
+    std::string content;
+    if (type == XmlRpcValue::TypeInvalid || !read(type, set, content, end, depth)) return "";
+    PlainFindTag(set == 1 ? "</va>" : "</value>", _xml, end);
+    at = end;
+    return Shown(type, set, content);
   }
 
-  bool content(PlainValue& v, std::size_t& at, int depth) {
-    const std::size_t afterTag = at;
-    const std::string tag = PlainNextTag(_xml, at);
-    const auto is = [&](const char* tag0, const char* tag1) { return tag == (v.set == 1 ? tag1 : tag0); };
-    if (is("<boolean>", "<bo>")) return number(v, at, Value::TypeBoolean) && (v.number == 0 || v.number == 1);
-    if (is("<i4>", "<i4>") || is("<int>", "<int>")) return number(v, at, Value::TypeInt);
-    if (is("<i8>", "<i8>")) return number(v, at, Value::TypeInt64);
-    if (is("<double>", "<do>")) return real(v, at);
-    if (tag.empty() || is("<string>", "<str>")) return text(v, at, Value::TypeString);
-    if (is("<dateTime.iso8601>", "<dtime>")) return text(v, at, Value::TypeDateTime);
-    if (is("<base64>", "<b64>")) return text(v, at, Value::TypeBase64);
-    if (is("<array>", "<ar>")) return array(v, at, depth);
-    if (is("<struct>", "<st>")) return structure(v, at, depth);
-    if (!is("</value>", "</va>")) return false;
-    at = afterTag;
-    return text(v, at, Value::TypeString);
+  int typeAt(int set, std::size_t& at) {
+    std::size_t end = at;
+    const std::string tag = PlainNextTag(_xml, end);
+    const bool isEnd = tag == (set == 1 ? "</va>" : "</value>");
+    if (!isEnd) at = end;
+    if (isEnd || tag.empty()) return XmlRpcValue::TypeString;
+    if (tag == "<int>") return XmlRpcValue::TypeInt;
+    for (int type = 9; type > 0; --type) {
+      if (tag == "<" + std::string(PLAIN_TYPES[type].tag[set]) + ">") return type;
+    }
+    return XmlRpcValue::TypeInvalid;
   }
 
-  bool number(PlainValue& v, std::size_t& at, int type) {
+  bool read(int type, int set, std::string& content, std::size_t& at, int depth) {
+    if (type == XmlRpcValue::TypeArray) return array(set, content, at, depth + 1);
+    if (type == XmlRpcValue::TypeStruct) return structure(set, content, at, depth + 1);
+    if (type == XmlRpcValue::TypeDouble) return real(content, at);
+    const bool isText =
+        type == XmlRpcValue::TypeString || type == XmlRpcValue::TypeDateTime || type == XmlRpcValue::TypeBase64;
+    return isText ? text(type, content, at) : whole(type, content, at);
+  }
+
+  bool whole(int type, std::string& content, std::size_t& at) {
     char* end = nullptr;
-    v.number = std::strtoll(rest(at), &end, 10);
+    long long number = std::strtoll(rest(at), &end, 10);
     if (end == rest(at)) return false;
-    if (type == Value::TypeInt) v.number = static_cast<int>(static_cast<unsigned>(v.number & 0xffffffffLL));
+    if (type == XmlRpcValue::TypeInt) number = static_cast<int>(static_cast<unsigned>(number & 0xffffffffLL));
     at += static_cast<std::size_t>(end - rest(at));
-    v.type = type;
-    return true;
+    content = std::to_string(number);
+    return type != XmlRpcValue::TypeBoolean || number == 0 || number == 1;
   }
 
-  bool real(PlainValue& v, std::size_t& at) {
-    v.type = Value::TypeDouble;
-    if (strcasecmp("nan", rest(at)) < 0) {
-      v.real = std::strtod("nan", nullptr);
-      at += 3;
-      return true;
-    }
+  bool real(std::string& content, std::size_t& at) {
+    const bool isNan = strcasecmp("nan", rest(at)) < 0;
     char* end = nullptr;
-    v.real = std::strtod(rest(at), &end);
+    content = isNan ? "nan" : Shown(std::strtod(rest(at), &end));
     if (end == rest(at)) return false;
-    at += static_cast<std::size_t>(end - rest(at));
+    at += isNan ? 3 : static_cast<std::size_t>(end - rest(at));
     return true;
   }
 
   /// A string, a time or binary data, which end before the next "<".
-  bool text(PlainValue& v, std::size_t& at, int type) {
+  bool text(int type, std::string& content, std::size_t& at) {
     const std::size_t less = _xml.find('<', at);
     if (less == std::string::npos) return false;
     const std::string raw = _xml.substr(at, less - at);
-    std::tm& t = v.time;
-    if (type == Value::TypeDateTime && std::sscanf(raw.c_str(), "%4d%2d%2dT%2d:%2d:%2d", &t.tm_year, &t.tm_mon,
-                                                   &t.tm_mday, &t.tm_hour, &t.tm_min, &t.tm_sec) != 6) {
-      return false;
-    }
-    t.tm_isdst = type == Value::TypeDateTime ? -1 : 0;
-    if (type == Value::TypeString) v.text = PlainDecode(raw);
-    if (type == Value::TypeBase64) v.text = PlainFromBase64(raw.c_str());
-    v.type = type;
-    at += type == Value::TypeString ? v.text.size() : raw.size();
-    return true;
+    content = PlainDecode(raw);
+    at += type == XmlRpcValue::TypeString ? content.size() : raw.size();
+    if (type == XmlRpcValue::TypeBase64) content = PlainFromBase64(raw.c_str());
+    if (type != XmlRpcValue::TypeDateTime) return true;
+    std::tm t = {};
+    t.tm_isdst = -1;
+    const int fields = std::sscanf(raw.c_str(), "%4d%2d%2dT%2d:%2d:%2d", &t.tm_year, &t.tm_mon, &t.tm_mday, &t.tm_hour,
+                                   &t.tm_min, &t.tm_sec);
+    content = Shown(t);
+    return fields == 6;
   }
 
-  bool array(PlainValue& v, std::size_t& at, int depth) {
-    const std::string data = v.set == 1 ? "da>" : "data>";
-    v.type = Value::TypeArray;
+  bool array(int set, std::string& content, std::size_t& at, int depth) {
+    const std::string data = set == 1 ? "da>" : "data>";
     if (PlainEmptyTagIs("<" + data, _xml, at)) return true;
     if (!PlainNextTagIs("<" + data, _xml, at)) return false;
-    PlainValue element;
-    while (value(element, at, depth + 1)) v.elements.push_back(element);
+    for (std::string element; !(element = value(at, depth)).empty();) content += element + ";";
     PlainNextTagIs("</" + data, _xml, at);
     return !_tooDeep && !tooLong;
   }
 
-  bool structure(PlainValue& v, std::size_t& at, int depth) {
-    const std::string member = v.set == 1 ? "me>" : "member>";
-    v.type = Value::TypeStruct;
+  bool structure(int set, std::string& content, std::size_t& at, int depth) {
+    std::map<std::string, std::string> members;
+    const std::string member = set == 1 ? "me>" : "member>";
     while (PlainNextTagIs("<" + member, _xml, at)) {
-      const std::string name = PlainParseTag(v.set == 1 ? "<na>" : "<name>", _xml, at);
-      PlainValue element;
-      if (!value(element, at, depth + 1)) return false;
-      v.members.emplace(name, element);
+      const std::string name = PlainParseTag(set == 1 ? "<na>" : "<name>", _xml, at), shown = value(at, depth);
+      if (shown.empty()) return false;
+      members.emplace(name, shown);  // the first of two of one name stays
       PlainNextTagIs("</" + member, _xml, at);
     }
+    for (const auto& [name, shown] : members) content += name + "=" + shown + ";";
     return true;
   }
 

@@ -155,43 +155,38 @@ TEST(CTCP, SocketsAreCloseOnExecFromBirthAndHaveTheirOptions) {
 }
 
 TEST(CTCP, ReceiveTellsItsOutcomesApart) {
-  char text[8] = "";
   int pair[2];
   ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+  constexpr unsigned long unlimited = 12345;  // the form without a time-out
+  const struct {
+    int descriptor;
+    const char* sent;  // before the look; null for an end
+    unsigned long length, timeout;
+    std::string expected;
+  } rows[] = {{-1, "", 0, unlimited, "1 "},  // nothing is wanted
+              {-1, "", 1, 0, "-3538 "},           {-7, "", 1, 0, "-3491 "},
+              {FD_SETSIZE, "", 1, 0, "-3491 "},   {FD_SETSIZE + 5000, "", 1, 0, "-3491 "},
+              {pair[0], "abc", 8, 1000, "0 abc"}, {pair[0], "defg", 2, 1000, "0 de"},
+              {pair[0], "", 1, 1000, "0 f"},      {pair[0], "", 8, 0, "0 g"},
+              {pair[0], "", 8, 0, "-3560 "},      {pair[0], "x", 0, unlimited, "1 "},
+              {pair[0], "", 1, unlimited, "1 x"}, {pair[0], nullptr, 8, 1000, "-6915 "}};
   CTCP tcp;
-  EXPECT_TRUE(tcp.Receive(text, 0)) << "nothing is wanted";
-  EXPECT_EQ(-3538, tcp.Receive(text, 1, 0));
-  for (const int result : {tcp.Hangup(), tcp.ClosePort(), tcp.GetPort(*std::make_unique<unsigned short>())})
-    EXPECT_EQ(-1, result);
-  for (const int descriptor : {-7, FD_SETSIZE, FD_SETSIZE + 5000}) {
-    tcp.SetSocket(descriptor);
-    EXPECT_EQ(EBADF - 3500, tcp.Receive(text, 1, 0)) << descriptor;
+  for (const auto& row : rows) {
+    char text[8] = "";
+    tcp.SetSocket(row.descriptor);
+    if (row.sent == nullptr) {
+      close(pair[1]);
+    } else {
+      Write(pair[1], row.sent);
+    }
+    const int result =
+        row.timeout == unlimited ? tcp.Receive(text, row.length) : tcp.Receive(text, row.length, row.timeout);
+    EXPECT_EQ(row.expected, std::to_string(result) + " " + std::string(text, tcp.received)) << &row - rows;
   }
-  tcp.SetSocket(pair[0]);
-  const std::tuple<const char*, unsigned long, const char*> cases[] = {
-      {"abc", 8, "abc"}, {"defg", 2, "de"}, {"", 1, "f"}};
-  for (const auto& [sent, length, expected] : cases) {
-    Write(pair[1], sent);
-    EXPECT_EQ(0, tcp.Receive(text, length, 1000));
-    EXPECT_EQ(expected, std::string(text, tcp.received));
-  }
-  for (const int expected : {0, -3560}) {
-    EXPECT_EQ(expected, tcp.Receive(text, 8, 0));
-    EXPECT_EQ(expected == 0 ? 1U : 0U, tcp.received);
-  }
-  Write(pair[1], "x");
-  for (const unsigned length : {1U, 0U}) {
-    EXPECT_TRUE(tcp.Receive(text, length));
-    EXPECT_EQ(length, tcp.received);
-  }
-  close(pair[1]);
-  EXPECT_EQ(-6915, tcp.Receive(text, 8, 1000));
   EXPECT_EQ(-3415, errno);
-  EXPECT_EQ(0U, tcp.received);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(tcp.Send(text, 1)) << "and no SIGPIPE";
-  EXPECT_EQ(0U, tcp.sent);
-  EXPECT_EQ("CTCP::Send(): Broken pipe\n", testing::internal::GetCapturedStderr());
+  EXPECT_EQ(0, tcp.Hangup());
+  unsigned short port = 1;
+  for (const int result : {tcp.Hangup(), tcp.ClosePort(), tcp.GetPort(port)}) EXPECT_EQ(-1, result);
 }
 
 TEST(CTCP, WaitsLastAsLongAsTheyShouldAndTellHowTheyEnded) {
@@ -240,11 +235,19 @@ TEST(CTCP, WaitsLastAsLongAsTheyShouldAndTellHowTheyEnded) {
 TEST(CTCP, SendTakesWhatTheSystemTakesAndCallFailsForItsReason) {
   Listener server(5);
   CTCP client;
+  int descriptor = -1;
   const std::string much(64 << 20, 'x');
   ASSERT_TRUE(client.Call(LOOPBACK, PortOf(server), 1000));
   EXPECT_TRUE(client.Send(much.data(), much.size()));
   EXPECT_GT(client.sent, 0U);
   EXPECT_LT(client.sent, much.size()) << "what the system took";
+  ASSERT_TRUE(server.Accept(descriptor));
+  close(descriptor);  // with that unread
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(client.Send("x", 1) || client.Send("x", 1)) << "and no SIGPIPE";
+  EXPECT_EQ(0U, client.sent);
+  EXPECT_EQ("CTCP::Send(): Connection reset by peer\nCTCP::Send(): Broken pipe\n",
+            testing::internal::GetCapturedStderr());
   for (const auto& [ip, cause] : {std::pair(LOOPBACK, ECONNREFUSED), std::pair("no address", ENETUNREACH)}) {
     CTCP tcp;
     EXPECT_FALSE(tcp.Call(ip, 1, 1000));

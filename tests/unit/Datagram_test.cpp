@@ -2,15 +2,6 @@
 
 #include <gtest/gtest.h>
 
-TEST(Datagram, KeepsEveryFieldBetweenAnyTwoSeparators) {
-  const std::pair<std::string, std::vector<std::string>> cases[] = {
-      {"", {""}},
-      {"A b\nC\rD", {"A b", "C", "D"}},
-      {"SET!\t1\t\t\r\n", {"SET!", "1", "", "", "", ""}},
-      {std::string("A\0B\tC\n", 6), {std::string("A\0B", 3), "C", ""}}};
-  for (const auto& [datagram, fields] : cases) EXPECT_EQ(fields, TarnDDPCommand_SplitFields(datagram)) << datagram;
-}
-
 TEST(Datagram, MacFilterCountsDigitsAndSeparators) {
   for (const char* mac : {"001bc40aff05", "00:1B:c4-0a:ff-05", "001bc40aff05:any", "000:1b:c4:0a:ff:5",
                           "x0:01bc40aff05"}) {  // the last: a first group of one digit mends what "x" spoiled

@@ -20,8 +20,6 @@ inline std::string ReadUpTo(int connection, std::string_view end) {
 
 inline void Write(int connection, std::string_view text) { send(connection, text.data(), text.size(), MSG_NOSIGNAL); }
 
-inline void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(30)); }
-
 /// A server on a free loopback port. Its thread runs the script on one connection after the other and closes each.
 struct LoopbackPeer {
   explicit LoopbackPeer(const std::function<void(int connection)>& script) {

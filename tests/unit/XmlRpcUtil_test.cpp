@@ -85,61 +85,51 @@ TEST(Log, GoesUpToTheVerbosityCutTo1022CharactersAndNowhereWithoutAHandler) {
   EXPECT_EQ(std::string(1022, 'x') + "\n", testing::internal::GetCapturedStderr());
 }
 
-/// Standard output as a small pipe while it exists.
-struct StandardOutputPipe {
-  StandardOutputPipe() {
-    std::fflush(stdout);
-    EXPECT_EQ(0, pipe2(ends, O_NONBLOCK));
-    dup2(ends[1], STDOUT_FILENO);
-  }
-  ~StandardOutputPipe() {
-    dup2(console, STDOUT_FILENO);
-    for (const int descriptor : {console, ends[0], ends[1]}) close(descriptor);
-  }
-  void Fill() const {
-    while (write(ends[1], std::string(4096, '.').data(), 4096) > 0) continue;
-    fcntl(ends[1], F_SETFL, 0);
-  }
-  std::string Take() const {
-    std::string all;
-    char piece[4096];
-    for (ssize_t n; (n = read(ends[0], piece, sizeof piece)) > 0;) all.append(piece, static_cast<std::size_t>(n));
-    return all;
-  }
-  const int console = dup(STDOUT_FILENO);
-  int ends[2] = {};
-};
-
 TEST(Log, NeverBlocksAndKeepsItsLineBreak) {
+  int pipe[2] = {}, terminal[2] = {};
+  ASSERT_EQ(0, pipe2(pipe, O_NONBLOCK));
+  ASSERT_EQ(0, openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr));
+  std::FILE* const console = std::exchange(stdout, fdopen(pipe[1], "w"));  // where failures are told, so none till then
+  std::vector<char> buffer(10000);
+  std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
+  std::vector<std::pair<std::string, std::string>> results;
+  const auto log = [&](const std::string& text, const std::string& expected) {
+    std::string all(100000, ' ');
+    errno = EXDEV;
+    DefaultLogHandler().log(0, text.c_str());
+    const std::string error = errno == EXDEV ? "" : "another errno";
+    const ssize_t size = read(pipe[0], all.data(), all.size());
+    results.emplace_back(expected, error + all.substr(0, size < 0 ? 0 : static_cast<std::size_t>(size)));
+  };
   alarm(60);  // ends a test that blocks
-  const StandardOutputPipe output;
-  const auto log = [](const std::string& text) { DefaultLogHandler().log(0, text.c_str()); };
-  std::printf("started ");
-  log(std::string(5000, 'x'));
-  EXPECT_EQ(output.Take(), "started " + std::string(4095, 'x') + "\n");
-
-  std::printf("kept");
-  output.Fill();
-  log("dropped");
-  EXPECT_EQ(output.Take().find_first_not_of('.'), std::string::npos);
+  const std::string most(4096, 'm');
+  log("x", "x\n");
+  std::printf("%s", most.c_str());
+  log(std::string(5000, 'x'), most + std::string(4095, 'x') + "\n");
+  std::printf("%s+", most.c_str());
+  log("more is pending than is flushed", "more is pending than is flushed\n");
+  __fpurge(stdout);
+  std::printf("kept ");
+  std::string full;
+  for (; write(pipe[1], most.data(), most.size()) > 0; full += most) continue;
+  fcntl(pipe[1], F_SETFL, 0);
+  log("dropped", full);
   flockfile(stdout);
-  std::thread([&] { log("passes"); }).join();
+  std::thread([&] { log("another thread has it", "another thread has it\n"); }).join();
   funlockfile(stdout);
-  EXPECT_EQ(output.Take(), "passes\n");
-  std::fflush(stdout);
-  EXPECT_EQ(output.Take(), "kept");
-
-  // A terminal that poll() calls writable may have too little room for what is pending.
-  int terminal[2] = {};
-  ASSERT_EQ(openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr), 0);
-  dup2(terminal[1], STDOUT_FILENO);
+  log("x", "kept x\n");
+  std::thread([&] { results.emplace_back("0", std::to_string(ftrylockfile(stdout))); }).join();
+  stdout = fdopen(terminal[1], "w");  // which poll() may call writable with too little room for what is pending
+  std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
   for (int i = 0; i < 100; ++i) {
-    std::fwrite(std::string(3000, 'x').data(), 1, 3000, stdout);
-    log("told");
+    std::printf("%s", most.substr(0, 3000).c_str());
+    log("told", "");
     __fpurge(stdout);
   }
-  for (const int descriptor : terminal) close(descriptor);
   alarm(0);
+  stdout = console;
+  for (const auto& [expected, result] : results) EXPECT_EQ(expected, result);
+  for (const int descriptor : {pipe[0], pipe[1], terminal[0], terminal[1]}) close(descriptor);
 }
 
 }  // namespace
