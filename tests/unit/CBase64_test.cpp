@@ -9,6 +9,8 @@ TEST(CBase64, DecodesAndEncodesLikeTheModelWithTheSameBuffers) {
   Random random;
   CBase64 codec;
   EXPECT_EQ(std::string(), codec.GetEncoded());
+  EXPECT_EQ(0, codec.GetDecodedLength());
+  CBase64().Decode("");
   for (unsigned i = 0; i < 20000; ++i) {
     std::string text(i % 500 == 0 ? 4090 + random() % 12 : i % 2 == 0 ? random() % 17 : random() % 5 * 4, ' ');
     for (char& c : text) {

@@ -149,6 +149,7 @@ TEST(XmlRpcClientTransportHTTP, IsConfiguredByAStructWithAnAddressAndAPort) {
     EXPECT_EQ(-4320, status);
   }
   EXPECT_EQ(0U, refused.timeout);
+  EXPECT_EQ(0U, XmlRpcClientTransportHTTP().OwedResponses());
   EXPECT_EQ(before, CountDescriptors());
 }
 
@@ -185,6 +186,33 @@ TEST(XmlRpcClientTransportHTTP, SendsTheseBytesOverTheConnectionItHas) {
   }
   setVerbosity(0);
   close(peer);
+}
+
+TEST(XmlRpcClientTransportHTTP, IsItsOwnPeerIfBothEndsAreOne) {
+  Connected other(0);
+  XmlRpcClientTransportHTTP transport;
+  unsigned short port = 0;
+  other.listener.GetPort(port);
+  Configure(transport, port);
+  const auto isItsOwnPeer = [&](const char* address) {  // from there, and from the port that it calls
+    on_connect = [address](int descriptor, const sockaddr* to, socklen_t size) {
+      sockaddr_in from = *reinterpret_cast<const sockaddr_in*>(to);
+      from.sin_addr.s_addr = inet_addr(address);
+      EXPECT_EQ(0, bind(descriptor, reinterpret_cast<const sockaddr*>(&from), size));
+      return real_connect(descriptor, to, size);
+    };
+    EXPECT_FALSE(transport.IsItsOwnPeer()) << "not connected";
+    EXPECT_EQ(0, transport.Connect());
+    on_connect = nullptr;
+    const bool itself = transport.IsItsOwnPeer();
+    transport.Disconnect();
+    return itself;
+  };
+  EXPECT_FALSE(other.IsItsOwnPeer());
+  EXPECT_FALSE(isItsOwnPeer("127.0.0.2"));
+  other.listener.ClosePort();
+  other.Disconnect();
+  EXPECT_TRUE(isItsOwnPeer("127.0.0.1"));
 }
 
 TEST(HttpHead, TakesTimeLinearInTheHead) {  // else this one does not end
