@@ -45,8 +45,9 @@ struct Wire : ReplacedCalls {
     };
     on_recv = [this](int, void* data, size_t size, int) -> ssize_t {
       std::memcpy(data, answers.front().data(), size);
+      const bool isEmpty = answers.front()[0] == 0;
       answers.pop_front();
-      return 300;
+      return isEmpty ? 0 : 300;
     };
     on_nanosleep = [this](const timespec* wanted, timespec*) {
       log += "sleep " + std::to_string(wanted->tv_sec) + " s " + std::to_string(wanted->tv_nsec) + "\n";
@@ -90,6 +91,7 @@ TEST_F(Interface, DHCPTellsEachStepAndEndsAtTheFirstFailureWhichCostsItsSleeps) 
                discover + sleeps,
                hasMac + client + route + client + route + error + "no response on dhcp discover\n" + route},
               {"dev0", 2, {ack}, -1, discover + sleeps, hasMac},
+              {"dev0", 2, {DHCPBuffer{}}, -1, discover + sleeps, hasMac},
               {"dev0", 2, {offer}, -1, request + sleeps, hasMac + error + "no response from dhcp request\n"},
               {"dev0", 2, {offer, nak}, -1, request + sleeps, acked + "0.0.0.0 dns=0.0.0.0 gw=0.0.0.0 lease=0s\n"},
               {"dev0", 0, {}, 0, "", hasMac + set + "\nnameserver \nroute del default\nroute add default gw\n"},

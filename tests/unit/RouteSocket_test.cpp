@@ -49,6 +49,7 @@ TEST(RouteSocket, AsksTheKernelOnceAndForASecond) {
       {{{{route}, 7}, {{end}, 7}, {{other, end}}}, "0 "},  // of others
       {{{{}, 0, EAGAIN}, {{route, end}}}, "1 10.9.9.9 "},
       {{{{}, 0, EIO}}, "-1 SOCK READ: : Input/output error\n" + failed},
+      {{{{}, 0, ENOMEM}}, "-1 SOCK READ: : Cannot allocate memory\n" + failed},
       {{{{error}}}, "-1 Error in recieved packet: Bad message\n" + failed},
       {{{std::vector<Message>(186, other)}, {{route, end}}},
        "-1 Error in recieved packet: Bad message\n" + failed},  // too large
@@ -67,7 +68,9 @@ TEST(RouteSocket, AsksTheKernelOnceAndForASecond) {
                 std::tuple(int{waiting->events}, static_cast<int>(count), long{timeout}));
       milliseconds += datagrams.empty() ? timeout : 50;
       if (interrupted++ == 0) return errno = EINTR, -1;
-      return datagrams.empty() ? 0 : 1;
+      const bool fails = !datagrams.empty() && datagrams.front().error == ENOMEM;
+      if (fails) errno = ENOMEM;
+      return fails ? -1 : datagrams.empty() ? 0 : 1;
     };
     on_recvfrom = [&datagrams](int, void* data, size_t size, int flags, sockaddr* from,
                                socklen_t* fromSize) -> ssize_t {
