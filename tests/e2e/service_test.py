@@ -2,7 +2,6 @@
 
 import os
 import pathlib
-import random
 import signal
 import unittest
 
@@ -57,16 +56,13 @@ class Answers(DeviceTest):
         self.assertEqual([], [one for number, one in descriptors.items() if number > 2 and not one[1] & os.O_CLOEXEC])
 
     def test_who_hears_a_request(self):
-        """In this order: the own MAC address is known from the first record on. A text ends at its first NUL."""
+        """In this order: the own MAC address is known from the first record on."""
         self.start_daemon()
         disable, mine = "DEVICEDISABLEIDENT!", request("DEVICEIDENT?", MAC)
         for datagram, expected in (
-                (mine, None), (IDENT, SERVICE_RECORD), (mine, SERVICE_RECORD), (b"", None), (b"DEVICEIDENT?", None),
-                (b"DEVICEIDENT?\0\r\n", None), (b"DEVICEIDENT?\n\0\xff", SERVICE_RECORD),
-                (b"DEVICEIDENT?\t" + 1009 * b"x" + b"\n", SERVICE_RECORD), (b"DEVICEIDENT?\t" + 1010 * b"x" + b"\n", None),
-                (request(disable, OTHER_MAC), None), (request(disable), ACK), (IDENT, None), (ENABLE, ACK),
-                (IDENT, SERVICE_RECORD)):
-            with self.subTest(datagram[:40]):
+                (mine, None), (IDENT, SERVICE_RECORD), (mine, SERVICE_RECORD), (request(disable, OTHER_MAC), None),
+                (request(disable), ACK), (IDENT, None), (ENABLE, ACK), (IDENT, SERVICE_RECORD)):
+            with self.subTest(datagram):
                 self.assertEqual(self.ask(datagram, "broadcast", 3 if expected else QUIET), expected)
 
     def test_commands_that_run_something(self):
@@ -90,20 +86,6 @@ class Answers(DeviceTest):
         self.assertFalse(mark.exists())
         self.assertEqual(self.ask(request("DEVICEREBOOT!"), "broadcast"), ACK)
         self.assertEqual(pathlib.Path(os.environ["SANDBOX_HALT_MARK"]).read_text(encoding="ascii"), "halt \n")
-
-    def test_no_datagram_stops_the_daemon(self):
-        """Noise and bent commands, all but those whose purpose is an end or a pause."""
-        self.attach()
-        noise = random.Random(5562)
-        words = [b"DEVICEIDENT?", b"SETIPADDRESS!", b"SETDHCPMODE!", b"DEVICEENABLEIDENT!", b"SYSTRACE!\t1\r\n", b"\t",
-                 b"\r\n", b"\n", b"\0", MAC.encode(), 12 * b"a", b"1", b":", 200 * b"\t", 900 * b"%s", b"\xff", b"]]>"]
-        for _ in range(100):
-            caller = self.callers[noise.choice(list(self.callers))]
-            for _ in range(30):
-                caller.send(b"".join(noise.choices([*words, noise.randbytes(noise.choice((1, 40, 1023)))], k=8))[:1400])
-            self.assertTrue(caller.ask(ENABLE, 10))   # lets the daemon catch up
-        self.attach(seconds=30)   # what is still waiting may set an address or end the connection
-        self.start_daemon()
 
     def test_every_length_and_a_nul_at_every_place(self):
         """From 0 to 1500 bytes, of which those up to 1023 are taken, up to the first NUL. A refusal ends each handful."""

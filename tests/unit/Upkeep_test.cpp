@@ -117,26 +117,6 @@ TEST_F(Upkeep, TriesTheServiceAndTheEndpointsEvery5Seconds) {
   EXPECT_EQ("+4! +6 ", joins) << "at once, as the sockets are new";
 }
 
-TEST(UpkeepLists, AreReadByInterfaceAndGroup) {
-  const bool isLittle = htonl(1) != 1;  // the kernel prints an address as a number of its machine
-  const std::string tail = "     1 0:00000000\t\t0\n",
-                    all = (isLittle ? "\t\t\t\t010000E0" : "\t\t\t\tE0000001") + tail,
-                    ours = (isLittle ? "\t\t\t\t800500E0" : "\t\t\t\tE0000580") + tail;
-  const std::string igmp =
-      "Idx\tDevice    : Count Querier\tGroup    Users Timer\tReporter\n1\tlo        :     1      V3\n" + all +
-      "12\teth0      :     2      V3\n" + ours + all + "2\teth1      :     1      V3\n" + all;
-  const std::string igmp6 =
-      "1    lo              ff020000000000000000000000000001     1 0000000C 0\n"
-      "12   eth0            ff120000000000000000000000000012     1 00000004 0\n"
-      "2    eth1            ff0200000000000000000000000000fb     1 00000004 0\n";
-  for (const unsigned index : {1U, 2U, 12U, 0U}) {
-    EXPECT_EQ(index == 12, Upkeep_ListsGroupIPV4(igmp, index, "224.0.5.128")) << index;
-    EXPECT_EQ(index != 0, Upkeep_ListsGroupIPV4(igmp, index, "224.0.0.1")) << index;
-    EXPECT_EQ(index == 12, Upkeep_ListsGroupIPV6(igmp6, index, "FF12::12")) << index;
-    EXPECT_EQ(index == 2, Upkeep_ListsGroupIPV6(igmp6, index, "ff02::fb")) << index;
-  }
-}
-
 /// The system may choose for our end the very port that we connect to.
 TEST(ServiceConnection, IsGivenUpIfItLeadsToItselfAndElseKept) {
   const std::tuple<const char*, int, bool> rows[] = {
