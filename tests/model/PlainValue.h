@@ -126,7 +126,7 @@ inline std::string RandomText(Random& random) {
 /// Of any type but invalid, `depth` levels at most.
 inline XmlRpcValue RandomValue(Random& random, int depth) {
   const unsigned type = random() % (depth > 1 ? 9 : 7), parts = random() % (random() % 64 == 0 ? 120 : 4);
-  const auto number = static_cast<long long>(static_cast<unsigned long long>(random()) << random() % 33) * 2 - 1;
+  const auto number = static_cast<long long>((static_cast<unsigned long long>(random()) << random() % 33) * 2 - 1);
   if (type == 0) return random() % 2 == 0;
   if (type == 1) return static_cast<int>(number);
   if (type == 2) return number;
