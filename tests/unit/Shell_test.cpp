@@ -116,8 +116,7 @@ TEST(Shell, ReaderThatStoppedIsNotWaitedForAndNoDescriptorIsLost) {
   EXPECT_TRUE(isRead);
   for (const char* standard : {" 0 ", " 1 ", " 2 "}) EXPECT_EQ(std::string::npos, (" " + text).find(standard)) << text;
   EXPECT_EQ(before, CountDescriptors());
-  EXPECT_EQ("pipe2: 0\n",
-            WithEachCallFailing([&text] { return std::to_string(ul_ReadCommand("exit", text)); }));
+  EXPECT_EQ("pipe2: 0\n", WithEachCallFailing([&text] { return std::to_string(ul_ReadCommand("exit", text)); }));
   alarm(0);
   for (const int descriptor : {ends[0], ends[1], saved[0], saved[1], saved[2]}) close(descriptor);
 }
