@@ -22,4 +22,10 @@ TEST(GateDescriptor, MovesAStandardDescriptorUpAndRefusesWhatSelectCannotHold) {
   EXPECT_EQ(-1, GateDescriptor(fcntl(STDERR_FILENO, F_DUPFD, FD_SETSIZE)));
   EXPECT_EQ(EMFILE, errno);
   EXPECT_EQ(-1, fcntl(FD_SETSIZE, F_GETFD)) << "closed";
+  close(FD_SETSIZE - 1);
+  while (dup(STDERR_FILENO) < FD_SETSIZE - 2) continue;
+  int ends[2] = {};
+  EXPECT_FALSE(OpenPipe(ends)) << "of which one end is too high";
+  EXPECT_EQ(EMFILE, errno);
+  for (const int end : {FD_SETSIZE - 1, FD_SETSIZE}) EXPECT_EQ(-1, fcntl(end, F_GETFD)) << "closed";
 }

@@ -146,6 +146,10 @@ TEST(Bindings, StartWithTheseMembers) {
     }
     return text;
   };
+  RPCConf::SetNetwork::CParams set;
+  set.Set_IPAddress("ip");
+  set.Set_SubnetMask("mask");
+  set.Set_GatewayAddress("gate");
   const std::pair<XmlRpcValue, std::string> rows[] = {
       {RPCConf::GetNetwork::CParams(), "DeviceName= MethodID=RPCConf::GetNetwork "},
       {RPCConf::GetNetwork::CResults(),
@@ -154,6 +158,9 @@ TEST(Bindings, StartWithTheseMembers) {
       {RPCConf::SetNetwork::CParams(),
        "Activate=<bo>0</bo> DHCPActive=<bo>0</bo> DeviceName= GatewayAddress= IPAddress= MethodID=RPCConf::SetNetwork "
        "Save=<bo>0</bo> SubnetMask= "},
+      {set,
+       "Activate=<bo>0</bo> DHCPActive=<bo>0</bo> DeviceName= GatewayAddress=gate IPAddress=ip "
+       "MethodID=RPCConf::SetNetwork Save=<bo>0</bo> SubnetMask=mask "},
       {RPCConf::SetNetwork::CResults(), "MethodID=RPCConf::SetNetwork iRet=<i4>0</i4> "},
       {RPCMeas::GetGlobalSysInfos::CParams(), "MethodID=RPCMeas::GetGlobalSysInfos "},
       {RPCMeas::GetGlobalSysInfos::CResults(),

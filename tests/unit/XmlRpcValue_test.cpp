@@ -413,6 +413,8 @@ TEST(XmlRpcValue, IsReadAndWrittenTypeByTypeWithItsTagSet) {
     V taken = value, copy = std::move(taken);
     EXPECT_EQ(0, taken.getTagSet());  // NOLINT(bugprone-use-after-move): that is the promise
     EXPECT_EQ(1, copy.getTagSet());
+    copy.invalidate();
+    EXPECT_EQ(0, copy.getTagSet());
     EXPECT_EQ(Empty(value.getType()).toXmlSize(1), (V().*row.size)(1)) << "of another type than " << xml;
     offset = 0;
     ASSERT_TRUE(read.fromXml("<va></va>", &offset));
