@@ -14,11 +14,12 @@ constexpr char ALPHABET[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvw
 constexpr char PADDING = '=';
 constexpr std::size_t BUFFER_STEP = 4096;
 
-/// The value of each character of the alphabet; everything else has `FOREIGN`, which no six bits can be.
-constexpr std::uint32_t FOREIGN = 0x80000000;
-using Sextets = std::array<std::uint32_t, 256>;
+// Both ways look up tables of 12 KB, which a small program does without: it takes up to twice the time.
+constexpr std::uint32_t FOREIGN = 0x80000000;  // of a character outside the alphabet; no six bits can be this
 
-/// Shifted to its place in a group of four.
+#ifndef __OPTIMIZE_SIZE__
+
+using Sextets = std::array<std::uint32_t, 256>;
 constexpr Sextets MakeSextets(unsigned shift) {
   Sextets sextets{};
   for (auto& sextet : sextets) sextet = FOREIGN;
@@ -26,6 +27,9 @@ constexpr Sextets MakeSextets(unsigned shift) {
   return sextets;
 }
 constexpr Sextets SEXTETS[4] = {MakeSextets(18), MakeSextets(12), MakeSextets(6), MakeSextets(0)};
+
+/// The value of a character, shifted to its place in a group of four.
+inline std::uint32_t Sextet(int place, unsigned char c) { return SEXTETS[place][c]; }
 
 /// The two characters of each twelve bits.
 struct Pair {
@@ -37,6 +41,31 @@ constexpr std::array<Pair, 4096> MakePairs() {
   return pairs;
 }
 constexpr std::array<Pair, 4096> PAIRS = MakePairs();
+
+inline void PutPair(unsigned bits, char* to) { std::memcpy(to, PAIRS[bits].characters, 2); }
+
+#else
+
+using Sextets = std::array<std::uint8_t, 256>;
+constexpr Sextets MakeSextets() {
+  Sextets sextets{};
+  for (auto& sextet : sextets) sextet = 64;
+  for (std::uint8_t i = 0; i < 64; ++i) sextets[static_cast<unsigned char>(ALPHABET[i])] = i;
+  return sextets;
+}
+constexpr Sextets SEXTETS = MakeSextets();
+
+std::uint32_t Sextet(int place, unsigned char c) {
+  const std::uint32_t sextet = SEXTETS[c];
+  return sextet > 63 ? FOREIGN : sextet << (18 - 6 * place);
+}
+
+void PutPair(unsigned bits, char* to) {
+  to[0] = ALPHABET[bits >> 6];
+  to[1] = ALPHABET[bits & 63];
+}
+
+#endif
 
 /// Makes room for `needed` bytes and zeroes the buffer.
 template <typename Char>
@@ -62,10 +91,10 @@ unsigned char* PutBytes(std::uint32_t group, int count, unsigned char* out) {
 /// the data; else the end of what was written.
 unsigned char* DecodeOddGroup(const unsigned char* in, unsigned char* out) {
   if (in[0] == PADDING || in[1] == PADDING) return out;
-  std::uint32_t group = SEXTETS[0][in[0]] | SEXTETS[1][in[1]];
+  std::uint32_t group = Sextet(0, in[0]) | Sextet(1, in[1]);
   if ((group & FOREIGN) != 0) return nullptr;
   if (in[2] == PADDING) return PutBytes(group, 1, out);
-  group |= SEXTETS[2][in[2]];
+  group |= Sextet(2, in[2]);
   return (group & FOREIGN) == 0 && in[3] == PADDING ? PutBytes(group, 2, out) : nullptr;
 }
 
@@ -76,7 +105,7 @@ std::size_t Decode(const char* text, std::size_t length, unsigned char* out) {
   const unsigned char* const first = out;
   const auto* in = reinterpret_cast<const unsigned char*>(text);
   const auto GroupAt = [](const unsigned char* at) {
-    return SEXTETS[0][at[0]] | SEXTETS[1][at[1]] | SEXTETS[2][at[2]] | SEXTETS[3][at[3]];
+    return Sextet(0, at[0]) | Sextet(1, at[1]) | Sextet(2, at[2]) | Sextet(3, at[3]);
   };
   const auto* const end = in + length;
   // Three plain bytes in one write of four, while another group's follow.
@@ -117,8 +146,8 @@ void CBase64::EncodeTo(const char* bytes, std::size_t length, char* out) {
   const auto* in = reinterpret_cast<const unsigned char*>(bytes);
   for (; length >= 3; length -= 3, in += 3, out += 4) {
     const unsigned group = (static_cast<unsigned>(in[0]) << 16) | (static_cast<unsigned>(in[1]) << 8) | in[2];
-    std::memcpy(out, PAIRS[group >> 12].characters, 2);
-    std::memcpy(out + 2, PAIRS[group & 4095].characters, 2);
+    PutPair(group >> 12, out);
+    PutPair(group & 4095, out + 2);
   }
   if (length == 0) return;
   const unsigned b0 = in[0], b1 = length == 2 ? in[1] : 0U;

@@ -73,7 +73,8 @@ char* PutMagnitude(std::uint32_t number, char* to) {
   return to + 8;
 }
 
-#ifdef __SIZEOF_INT128__
+#if defined(__SIZEOF_INT128__) && !defined(__OPTIMIZE_SIZE__)
+#define TARN_PUTS_PLAIN_DOUBLES
 
 __extension__ using Wide = unsigned __int128;
 
@@ -205,7 +206,7 @@ char* PutNumber(std::int32_t number, char* to) {
 char* PutNumber(long long number, char* to) { return std::to_chars(to, to + NUMBER_ROOM, number).ptr; }
 
 char* PutNumber(double number, char* to) {
-#ifdef __SIZEOF_INT128__
+#ifdef TARN_PUTS_PLAIN_DOUBLES
   if (char* const end = PutPlainDouble(number, to); end != nullptr) return end;
 #endif
   if (std::isnan(number)) return std::copy_n("nan", 3, to);

@@ -22,20 +22,35 @@ struct Encoding {
   char text[ENCODING_STEP - 1];
   std::uint8_t length;
 };
+constexpr Encoding MakeEncoding(unsigned char byte) {
+  Encoding encoding = {{static_cast<char>(byte)}, 1};
+  for (const Entity& entity : ENTITIES) {
+    if (static_cast<unsigned char>(entity.character) != byte) continue;
+    encoding.text[0] = AMPERSAND;
+    for (const char c : entity.body) encoding.text[encoding.length++] = c;
+  }
+  return encoding;
+}
+
+#ifndef __OPTIMIZE_SIZE__  // a small program does without the table, which takes 2 KB
+
 constexpr std::array<Encoding, 256> MakeEncodings() {
   std::array<Encoding, 256> encodings{};
   for (std::size_t byte = 0; byte < encodings.size(); ++byte) {
-    encodings[byte].text[0] = static_cast<char>(static_cast<unsigned char>(byte));
-    encodings[byte].length = 1;
-  }
-  for (const Entity& entity : ENTITIES) {
-    Encoding& encoding = encodings[static_cast<unsigned char>(entity.character)];
-    encoding.text[0] = AMPERSAND;
-    for (const char c : entity.body) encoding.text[encoding.length++] = c;
+    encodings[byte] = MakeEncoding(static_cast<unsigned char>(byte));
   }
   return encodings;
 }
 constexpr std::array<Encoding, 256> ENCODINGS = MakeEncodings();
+const Encoding& EncodingOf(char c) { return ENCODINGS[static_cast<unsigned char>(c)]; }
+constexpr bool IsPlainForSure(char) { return false; }  // the table is as quick
+
+#else
+
+Encoding EncodingOf(char c) { return MakeEncoding(static_cast<unsigned char>(c)); }
+constexpr bool IsPlainForSure(char c) { return static_cast<unsigned char>(c) > '>'; }  // above all five
+
+#endif
 
 /// The entity whose body stands at `at`, or null.
 const Entity* EntityAt(std::string_view text, std::size_t at) {
@@ -65,7 +80,11 @@ char* DecodeTo(std::string_view text, char* to) {
 
 char* Encode(std::string_view text, char* to) {
   for (const char c : text) {
-    const Encoding& encoding = ENCODINGS[static_cast<unsigned char>(c)];
+    if (IsPlainForSure(c)) {
+      *to++ = c;
+      continue;
+    }
+    const Encoding& encoding = EncodingOf(c);
     std::memcpy(to, &encoding, ENCODING_STEP);
     to += encoding.length;
   }
@@ -74,7 +93,7 @@ char* Encode(std::string_view text, char* to) {
 
 std::size_t EncodedLength(std::string_view text) {
   std::size_t length = 0;
-  for (const char c : text) length += ENCODINGS[static_cast<unsigned char>(c)].length;
+  for (const char c : text) length += EncodingOf(c).length;
   return length;
 }
 
