@@ -52,12 +52,14 @@ def speed_table(operation, found, sizes):
 
 
 def memory_table(folder, sizes):
-    print("\n## Memory: peak of decoding 10 MB\n")
-    print("| document | bytes per byte | of xmlrpc-c's |\n|---|---|---|")
+    print("\n## Memory: peak of decoding and of encoding 10 MB\n")
+    print("| document | decoding: bytes per byte | of xmlrpc-c's | encoding: bytes | of the text's |")
+    print("|---|---|---|---|---|")
     for path in sorted(pathlib.Path(folder).glob("*_10MB.xml")):
         own, peer = (int(run(PROGRAMS / "XmlRpcValue_peak", name, path)) for name in ("tarn", "xmlrpc-c"))
         document = path.stem.replace("_", "/")
-        print(f"| {document} | {own / sizes[document]:.2f} | {own / peer:.2f} |")
+        encoding, text = map(int, run(PROGRAMS / "XmlRpcValue_peak", "encode", path).split())
+        print(f"| {document} | {own / sizes[document]:.2f} | {own / peer:.2f} | {encoding:,} | {encoding / text:.2f} |")
 
 
 with tempfile.TemporaryDirectory() as temporary:
