@@ -38,7 +38,9 @@ TEST(ConsoleLine, IsWrittenWholeOrNotAtAllAndNeverWaited) {
   EXPECT_EQ(EXDEV, errno);
   EXPECT_EQ(longest.substr(0, 4096), Read(ends[0]));
   fcntl(ends[1], F_SETPIPE_SZ, 4096);
+  const unsigned dropped = ConsoleLinesDropped;
   for (int i = 0; i < 2; ++i) ConsoleLine(ends[1], line);
+  EXPECT_EQ(dropped + 1, ConsoleLinesDropped);
   EXPECT_EQ(line, Read(ends[0]));
   ConsoleLine(terminal[1], "told\n");
   EXPECT_EQ("told\r\n", Read(terminal[0]));
@@ -78,4 +80,31 @@ TEST(ConsoleLine, IsWrittenWholeOrNotAtAllAndNeverWaited) {
   close(ends[0]);
   ConsoleLine(ends[1], "nobody reads\n");  // raises no SIGPIPE
   for (const int descriptor : {ends[1], terminal[0], terminal[1]}) close(descriptor);
+}
+
+TEST(ConsoleLine, LooksOnceAtWhatTheStandardStreamsAre) {
+  int ends[2] = {}, terminal[2] = {};
+  ASSERT_EQ(0, pipe(ends));
+  ASSERT_EQ(0, openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr));
+  const std::pair<int, ConsoleKind> rows[] = {{open("/dev/null", O_WRONLY), ConsoleKind::Nowhere},
+                                              {open("/dev/zero", O_WRONLY), ConsoleKind::Other},
+                                              {ends[1], ConsoleKind::Other},
+                                              {terminal[1], ConsoleKind::Terminal}};
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+    for (const auto& [descriptor, kind] : rows) {
+      const int saved = dup(stream);
+      dup2(descriptor, stream);
+      ConsoleSettle();
+      dup2(saved, stream);
+      close(saved);
+      EXPECT_EQ(kind, ConsoleKindOf(stream)) << stream << " is asked no more";
+      std::fill(std::begin(ConsoleKinds), std::end(ConsoleKinds), ConsoleKind::Unknown);
+    }
+  }
+  for (const auto& [descriptor, kind] : rows) {
+    const ConsoleKind asked = kind == ConsoleKind::Nowhere ? ConsoleKind::Other : kind;
+    EXPECT_EQ(asked, ConsoleKindOf(descriptor)) << "asked each time";
+    close(descriptor);
+  }
+  for (const int descriptor : {ends[0], terminal[0]}) close(descriptor);
 }
