@@ -2,7 +2,8 @@
 
 // What the process sets before it serves. Main thread only, and before there is another.
 
-/// What a supervisor tells by the environment, standard streams, signals, the memory's return to the system, the words at an abort. Needs no options.
+/// What a supervisor tells by the environment, standard streams, signals, the memory's return to the system, the words
+/// at an abort. Needs no options.
 void Startup_Prepare();
 
 /// Routes IPv4 multicast through `interface` by the command `route`, whose success is not looked at.
