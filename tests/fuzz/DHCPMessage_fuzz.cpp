@@ -51,7 +51,8 @@ std::size_t Receive(Input& input, std::uint8_t type, DHCPBuffer& buffer) {
   const std::uint8_t head[] = {2, 0x7c, 0xd9, 1, 0, 53, 1, type};
   for (int i = 0; i < 8; ++i) buffer[PLACES[i]] = head[i];
   if (how == 1) buffer[PLACES[input.Below(8)]] ^= 1;
-  for (at = 16; at < 20;) put(input.Byte());
+  at = 16;
+  for (int i = 0; i < 4; ++i) put(input.Byte());
   at = 243;
   for (unsigned options = input.Below(24); options > 0; --options) {
     put(codes[input.Below(9)]);

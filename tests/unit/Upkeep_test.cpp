@@ -30,7 +30,7 @@ class Upkeep : public testing::Test, ReplacedCalls {
       if (found != names.end()) joins += found->second + (result != 0 ? "! " : " ");
       return result;
     };
-    on_clock_gettime = [this](clockid_t, timespec* time) { return *time = {seconds, 0}, 0; };
+    on_clock_gettime = [](clockid_t, timespec* time) { return *time = {seconds, 0}, 0; };
   }
 
   /// What the next look prints.
