@@ -4,10 +4,12 @@
    latency echo PORT                    answers each datagram with itself: the limit
    latency posts PORT SERVICE-PORT      the daemon's loop, with two HTTP posts to the service before each answer
    latency interface PORT INTERFACE     the same loop, with the interface and the routing table read instead
+   latency upkeep PORT INTERFACE        the same loop, never asked, with what the daemon does every 5 s in it
    latency service PORT                 answers HTTP posts with what the daemon wants to hear
    latency ask ADDRESS PORT COUNT PACE-US [HEX [INTERFACE-ADDRESS]]
-                                        sends COUNT requests, one each PACE-US; prints the ns to each answer, -1 for
-   none latency saturate ADDRESS PORT SECONDS WINDOW keeps WINDOW requests under way; prints the answers per second
+                                        sends COUNT requests, one each PACE-US; prints the ns to each answer, or -1
+   latency saturate ADDRESS PORT SECONDS WINDOW
+                                        keeps WINDOW requests under way; prints the answers per second
    latency first PORT WORD...           starts a program; prints the ns until it answers on 127.0.0.1, then ends it
    latency run WORD...                  runs a program; prints the ns until its end */
 #define _GNU_SOURCE
@@ -17,6 +19,7 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <net/route.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
@@ -159,9 +162,49 @@ static void read_interface(const char* interface) {
   close(fd);
 }
 
-static void loop(int port, int service, const char* interface) {
+/* A service that refuses, by a time-out. */
+static void try_service(void) {
+  struct sockaddr_in peer = address_of("127.0.0.1", 1200);
+  int fd = require(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0), "socket"), error = 0;
+  socklen_t length = sizeof error;
+  connect(fd, (struct sockaddr*)&peer, sizeof peer);
+  fd_set ready;
+  struct timeval limit = {0, 500000};
+  FD_ZERO(&ready);
+  FD_SET(fd, &ready);
+  select(fd + 1, NULL, &ready, NULL, &limit);
+  getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
+  close(fd);
+}
+
+static void read_file(const char* path) {
+  char piece[4096];
+  int fd = require(open(path, O_RDONLY), path);
+  while (read(fd, piece, sizeof piece) > 0) {
+  }
+  close(fd);
+}
+
+/* Twice the service, both group lists, the multicast route. */
+static void keep_up(const char* interface) {
+  try_service();
+  try_service();
+  read_file("/proc/net/igmp");
+  read_file("/proc/net/igmp6");
+  struct sockaddr_in group = address_of("224.0.0.0", 0), none = {.sin_family = AF_INET};
+  struct rtentry route = {.rt_flags = RTF_UP, .rt_dev = (char*)interface};
+  memcpy(&route.rt_dst, &group, sizeof group);
+  memcpy(&route.rt_genmask, &group, sizeof group);
+  memcpy(&route.rt_gateway, &none, sizeof none);
+  int fd = require(socket(AF_INET, SOCK_DGRAM, 0), "socket");
+  ioctl(fd, SIOCADDRT, &route);
+  close(fd);
+}
+
+static void loop(int port, int service, const char* interface, int upkeep) {
   int fd = bound_udp(port);
-  for (;;) {
+  for (unsigned turn = 1;; ++turn) {
+    if (upkeep && turn % 5 == 0) keep_up(interface);
     fd_set ready;
     struct timeval limit = {1, 0};
     FD_ZERO(&ready);
@@ -300,8 +343,9 @@ int main(int argc, char** argv) {
   const char* what = argc > 1 ? argv[1] : "";
   setvbuf(stdout, NULL, _IOFBF, 1 << 16);
   if (argc == 3 && strcmp(what, "echo") == 0) echo(atoi(argv[2]));
-  if (argc == 4 && strcmp(what, "posts") == 0) loop(atoi(argv[2]), connected_tcp(atoi(argv[3])), NULL);
-  if (argc == 4 && strcmp(what, "interface") == 0) loop(atoi(argv[2]), -1, argv[3]);
+  if (argc == 4 && strcmp(what, "posts") == 0) loop(atoi(argv[2]), connected_tcp(atoi(argv[3])), NULL, 0);
+  if (argc == 4 && strcmp(what, "interface") == 0) loop(atoi(argv[2]), -1, argv[3], 0);
+  if (argc == 4 && strcmp(what, "upkeep") == 0) loop(atoi(argv[2]), -1, argv[3], 1);
   if (argc == 3 && strcmp(what, "service") == 0) serve(atoi(argv[2]));
   if (argc >= 6 && strcmp(what, "ask") == 0) {
     ask(argv[2], atoi(argv[3]), atoi(argv[4]), atoll(argv[5]), argc > 6 ? argv[6] : NULL, argc > 7 ? argv[7] : NULL);

@@ -86,6 +86,7 @@ def start_lanes(net):
     lanes = [Lane(net, 2, "echo in C", [MEASURE, "echo", "5562"]),
              Lane(net, 3, "two-post floor in C", [MEASURE, "posts", "5562", "1200"], service=True),
              Lane(net, 4, "interface floor in C", [MEASURE, "interface", "5562", interface]),
+             Lane(net, 9, "C loop with the daemon's upkeep", [MEASURE, "upkeep", "5562", interface]),
              Lane(net, 5, "empty C++ program", [SHAPE]),
              Lane(net, 6, "daemon with the service", [DAEMON, "-nodaemon"], service=True),
              Lane(net, 7, "daemon without", [DAEMON, "-nodaemon"])]
@@ -142,7 +143,7 @@ def measure(net):
           [[lane.name, lane.percentile(0.5), lane.percentile(0.99), str(lane.lost),
             lane.cpu_ns / (ROUNDS * REQUESTS) / 1000, lane.saturated or "", *idle[lane.name]] for lane in lanes])
 
-    echo, posts, interface, shape, served, alone = peers
+    echo, posts, interface, upkeep, shape, served, alone = peers
     ratio = lambda of, by, get: get(of) / get(by)   # noqa: E731
     p50, cpu = lambda lane: lane.percentile(0.5), lambda lane: lane.cpu_ns
     host = alone.host
@@ -157,6 +158,7 @@ def measure(net):
         ["CPU per request with the service, of the two-post floor", ratio(served, posts, cpu)],
         ["CPU per request without, of the interface floor", ratio(alone, interface, cpu)],
         ["idle CPU, of the C loop", idle[alone.name][0] / idle[interface.name][0]],
+        ["idle CPU, of the C loop with the daemon's upkeep", idle[alone.name][0] / idle[upkeep.name][0]],
         ["answers per second with the service, of the two-post floor", served.saturated / posts.saturated],
         ["answers per second without, of the interface floor", alone.saturated / interface.saturated],
         ["RSS, of the empty C++ program", idle[alone.name][2] / idle[shape.name][2]],
