@@ -7,6 +7,7 @@
 #include <pugixml.hpp>
 
 #include "bench/Documents.h"
+#include "bench/SinglePass.h"
 
 namespace {
 
@@ -84,6 +85,13 @@ void PugiEncode(benchmark::State& state, const std::string& xml) {
   }
 }
 
+void FloorDecode(benchmark::State& state, const std::string& xml) {
+  for (auto _ : state) {
+    const SinglePass::Value value = SinglePass(xml).value();
+    benchmark::DoNotOptimize(value.is.index());
+  }
+}
+
 void Copy(benchmark::State& state, const std::string& xml) {
   for (auto _ : state) {
     const std::unique_ptr<char[]> copy(new char[xml.size()]);
@@ -114,9 +122,10 @@ int main(int argc, char** argv) {
   const struct {
     const char* name;
     void (*run)(benchmark::State&, const std::string&);
-  } runs[] = {{"decode/tarn", TarnDecode}, {"decode/xmlrpc-c", XmlRpcCDecode}, {"decode/pugixml", PugiDecode},
-              {"encode/tarn", TarnEncode}, {"encode/xmlrpc-c", XmlRpcCEncode}, {"encode/pugixml", PugiEncode},
-              {"copy/memcpy", Copy}};
+  } runs[] = {{"decode/tarn", TarnDecode},    {"decode/xmlrpc-c", XmlRpcCDecode},
+              {"decode/pugixml", PugiDecode}, {"decode/floor", FloorDecode},
+              {"encode/tarn", TarnEncode},    {"encode/xmlrpc-c", XmlRpcCEncode},
+              {"encode/pugixml", PugiEncode}, {"copy/memcpy", Copy}};
   for (const Document& document : documents) {
     for (const auto& run : runs) {
       benchmark::RegisterBenchmark((std::string(run.name) + "/" + document.name).c_str(), run.run, document.xml);
