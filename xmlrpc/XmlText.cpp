@@ -98,10 +98,13 @@ std::size_t EncodedLength(std::string_view text) {
 }
 
 bool Decode(std::string_view text, std::string& out) {
-  if (text.find(AMPERSAND) == std::string_view::npos) return false;
+  const std::size_t plain = text.find(AMPERSAND);
+  if (plain == std::string_view::npos) return false;
   char buffer[1024];
   if (text.size() <= sizeof buffer) {
-    out.assign(buffer, DecodeTo(text, buffer));
+    std::memcpy(buffer, text.data(), plain);
+    const char* const end = DecodeTo(text.substr(plain), buffer + plain);
+    out = std::string(buffer, static_cast<std::size_t>(end - buffer));
   } else {
     out.resize(text.size());
     out.resize(static_cast<std::size_t>(DecodeTo(text, out.data()) - out.data()));
