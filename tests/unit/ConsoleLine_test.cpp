@@ -7,7 +7,7 @@
 #include <csignal>
 #include <tuple>
 
-#include "tests/unit/LoopbackPeer.h"
+#include "tests/unit/SystemCalls.h"
 
 namespace {
 
@@ -38,11 +38,22 @@ TEST(ConsoleLine, IsWrittenWholeOrNotAtAllAndNeverWaited) {
   EXPECT_EQ(EXDEV, errno);
   EXPECT_EQ(longest.substr(0, 4096), Read(ends[0]));
   fcntl(ends[1], F_SETPIPE_SZ, 4096);
-  const unsigned dropped = ConsoleLinesDropped;
+  ConsoleLine(ends[1], "");
+  EXPECT_EQ(0U, ConsoleLinesDropped);
   for (int i = 0; i < 2; ++i) ConsoleLine(ends[1], line);
-  EXPECT_EQ(dropped + 1, ConsoleLinesDropped);
+  EXPECT_EQ(1U, ConsoleLinesDropped);
   EXPECT_EQ(line, Read(ends[0]));
+  const int unwritable = open("/dev/zero", O_RDONLY);
+  ConsoleLine(unwritable, line);
+  EXPECT_EQ(2U, ConsoleLinesDropped);
+  close(unwritable);
+  int looks = 0;
+  const ReplacedCalls calls;
+  on_poll = [&looks](pollfd* streams, nfds_t count, int timeout) {
+    return ++looks, real_poll(streams, count, timeout);
+  };
   ConsoleLine(terminal[1], "told\n");
+  EXPECT_EQ(1, looks) << "not one for each byte";
   EXPECT_EQ("told\r\n", Read(terminal[0]));
   for (int i = 0; i < 100; ++i) ConsoleLine(terminal[1], line);
   Read(terminal[0]);

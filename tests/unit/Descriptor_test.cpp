@@ -3,16 +3,38 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-TEST(GateDescriptor, MovesAStandardDescriptorUpAndRefusesWhatSelectCannotHold) {
-  const int saved = fcntl(STDERR_FILENO, F_DUPFD, 10);
-  close(STDERR_FILENO);
+TEST(GateDescriptor, LetsNoneBeAStandardStreamNorBeInherited) {
+  int saved[3] = {}, ends[2] = {};
+  rlimit limit = {};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  for (int stream = 0; stream < 3; ++stream) saved[stream] = fcntl(stream, F_DUPFD, 10);
+  for (int stream = 0; stream < 3; ++stream) close(stream);
+  const bool isOpen = OpenPipe(ends);
   const int opened = open("/dev/null", O_RDONLY), gated = GateDescriptor(opened), left = fcntl(opened, F_GETFD);
-  dup2(saved, STDERR_FILENO);
-  EXPECT_EQ(STDERR_FILENO, opened);
+  const rlimit none = {3, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  const int refused = GateDescriptor(open("/dev/null", O_RDONLY)), cause = errno, kept = fcntl(0, F_GETFD);
+  setrlimit(RLIMIT_NOFILE, &limit);
+  for (int stream = 0; stream < 3; ++stream) dup2(saved[stream], stream);
+  EXPECT_TRUE(isOpen);
+  EXPECT_EQ(0, opened);
   EXPECT_EQ(-1, left) << "closed";
-  EXPECT_GT(gated, STDERR_FILENO);
-  EXPECT_EQ(saved, GateDescriptor(saved)) << "others stay where they are";
-  for (const int descriptor : {gated, saved}) EXPECT_EQ(FD_CLOEXEC, fcntl(descriptor, F_GETFD));
+  EXPECT_EQ(-1, refused);
+  EXPECT_EQ(EINVAL, cause);
+  EXPECT_EQ(-1, kept) << "closed";
+  EXPECT_EQ(saved[0], GateDescriptor(saved[0])) << "others stay where they are";
+  for (const int descriptor : {ends[0], ends[1], gated, saved[0]}) {
+    EXPECT_GT(descriptor, STDERR_FILENO);
+    EXPECT_EQ(FD_CLOEXEC, fcntl(descriptor, F_GETFD));
+  }
+  EXPECT_EQ(-1, GateDescriptor(999));
+  EXPECT_EQ(EBADF, errno);
+  errno = EXDEV;
+  CloseKeepingErrno(999);
+  EXPECT_EQ(EXDEV, errno);
+}
+
+TEST(GateDescriptor, RefusesWhatSelectCannotHold) {
   rlimit limit = {};
   getrlimit(RLIMIT_NOFILE, &limit);
   if (limit.rlim_max <= FD_SETSIZE) GTEST_SKIP() << "this machine opens no descriptor so high";
