@@ -1,8 +1,7 @@
 #include <algorithm>
-#include <map>
 #include <memory>
-#include <utility>
 
+#include "tool/Events.h"
 #include "tool/Output.h"
 #include "tool/Scan.h"
 #include "tool/Screen.h"
@@ -10,71 +9,6 @@
 
 namespace tarnddp {
 namespace {
-
-/// What has been told of each device, and what is to be told. Pure, but for the time that it is given.
-class Events {
- public:
-  struct Event {
-    const char* name;
-    Finding finding;
-    std::string change;
-    std::vector<std::string> newProblems;
-  };
-
-  /// What is new in `findings`. A device is spoken of when it has been so for a moment: what one ask brings in by
-  /// several ways is one event.
-  std::vector<Event> Take(const std::vector<Finding>& findings, Time now) {
-    std::vector<Event> events;
-    std::map<int, Told> before = std::move(told);
-    told.clear();
-    for (const Finding& finding : findings) {
-      const int id = finding.device.id;
-      const auto known = before.find(id);
-      Told& entry = told[id];
-      if (known != before.end()) {
-        entry = std::move(known->second);
-        before.erase(known);
-      }
-      Compare(entry, finding, now, events);
-    }
-    for (const auto& [id, gone] : before)
-      if (gone.isTold) events.push_back({"went", gone.finding, "", {}});
-    return events;
-  }
-  bool IsPending() const {
-    return std::any_of(told.begin(), told.end(), [](const auto& entry) { return entry.second.isPending; });
-  }
-
- private:
-  struct Told {
-    bool isTold = false;
-    bool isPending = false;
-    Time since;
-    Finding finding;
-  };
-
-  static void Compare(Told& entry, const Finding& finding, Time now, std::vector<Event>& events) {
-    constexpr std::chrono::milliseconds settling(300);
-    const std::string change = entry.isTold ? DescribeChange(entry.finding, finding) : "";
-    if (entry.isTold && change.empty()) {
-      entry.isPending = false;
-      entry.finding = finding;
-      return;
-    }
-    if (!entry.isPending) entry.since = now;
-    entry.isPending = now < entry.since + settling;
-    if (entry.isPending) return;
-    events.push_back({entry.isTold ? "changed" : "came", finding, change, {}});
-    for (const std::string& problem : finding.problems) {
-      const std::vector<std::string>& old = entry.finding.problems;
-      if (std::find(old.begin(), old.end(), problem) == old.end()) events.back().newProblems.push_back(problem);
-    }
-    entry.isTold = true;
-    entry.finding = finding;
-  }
-
-  std::map<int, Told> told;
-};
 
 class Watcher {
  public:
@@ -128,17 +62,17 @@ class Watcher {
     if (!isDirty && !events.IsPending()) return;
     isDirty = false;
     const std::vector<Finding> findings = Judge(devices.All(), host);
-    const std::vector<Events::Event> news = events.Take(findings, now);
+    const std::vector<Event> news = events.Take(findings, now);
     if (isTable) {
       TellNewProblems(news);
       ShowTable(findings);
     } else {
-      for (const Events::Event& event : news) PrintEvent(event);
+      for (const Event& event : news) PrintEvent(event);
     }
     ShowStatus("watching, " + DevicesText(devices.Count()) + "; Ctrl-C ends it");
   }
 
-  void PrintEvent(const Events::Event& event) {
+  void PrintEvent(const Event& event) {
     if (options.json) return Print(Json(event.finding, event.name, DateTimeNow()) + "\n");
     const Device& device = event.finding.device;
     std::string line = TimeOfDayNow() + " " + event.name + " " + Calling(device) + " ";
@@ -154,8 +88,8 @@ class Watcher {
   }
 
   /// Above the table: what is said once would be lost in what is printed again and again.
-  void TellNewProblems(const std::vector<Events::Event>& news) {
-    for (const Events::Event& event : news) {
+  void TellNewProblems(const std::vector<Event>& news) {
+    for (const Event& event : news) {
       for (const std::string& problem : event.newProblems) {
         screen.Clear();
         Say(Calling(event.finding.device) + ": " + problem);

@@ -10,14 +10,15 @@ TEST(GateDescriptor, LetsNoneBeAStandardStreamNorBeInherited) {
   for (int stream = 0; stream < 3; ++stream) saved[stream] = fcntl(stream, F_DUPFD, 10);
   for (int stream = 0; stream < 3; ++stream) close(stream);
   const bool isOpen = OpenPipe(ends);
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO}) dup2(saved[stream], stream);
   const int opened = open("/dev/null", O_RDONLY), gated = GateDescriptor(opened), left = fcntl(opened, F_GETFD);
   const rlimit none = {3, limit.rlim_max};
   setrlimit(RLIMIT_NOFILE, &none);
-  const int refused = GateDescriptor(open("/dev/null", O_RDONLY)), cause = errno, kept = fcntl(0, F_GETFD);
+  const int refused = GateDescriptor(open("/dev/null", O_RDONLY)), cause = errno, kept = fcntl(opened, F_GETFD);
   setrlimit(RLIMIT_NOFILE, &limit);
-  for (int stream = 0; stream < 3; ++stream) dup2(saved[stream], stream);
+  dup2(saved[STDERR_FILENO], STDERR_FILENO);
   EXPECT_TRUE(isOpen);
-  EXPECT_EQ(0, opened);
+  EXPECT_EQ(STDERR_FILENO, opened);
   EXPECT_EQ(-1, left) << "closed";
   EXPECT_EQ(-1, refused);
   EXPECT_EQ(EINVAL, cause);
