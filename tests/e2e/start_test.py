@@ -102,12 +102,13 @@ class Start(DeviceTest):
                          [("/dev/null", mode) for mode in (os.O_RDONLY, os.O_RDWR, os.O_RDWR)])
 
     def test_standard_descriptors_closed_at_start(self):
-        for closed in ("<&-", ">&-", "2>&-", "<&- >&- 2>&-"):
+        for closed, numbers in (("<&-", "0"), (">&-", "1"), ("2>&-", "2"), ("<&- >&- 2>&-", "012")):
             with self.subTest(closed):
                 daemon = self.start_daemon(prefix=("sh", "-c", f'exec "$@" {closed}', "sh"),
                                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
                 self.wait_for_record()
-                self.assertEqual({daemon.descriptors()[n][0] for n in range(3)}, {"/dev/null"})
+                opened = {(path, flags & os.O_ACCMODE) for path, flags in map(daemon.descriptors().get, map(int, numbers))}
+                self.assertEqual(opened, {("/dev/null", os.O_RDWR)})
 
     def test_supervisor_that_stopped_reading(self):
         """The daemon never waits for it, nor do the commands that it runs; what it reads in the end are whole lines."""

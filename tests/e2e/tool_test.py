@@ -10,7 +10,7 @@ import subprocess
 import time
 import unittest
 
-from pc import DAEMON, IDENT, Fake, Run, Terminal, ddp_query, eventually, link_local, record, sent, testnet
+from pc import DAEMON, IDENT, TOOL, Fake, Run, Terminal, ddp_query, eventually, link_local, record, sent, testnet
 
 MACS = [f"00:1b:c4:0a:12:{number:02x}" for number in range(8)]
 HEADINGS = ["NAME", "SERIAL", "MAC", "ADDRESS", "DHCP", "SERVICE"]
@@ -287,6 +287,9 @@ class Hostile(unittest.TestCase):
                 status, _, err = run.end()
                 self.assertEqual(status, 1)
                 self.assertNotRegex(err, "(?i)pipe|output")
+        for closed, status in ((">&-", 1), ("<&-", 0), ("2>&-", 0)):   # never to be taken for what it opens
+            done = subprocess.run(["sh", "-c", f'exec "$0" --version {closed}', TOOL], capture_output=True, check=False)
+            self.assertEqual(done.returncode, status, closed)
 
     def test_interrupt(self):
         """Ctrl-C while it listens, while nobody reads, while it watches."""

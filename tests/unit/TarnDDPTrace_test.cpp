@@ -116,7 +116,8 @@ TEST(TracePipe, IsLookedAfterEvery5SecondsAndSoonAfterAChangeAndReadMeanwhile) {
   TarnDDPTrace_OpenPipe(pipe);
   if (pipe.watch < 0) GTEST_SKIP() << "no inotify instance is left";
   const int before = CountDescriptors();
-  const std::string none = "true", write = "", all = "pipe folder 5001", remove = std::string("rm ") + FIFO;
+  const std::string none = "true", write = "", all = "pipe folder 5001", remove = std::string("rm ") + FIFO,
+                    spoil = " ";
   const std::pair<std::string, std::string> rows[] = {{none, "new " + all},
                                                       {write, all},
                                                       {"touch /tmp/tsl_app/other", all},
@@ -130,11 +131,16 @@ TEST(TracePipe, IsLookedAfterEvery5SecondsAndSoonAfterAChangeAndReadMeanwhile) {
                                                       {none, "folder 2000"},
                                                       {remove, "folder 2000"},
                                                       {none, "new 101"},
-                                                      {write, all}};
+                                                      {write, all},
+                                                      {spoil, "new pipe folder 50012000"}};
   for (const auto& [change, expected] : rows) {
     Shell(change);
     if (change == write) {
       ASSERT_EQ(1, ::write(pipe.descriptor, "x", 1));
+    } else if (change == spoil) {  // what is ready, but cannot be read
+      const int unreadable = open("/dev/null", O_WRONLY);
+      dup2(unreadable, pipe.descriptor);
+      close(unreadable);
     }
     log.clear();
     TarnDDPTrace_Step(pipe);
