@@ -97,7 +97,7 @@ class Fake:
     command, what `reply` makes of the datagram, if anything: one answer or a list."""
 
     def __init__(self, host, records, reply=lambda datagram: None):
-        self.records, self._reply = records, reply
+        self.records, self._reply, self.heard = records, reply, []
         self._sockets = []
         with host.inside():
             for way, (family, group, port) in ddp_query.WAYS.items():
@@ -127,6 +127,7 @@ class Fake:
                 return
             for endpoint in ready:
                 datagram, sender = endpoint.recvfrom(65536)
+                self.heard.append(datagram)
                 answers = self.records if datagram.startswith(IDENT.rstrip()) else []
                 if b"!" in datagram.partition(b"\t")[0]:   # not what others tell the group
                     answers = reply if isinstance(reply := self._reply(datagram), list) else [reply]

@@ -136,6 +136,8 @@ class Change(unittest.TestCase):
             with self.subTest(words):
                 self.assertEqual(got, (status, out, "".join(f"tarnddp: {line}\n" for line in err.splitlines())))
 
+        self.assertIn(IDENT.replace(b"\r", f"\t{MACS[9]}\r".encode()), self.devices[9].heard, "asked again alone")
+
         # The command that takes it back does so.
         undo = re.search(r"tarnddp (set-ip .*)", ended[1][1])[1]
         self.assertEqual(Run(self.pc, *shlex.split(undo), *QUICK).end()[0], 0)
@@ -153,7 +155,7 @@ class Change(unittest.TestCase):
         self.ready()
         folder = pathlib.Path(self.net.folder)
         good = f"mac,serial,name,address,prefix,gateway,dns,dhcp\n{MACS[1]},,,192.168.1.41,24,,,off\n"
-        for name, more in (("good", ""), ("taken", f"{MACS[2]},,,192.168.1.23,24,,,\n")):
+        for name, more in (("good", f"{MACS[6]},,,,,,,on\n"), ("taken", f"{MACS[2]},,,192.168.1.23,24,,,\n")):
             (folder / name).write_text(good + more, encoding="utf-8")
         new, path = "192.168.1.41/24", ("set-ip", "Press 1", "192.168.1.41/24")
         twins = '"Twin" means 2 devices; nothing was sent:\n' + "\n".join(
@@ -198,7 +200,8 @@ class Change(unittest.TestCase):
                 self.assertEqual((got, err), (status, "".join(f"tarnddp: {line}\n" for line in told.splitlines())))
                 self.assertEqual(out, "" if words != ("apply", "good") else
                                  f"line 2: Press 1 ({MACS[1]}): 192.168.1.21/24, no gateway -> 192.168.1.41/24, no gateway\n"
-                                 "1 to be changed, 0 left alone\n")
+                                 f"line 3: Old ({MACS[6]}): 192.168.1.26/24, no gateway -> DHCP on\n"
+                                 "2 to be changed, 0 left alone\n")
         self.assertEqual(sent_all, [])
 
     def test_dhcp(self):
@@ -206,6 +209,9 @@ class Change(unittest.TestCase):
         self.device(2, "192.168.1.22/24")
         testnet.start_dnsmasq(self.net.host("server", "192.168.1.4/24"), self.net.folder, "192.168.1.150", "192.168.1.150")
         self.ready()
+        self.assertEqual([Run(self.pc, "dhcp", "Press 1", state, "--dry-run", *QUICK).end() for state in ("on", "off")], [
+            (0, f"Press 1 ({MACS[1]}): {told}\n", "") for told in (
+                "planned: DHCP on (nothing was sent)", "done: DHCP is off already; nothing was sent")])
         for words, number, before, after in (
                 (("Press 1", "on"), 1, settings("192.168.1.21"), settings("192.168.1.21", dhcp=True)),
                 (("1202", "on"), 2, settings("192.168.1.22", dhcp=None),
