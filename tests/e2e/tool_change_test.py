@@ -288,12 +288,13 @@ class Change(unittest.TestCase):
 
     def test_trace_pieces(self):
         """Lines that come in pieces, with other ends, and with a record among them; the last one has none."""
-        self.fake(1, lambda datagram: [b"ACK\n", b"a\r\nb", record(MACS[1]), b"c\nd", b"e\xff"] if b"\t1" in datagram else None)
+        pieces = [b"ACK\n", b"a\r\nb", record(MACS[1]), b"c\r", b"\nd", b"e\xff"]
+        self.fake(1, lambda datagram: pieces if b"\t1" in datagram else None)
         self.ready()
         trace = Run(self.pc, "trace", "Fake 1", *QUICK)
-        heard = trace.process.stdout.read(len("a\nbc\nde."))
+        heard = trace.process.stdout.read(len("a\nbc\\x0d\nde."))
         trace.interrupt()
-        self.assertEqual((heard, trace.end()), ("a\nbc\nde\u00ff", (130, "\n", "")))
+        self.assertEqual((heard, trace.end()), ("a\nbc\\x0d\nde\u00ff", (130, "\n", "")))
 
     def test_halt_and_send(self):
         first, second = self.device(1, "192.168.1.21/24", "Press 1"), self.device(2, "192.168.1.22/24", "Press 2")
