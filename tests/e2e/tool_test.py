@@ -307,6 +307,9 @@ class Hostile(unittest.TestCase):
         terminal.end()
 
     def test_nobody(self):
+        for words in ((), ("--watch",)):
+            done = subprocess.run(["unshare", "-n", TOOL, *words], capture_output=True, text=True, timeout=60, check=False)
+            self.assertEqual((done.returncode, done.stdout, done.stderr), (3, "", "tarnddp: no network interface is up\n"))
         port = f"p-{self.pc.name}"
         self.addCleanup(subprocess.run, ["ip", "link", "set", port, "up"], check=True)
         for state, link in (("up", ""), ("down", " (no link: is the cable plugged in?)")):
