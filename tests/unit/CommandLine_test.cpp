@@ -40,7 +40,8 @@ TEST(CommandLine, WordsReachTheirPlaces) {
   const auto set = std::get<SetIPOptions>(ReadCommandLine({"set-ip", "--interface", "a", "d", "x", "--gateway", ""}));
   EXPECT_EQ("d x", set.device + " " + set.address);
   EXPECT_EQ("", set.gateway);
-  EXPECT_FALSE(set.dns || set.force || set.dryRun || set.json);
+  EXPECT_FALSE(set.dns.has_value());
+  for (const bool isSet : {set.force, set.dryRun, set.json}) EXPECT_FALSE(isSet);
   const std::vector<std::string> bracketed = {"[1,2]", "[]", "[", "\x01", "\x01[x]"};
   const auto send =
       std::get<SendOptions>(ReadCommandLine({"send", "[d]", "[w]", "[1,2]", "[]", "[", "\x01", "\x01[x]"}));
