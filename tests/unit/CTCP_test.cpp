@@ -228,7 +228,7 @@ TEST(CTCP, WaitsLastAsLongAsTheyShouldAndTellHowTheyEnded) {
     };
     const int result = operation(tcp);
     on_select = nullptr;
-    EXPECT_EQ(expected, wait + ": " + std::to_string(result) + " " + std::strerror(errno));
+    EXPECT_EQ(expected, wait + ": " + std::to_string(result) + " " + ErrorText(errno));
   }
 }
 

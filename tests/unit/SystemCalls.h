@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <ctime>
 
+#include "base/ErrorText.h"
 #include "tests/unit/LoopbackPeer.h"
 
 // Functions of the C library, defined anew for the test program: each fails where WithEachCallFailing() wants it to, or
@@ -35,6 +36,7 @@ struct FailingCalls {
 };
 inline FailingCalls failingCalls;
 
+// NOLINTBEGIN(bugprone-macro-parentheses): types, lists of parameters and of arguments stand bare.
 // Without the noexcept that some have in their headers, which both compilers take from there.
 #define SYSTEM_CALL(result, name, mayFail, parameters, arguments)                                    \
   inline result real_##name parameters {                                                             \
@@ -88,6 +90,7 @@ SYSTEM_CALL(ssize_t, recv, true, (int a, void* b, size_t c, int d), (a, b, c, d)
 SYSTEM_CALL(ssize_t, sendto, true, (int a, const void* b, size_t c, int d, const sockaddr* e, socklen_t f),
             (a, b, c, d, e, f))
 SYSTEM_CALL(ssize_t, recvfrom, true, (int a, void* b, size_t c, int d, sockaddr* e, socklen_t* f), (a, b, c, d, e, f))
+// NOLINTEND(bugprone-macro-parentheses)
 
 /// What `action` returns, its calls being none of those that fail; errno stays as it is.
 template <typename Action>
@@ -113,7 +116,7 @@ inline std::string WithEachCallFailing(const std::function<std::string()>& actio
     const std::string printed = testing::internal::GetCapturedStderr();
     if (failingCalls.failed.empty()) return lines;
     lines += failingCalls.failed + ": " + result;
-    if (error != EXDEV) lines += std::string(", ") + std::strerror(error);
+    if (error != EXDEV) lines += std::string(", ") + ErrorText(error);
     if (const int lost = CountDescriptors() - before) lines += ", descriptors: " + std::to_string(lost);
     lines += "\n" + printed;
   }
