@@ -17,10 +17,11 @@ namespace {
 TEST(XmlRpcUtil, ScansTagsLikeTheModel) {
   using U = XmlRpcUtil;
   std::mt19937 random(1);
-  const std::string pieces[] = {"<a>", "</a>", "<a/>", "<a />", "<a", "x", " ", "\n\v", "<t x>", "/>", "</", ">"};
+  const std::string pieces[] = {"<a>",  "</a>",  "<a/>", "<a />", "<a", "\b",  " ",
+                                "\t\r", "<t x>", "/>",   "</",    ">",  "\x0e"};
   for (int i = 0; i < 50000 && !testing::Test::HasFailure(); ++i) {
     std::string xml;
-    for (auto n = random() % 7; n > 0; --n) xml += pieces[random() % 12];
+    for (auto n = random() % 7; n > 0; --n) xml += pieces[random() % 13];
     const char* const tag = i % 8 == 0 ? "" : i % 8 == 1 ? "<" : i % 8 == 2 ? "<A>" : "<a>";
     const int offset = i % 4 > 0 ? 0 : static_cast<int>(random() % (xml.size() + 4)) - 2;
     const auto same = [&](const auto& model, const auto& helper) {
