@@ -194,7 +194,7 @@ class Found(unittest.TestCase):
         self.assertEqual(status, 130)
         self.assertEqual(sorted((event["event"], event["mac"]) for event in events), expected)
         for event in events:
-            self.assertRegex(event["time"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d+)?(Z|[+-]\d\d:\d\d)$")
+            self.assertRegex(event["time"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d$")
         status, out, err = text.end()
         self.assertEqual(err, "")
         self.assertEqual(status, 130)
@@ -216,6 +216,7 @@ class Hostile(unittest.TestCase):
     def fake(self, records):
         fake = Fake(self.liar, records)
         self.addCleanup(fake.close)
+        return fake
 
     def scan(self, *words):
         status, out, err = Run(self.pc, "scan", "--time", "1.2", *words).end()
@@ -230,7 +231,7 @@ class Hostile(unittest.TestCase):
                 (b"\x1b[2J\x1b]0;x\x07", "\x1b[2J\x1b]0;x\x07", r"\x1b[2J\x1b]0;x\x07"),
                 (b'quo"te, comma', 'quo"te, comma', 'quo"te, comma'), ("\u65e5\u672c".encode(), "\u65e5\u672c", "\u65e5\u672c"))
         macs = [f"02:00:00:00:00:{number:02x}" for number in range(1, len(rows) + 1)]
-        self.fake([record(mac, name) for mac, (name, _, _) in zip(macs, rows)])
+        fake = self.fake([record(mac, name) for mac, (name, _, _) in zip(macs, rows)])
         told = {fact["mac"]: fact["name"] for fact in map(json.loads, self.scan("--json")[0].splitlines())}
         self.assertEqual(told, dict(zip(macs, (name for _, name, _ in rows))))
         table = {re.search(r"(02:00:\S+)", line)[1]: line for line in self.scan()[0].splitlines()[1:]}
@@ -240,6 +241,7 @@ class Hostile(unittest.TestCase):
                     self.assertEqual(re.split(r"\s{2,}", table[mac].strip())[0], shown)
         cells = {row["mac"]: row["name"] for row in csv.DictReader(io.StringIO(self.scan("--csv")[0], newline=""))}
         self.assertEqual(cells, {mac: shown or "" for mac, (_, _, shown) in zip(macs, rows)})
+        self.assertIn(fake.heard.count(IDENT), range(19, 28), "three scans, in each three times by three ways")
 
     def test_rubbish(self):
         """Datagrams that are no records, beside one whose device answers from elsewhere than it says."""
@@ -310,6 +312,10 @@ class Hostile(unittest.TestCase):
         for words in ((), ("--watch",)):
             done = subprocess.run(["unshare", "-n", TOOL, *words], capture_output=True, text=True, timeout=60, check=False)
             self.assertEqual((done.returncode, done.stdout, done.stderr), (3, "", "tarnddp: no network interface is up\n"))
+        watch = Run(self.pc, "--watch")
+        watch.process.stderr.readline()
+        watch.process.stdout.close()
+        self.assertEqual(watch.end()[0], 1, "without anything to print")
         port = f"p-{self.pc.name}"
         self.addCleanup(subprocess.run, ["ip", "link", "set", port, "up"], check=True)
         for state, link in (("up", ""), ("down", " (no link: is the cable plugged in?)")):
