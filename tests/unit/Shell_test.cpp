@@ -56,7 +56,7 @@ TEST(Shell, RunsNoLongerCommandThan1023BytesAndEachWithThePipeSignalAtItsDefault
   EXPECT_EQ("", output);
   void (*const handlers[])(int) = {SIG_IGN, SIG_DFL, [](int) {}};
   for (const auto handler : handlers) {
-    std::signal(SIGPIPE, handler);
+    EXPECT_NE(SIG_ERR, std::signal(SIGPIPE, handler));
     // The inner shell ends itself by the signal unless it inherited it as ignored.
     EXPECT_EQ("141 141 1", RunThrice("sh -c 'kill -PIPE $$'; s=$?; echo $s; exit $s", &output));
     EXPECT_EQ("141\n", output);

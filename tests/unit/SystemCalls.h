@@ -96,7 +96,7 @@ SYSTEM_CALL(ssize_t, recvfrom, true, (int a, void* b, size_t c, int d, sockaddr*
 template <typename Action>
 auto Undisturbed(const Action& action) {
   const int left = std::exchange(failingCalls.left, 0), error = errno;
-  const auto result = action();
+  auto result = action();
   failingCalls.left = left;
   errno = error;
   return result;
