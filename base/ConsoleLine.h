@@ -40,7 +40,8 @@ inline void ConsoleSettle() {
 }
 
 inline ConsoleKind ConsoleKindOf(int descriptor) {
-  if (descriptor < 0 || descriptor > STDERR_FILENO || ConsoleKinds[descriptor] == ConsoleKind::Unknown) {
+  const auto stream = static_cast<unsigned>(descriptor);
+  if (stream > STDERR_FILENO || ConsoleKinds[stream] == ConsoleKind::Unknown) {
     return isatty(descriptor) != 0 ? ConsoleKind::Terminal : ConsoleKind::Other;
   }
   return ConsoleKinds[descriptor];

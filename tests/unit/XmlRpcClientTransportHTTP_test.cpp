@@ -124,8 +124,8 @@ TEST(XmlRpcClientTransportHTTP, DropsLineEndsOnTheIdleConnectionAndSeesWhatElseT
               {"\r\nx", false, true},
               {"", true, true},
               {"\n", true, true},
-              {std::string(256 * 15, '\n'), false, false},
-              {std::string(256 * 16, '\n'), false, true}};
+              {std::string(256UL * 15, '\n'), false, false},
+              {std::string(256UL * 16, '\n'), false, true}};
   for (const auto& row : rows) {
     Connected transport(60000);
     if (!row.text.empty()) transport.pieces = {row.text};

@@ -92,7 +92,7 @@ TEST(Log, NeverBlocksAndKeepsItsLineBreak) {
   ASSERT_EQ(0, openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr));
   std::FILE* const console = std::exchange(stdout, fdopen(pipe[1], "w"));  // where failures are told, so none till then
   std::vector<char> buffer(10000);
-  std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
+  ASSERT_EQ(0, std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size()));
   std::vector<std::pair<std::string, std::string>> results;
   const auto log = [&](const std::string& text, const std::string& expected) {
     std::string all(100000, ' ');
@@ -121,7 +121,7 @@ TEST(Log, NeverBlocksAndKeepsItsLineBreak) {
   log("x", "kept x\n");
   std::thread([&] { results.emplace_back("0", std::to_string(ftrylockfile(stdout))); }).join();
   stdout = fdopen(terminal[1], "w");  // which poll() may call writable with too little room for what is pending
-  std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
+  ASSERT_EQ(0, std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size()));
   for (int i = 0; i < 100; ++i) {
     std::printf("%s", most.substr(0, 3000).c_str());
     log("told", "");

@@ -17,7 +17,7 @@ const std::string path = testing::TempDir() + "tarn-ini-" + std::to_string(getpi
 
 std::string Text() {
   std::ifstream file(path);
-  std::remove(path.c_str());
+  unlink(path.c_str());
   return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
