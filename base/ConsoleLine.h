@@ -40,11 +40,11 @@ inline void ConsoleSettle() {
 }
 
 inline ConsoleKind ConsoleKindOf(int descriptor) {
-  const auto stream = static_cast<unsigned>(descriptor);
+  const auto stream = static_cast<unsigned>(descriptor);  // a negative one is far above
   if (stream > STDERR_FILENO || ConsoleKinds[stream] == ConsoleKind::Unknown) {
     return isatty(descriptor) != 0 ? ConsoleKind::Terminal : ConsoleKind::Other;
   }
-  return ConsoleKinds[descriptor];
+  return ConsoleKinds[stream];
 }
 
 /// Whether `descriptor` takes at least a byte without waiting; no error beside it: the reader is there.

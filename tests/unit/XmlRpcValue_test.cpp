@@ -194,19 +194,13 @@ void Check(const std::string& xml) {
 /// In long tags, then in short ones.
 void CheckBoth(std::string xml) {
   Check(xml);
-  const std::pair<const char*, const char*> tags[] = {{"value>", "va>"},
-                                                      {"array>", "ar>"},
-                                                      {"data>", "da>"},
-                                                      {"struct>", "st>"},
-                                                      {"member>", "me>"},
-                                                      {"name>", "na>"},
-                                                      {"boolean>", "bo>"},
-                                                      {"double>", "do>"},
-                                                      {"string>", "str>"},
-                                                      {"base64>", "b64>"},
-                                                      {"dateTime.iso8601>", "dtime>"}};
-  for (const auto& [tag, other] : tags) {
-    for (std::size_t at = 0; (at = xml.find(tag, at)) != std::string::npos;) xml.replace(at, std::strlen(tag), other);
+  std::vector<PlainType> tags = {
+      {{"value", "va"}, {}}, {{"data", "da"}, {}}, {{"member", "me"}, {}}, {{"name", "na"}, {}}};
+  tags.insert(tags.end(), std::begin(PLAIN_TYPES) + 1, std::end(PLAIN_TYPES));
+  for (const auto& [tag, reserved] : tags) {
+    const std::string from = tag[0] + std::string(">"), to = tag[1] + std::string(">");
+    for (std::size_t at = 0; (at = xml.find(from, at)) != std::string::npos; at += to.size())
+      xml.replace(at, from.size(), to);
   }
   Check(xml);
 }
