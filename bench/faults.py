@@ -27,12 +27,14 @@ if not pathlib.Path(sys.argv[1]).with_name("Faults.so").exists():
     sys.exit("faults.py: Faults.so is not beside the daemon; build it, as scripts/bench does")
 NAMES = sys.argv[2:]
 del sys.argv[2:]
-for folder in ("lab", "tests/e2e"):
-    sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / folder))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "lab"))
 
+import ddp_query  # noqa: E402
 import device  # noqa: E402
 import raw_service  # noqa: E402
-from device import ACK, ENABLE, FAULTS, FIFO, IDENT, NACK, SERVICE_RECORD, ddp_query, eventually, request, testnet  # noqa: E402
+import testnet  # noqa: E402
+from device import ACK, ENABLE, FAULTS, FIFO, IDENT, NACK, SERVICE_RECORD, request  # noqa: E402
+from testnet import eventually  # noqa: E402
 
 HOLD = 13                # s that a fault is looked at
 CPU, LINES = 1.0, 1.0    # per cent, and lines a second, without a flood

@@ -23,12 +23,14 @@ options.add_argument("--svg", type=pathlib.Path)
 options.add_argument("--seconds", type=int, default=4 * 3600)
 options = options.parse_args()
 sys.argv[2:] = []   # what follows is for the harness
-for folder in ("lab", "tests/e2e"):
-    sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / folder))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "lab"))
 
+import ddp_query  # noqa: E402
 import device  # noqa: E402
 import raw_service  # noqa: E402
-from device import ACK, ENABLE, IDENT, MAC, NACK, SERVICE_RECORD, ddp_query, eventually, request, testnet  # noqa: E402
+import testnet  # noqa: E402
+from device import ACK, ENABLE, IDENT, MAC, NACK, SERVICE_RECORD, request  # noqa: E402
+from testnet import eventually  # noqa: E402
 
 WARM_UP, MARGIN = 1000, 64   # requests, KiB
 BATCH = 16                   # requests on the way at once

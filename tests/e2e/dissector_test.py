@@ -15,8 +15,8 @@ if not shutil.which("tshark"):
     print("skipped: tshark is not installed (scripts/dissector installs it)")
     sys.exit(77)
 
-import device  # noqa: E402
-from device import IDENT, MAC, request  # noqa: E402
+import case  # noqa: E402
+from device import IDENT, MAC, QUIET, request  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 ETHERNET, RAW_IP = 1, 101
@@ -50,7 +50,7 @@ def tshark(path, what, *fields):
     return [line.split("\t") if fields else line for line in done.stdout.decode().splitlines()]
 
 
-class OnTheWire(device.DeviceTest):
+class OnTheWire(case.DeviceTest):
     def test_session(self):
         self.attach()
         path = f"{self.net.folder}/session.pcap"
@@ -65,7 +65,7 @@ class OnTheWire(device.DeviceTest):
                 device.eventually(lambda: "Received SID:" in self.daemon.output())
         pathlib.Path("/tmp/tsl_app/FIFO_T_C2H_AET").write_bytes(b"one\ntwo \xfc\n")
         self.callers["ipv6"].receive(3)
-        wire.settimeout(device.QUIET)
+        wire.settimeout(QUIET)
         try:
             while True:
                 capture.add(wire.recv(65536))

@@ -7,8 +7,9 @@ import shutil
 import sys
 import unittest
 
-import device
-from device import ACK, IDENT, MAC, eventually, request
+import case
+from case import eventually
+from device import ACK, ENABLE, IDENT, MAC, request
 
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 
@@ -18,7 +19,7 @@ def blocks(page, language=""):
     return re.findall(rf"^```{language}\n(.*?)^```$", (DOCS / page).read_text(encoding="utf-8"), re.M | re.S)
 
 
-class ServiceInPython(device.DeviceTest):
+class ServiceInPython(case.DeviceTest):
     with_service = False
 
     def test_record_settings_and_forwarded_words(self):
@@ -40,7 +41,7 @@ class ServiceInPython(device.DeviceTest):
 
 
 @unittest.skipUnless(shutil.which("nft"), "nft is not installed (package nftables)")
-class Firewalls(device.DeviceTest):
+class Firewalls(case.DeviceTest):
     with_service = False
 
     def test_what_each_ruleset_lets_through(self):
@@ -55,7 +56,7 @@ class Firewalls(device.DeviceTest):
             self.device.run("nft", "-f", str(rules))
             caller = self.callers["broadcast"]
             for _ in range(40):
-                caller.send(device.ENABLE)
+                caller.send(ENABLE)
             passed = 0
             while caller.receive(1)[0] is not None:
                 passed += 1

@@ -6,7 +6,8 @@ import pathlib
 import signal
 import unittest
 
-from device import ACK, DEVICE, FIFO, IDENT, MAC, NACK, PC, QUIET, SERVICE_RECORD, DeviceTest, request, testnet
+from case import DeviceTest, testnet
+from device import ACK, DEVICE, FIFO, IDENT, MAC, NACK, PC, QUIET, SERVICE_RECORD, request
 
 RESOLVER_FILE = pathlib.Path("/etc/resolf.conf")
 LEASE = request("SETDHCPMODE!", "1")

@@ -6,7 +6,8 @@ import socket
 import time
 import unittest
 
-from device import ACK, DAEMON, ENABLE, NACK, DeviceTest, eventually, request
+from case import DeviceTest, eventually
+from device import ACK, DAEMON, ENABLE, NACK, request
 
 UP = "STATUS=device service up; open UDP ports: 5564 5563 5562; lines dropped: 0"
 AWAY = UP.replace("up;", "away;")

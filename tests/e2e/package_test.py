@@ -10,9 +10,10 @@ import sys
 import tempfile
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
-sys.argv.insert(1, "/usr/sbin/tarnddpd")   # for device.py: the daemon is the installed one
+sys.argv.insert(1, "/usr/sbin/tarnddpd")   # for lab/device.py: the daemon is the installed one
 
-from device import IDENT, DeviceTest  # noqa: E402
+from case import DeviceTest  # noqa: E402
+from device import IDENT  # noqa: E402
 import unittest  # noqa: E402
 
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"

@@ -5,8 +5,8 @@ import pathlib
 import signal
 import unittest
 
-from device import (ACK, ENABLE, IDENT, MAC, NACK, QUIET, SERVICE_RECORD, DeviceTest, ddp_query, eventually, record,
-                    request)
+from case import DeviceTest, ddp_query, eventually
+from device import ACK, ENABLE, IDENT, MAC, NACK, QUIET, SERVICE_RECORD, record, request
 
 OTHER_MAC = "00:1b:c4:0a:ff:06"
 EMPTY_RECORD = record("", "", "XT0000", *6 * [""])

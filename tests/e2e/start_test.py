@@ -8,8 +8,8 @@ import subprocess
 import time
 import unittest
 
-from device import (ACK, DAEMON, DEVICE, ENABLE, FAULTS, FIFO, IDENT, PC, QUIET, SERVICE_RECORD, DeviceTest, ddp_query,
-                    eventually, request)
+from case import DeviceTest, ddp_query, eventually
+from device import ACK, DAEMON, DEVICE, ENABLE, FAULTS, FIFO, IDENT, PC, QUIET, SERVICE_RECORD, request
 
 ATTACHED, FAILED = "Successfully attached to device API\n", "Failed to attach to device API - APPTERM\n"
 

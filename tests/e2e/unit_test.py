@@ -16,8 +16,9 @@ if not shutil.which("systemd-analyze"):
     print("skipped: systemd-analyze is not installed (package systemd)")
     sys.exit(77)
 
-import device  # noqa: E402
-from device import ACK, DAEMON, ENABLE, FIFO, IDENT, NACK, PC, QUIET, eventually, request, testnet  # noqa: E402
+import case  # noqa: E402
+from case import eventually, testnet  # noqa: E402
+from device import ACK, DAEMON, DEVICE, ENABLE, FIFO, IDENT, NACK, PC, QUIET, request  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = (ROOT / "docs" / "deployment.md").read_text(encoding="utf-8")
@@ -25,7 +26,7 @@ RESOLVER_FILE = pathlib.Path("/etc/resolf.conf")
 HALTS = "/run/halts"   # where our `halt` asks for it, as systemctl asks systemd: a socket outside of the unit
 
 
-class UnderUnit(device.Daemon):
+class UnderUnit(case.Daemon):
     """The daemon as its unit starts it, with drop-ins."""
 
     def __init__(self, net, host, *dropins):
@@ -41,10 +42,10 @@ class UnderUnit(device.Daemon):
             raise RuntimeError(f"the daemon did not start: {self.output()}")
 
 
-device.Daemon = UnderUnit   # for DeviceTest
+case.Daemon = UnderUnit   # for DeviceTest
 
 
-class Unit(device.DeviceTest):
+class Unit(case.DeviceTest):
     with_service = False
 
     @classmethod
@@ -107,7 +108,7 @@ class Unit(device.DeviceTest):
     def test_as_the_documented_user(self):
         subprocess.run(re.search(r"^sudo (useradd .*)$", PAGE, re.M)[1].split(), check=True)
         dropin, = re.findall(r"^# systemctl edit tarnddpd\n(.*?)^```", PAGE, re.M | re.S)
-        self.device.set_address(f"{device.DEVICE}/24")
+        self.device.set_address(f"{DEVICE}/24")
         RESOLVER_FILE.unlink()
         shutil.rmtree("/tmp/tsl_app")
         self.start_daemon(dropin)

@@ -1,4 +1,4 @@
-"""What the end-to-end tests share: the daemon on a device host, a PC host beside it, real UDP between them."""
+"""What the end-to-end tests and the benchmarks of the daemon share: the daemon, watched from outside, and its records."""
 
 import contextlib
 import ctypes
@@ -7,15 +7,10 @@ import pathlib
 import shutil
 import socket
 import sys
-import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
+from testnet import eventually
 
-import ddp_query  # noqa: E402
-import testnet  # noqa: E402
-from testnet import eventually  # noqa: E402,F401
-
-DAEMON = os.path.abspath(sys.argv.pop(1)) if len(sys.argv) > 1 else sys.exit("usage: *_test.py TARNDDPD [UNITTEST...]")
+DAEMON = os.path.abspath(sys.argv.pop(1)) if len(sys.argv) > 1 else sys.exit("usage: PROGRAM TARNDDPD [...]")
 DEVICE, PC = "192.168.1.2", "192.168.1.3"
 MAC = "00:1b:c4:0a:ff:05"   # as the service tells it
 FAULTS = os.path.join(os.path.dirname(DAEMON), "Faults.so")   # to preload
@@ -117,44 +112,3 @@ class Daemon:
 
     def stop(self):
         self.host.stop(self.process)
-
-
-class DeviceTest(unittest.TestCase):
-    """A device and a PC on one network, for all tests of the class."""
-
-    with_service = True
-
-    @classmethod
-    def setUpClass(cls):
-        cls.net = testnet.Network()
-        cls.addClassCleanup(cls.net.close)
-        cls.device = cls.net.host("device", f"{DEVICE}/24")
-        cls.pc = cls.net.host("pc", f"{PC}/24")
-        with cls.pc.inside():
-            cls.callers = {way: ddp_query.Caller(way, testnet.INTERFACE) for way in ddp_query.WAYS}
-        for caller in cls.callers.values():
-            cls.addClassCleanup(caller.close)
-        cls.service = testnet.Service(cls.device) if cls.with_service else None
-        cls.daemon = Daemon(cls.net, cls.device)
-
-    def ask(self, datagram, way="ipv6", seconds=3.0):
-        return self.callers[way].ask(datagram, seconds)
-
-    def start_daemon(self, *options, **how):
-        """Replaces the daemon of the class."""
-        self.daemon.stop()
-        type(self).daemon = Daemon(self.net, self.device, *options, **how)
-        return self.daemon
-
-    def attach(self, behaviour=None, seconds=7, **facts):
-        """The service as at its start, the daemon attached to it, then the service with `behaviour` and `facts`."""
-        self.service.start()
-        self.assertTrue(eventually(lambda: self.service.Reset() and self.ask(IDENT, "broadcast") == SERVICE_RECORD,
-                                   seconds), "did not re-attach")
-        self.service.Calls()
-        self.service.Behave(behaviour or {})
-        self.service.Set(facts)
-
-    def fallback_record(self, ip=DEVICE, mask="255.255.255.0", gateway="0.0.0.0"):
-        mac = self.device.interface()["address"]
-        return record("Tessel ???", "APPTERM", "XT175???", "000000", ip, mask, gateway, mac, "???")
