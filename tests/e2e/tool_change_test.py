@@ -22,6 +22,7 @@ class Change(unittest.TestCase):
         self.net = testnet.Network()
         self.addCleanup(self.net.close)
         self.pc = self.net.host("pc", "192.168.1.3/24")
+        self.pc.run("sh", "-c", "ip link add other up type veth peer name end && ip link set end up")   # where no device is
         self.wire = testnet.Wire(self.pc)
         self.addCleanup(self.wire.close)
         self.devices = {}
@@ -162,7 +163,8 @@ class Change(unittest.TestCase):
         twins = '"Twin" means 2 devices; nothing was sent:\n' + "\n".join(
             f"  Twin ({MACS[number]}), serial number 10000{number}, at {link_local(MACS[number])}%eth0, 192.168.1.23"
             for number in (3, 4))
-        unknown = "is none of the 5 devices heard (tarnddp scan shows them); nothing was sent"
+        unknown = ("is none of the 5 devices heard (tarnddp scan shows them); nothing was sent\n"
+                   "end is used in part: it has no IPv4 address\nother is used in part: it has no IPv4 address")
         nobody, forced = "nobody here can be asked; ", "; nothing was sent (--force does it all the same)"
         rows = (
             (("set-ip", "Press 1", "192.168.1.41"), 2,
@@ -239,14 +241,14 @@ class Change(unittest.TestCase):
         answers = {b"n\n": 1, b"\x04": 1, b"\x03": 130}
         terminals = [Terminal(self.pc, "apply", str(plan), *QUICK, columns=120) for _ in answers]
         for terminal, (answer, wanted) in zip(terminals, answers.items()):
-            terminal.wait_for("[y/N]")
+            terminal.wait_for("Change 2 devices? [y/N]")
             terminal.type(answer)
             status, lines = terminal.end()
             self.assertEqual(status, wanted, lines)
             self.assertTrue(any(MACS[9] in line or "Ghost" in line for line in lines), lines)
         self.assertEqual(self.sent(), [])
         terminal = Terminal(self.pc, "apply", str(plan), *QUICK, columns=120)
-        terminal.wait_for("[y/N]")
+        terminal.wait_for("Change 2 devices? [y/N]")
         terminal.type(b"y\n")
         status, lines = terminal.end()
         self.assertEqual(status, 1, lines)   # the one that is not there
@@ -311,7 +313,7 @@ class Change(unittest.TestCase):
         self.assertEqual([call["Msg"] for call, in calls], ["CALIBRATE\t3\ta b\n"])   # as XML reads it
         for answer, wanted, halted in ((b"no\n", 1, False), (b"yes\n", 0, True)):
             terminal = Terminal(self.pc, "halt", "Press 1", *QUICK)
-            terminal.wait_for("[y/N]")
+            terminal.wait_for("Only its power switch starts it again. [y/N]")
             terminal.type(answer)
             status, lines = terminal.end()
             self.assertEqual((status, first.halted.exists()), (wanted, halted), lines)
@@ -322,6 +324,25 @@ class Change(unittest.TestCase):
                 status, f"{name} ({MACS[number]}): {told}\n", ""))
         self.assertEqual((second.halted.exists(), third.halted.exists()), (True, False))
         self.assertEqual(self.sent(), [(f"device {number}", 5564, "DEVICEREBOOT!") for number in (1, 2, 4, 5, 6)])
+
+    def test_firewall(self):
+        """What this PC's own firewall keeps in is told with the reason: commands alone, then requests as well."""
+        self.fake(1, lambda datagram: None)
+        self.ready()
+        plan = pathlib.Path(self.net.folder, "plan.csv")
+        plan.write_text(f"mac,dhcp\n{MACS[1]},on\n", encoding="utf-8")
+        rows = (("dhcp", "Fake 1", "on"), ("trace", "Fake 1"), ("halt", "Fake 1", "--yes"), ("send", "Fake 1", "WORD"))
+        self.pc.run("nft", "add table inet f; add chain inet f o { type filter hook output priority 0; }; "
+                    f"add rule inet f o udp dport 5562-5564 udp length != {8 + len(IDENT)} drop")
+        called, why = f"Fake 1 ({MACS[1]})", f": {link_local(MACS[1])}%eth0: Operation not permitted\n"
+        self.assertEqual(self.run_all(rows), [(3, "", f"tarnddp: nothing could be sent to {called}{why}")] * len(rows))
+        self.assertEqual(Run(self.pc, "apply", str(plan), "--yes", *QUICK).end(), (
+            1, f"line 2: {called}: 192.168.1.91/24, no gateway -> DHCP on\n1 to be changed, 0 left alone\n"
+            f"{called}: unchanged: nothing could be sent{why}", ""))
+        self.pc.run("nft", "add rule inet f o udp dport 5562-5564 drop")
+        self.assertEqual(self.run_all((*rows, ("scan",)))[1:] + self.run_all((("--watch",),), options=()),
+                         [(3, "", "tarnddp: nothing could be sent: ff12::12%other: Operation not permitted\n")] * 5)
+        self.assertEqual(self.sent(), [])
 
     def test_interrupt(self):
         """Ctrl-C while the answer to a change is awaited, and in the middle of a plan."""
