@@ -35,14 +35,10 @@ std::string Command_SetIPAddress(const std::string& a, const std::string& b, con
   done = a + '|' + b + '|' + c + '|' + d;
   return isAck ? "ACK\n" : "NACK\n";
 }
-int ul_RunCommand(const std::string& command) {
-  done += command;
-  return 0;
-}
+int ul_RunCommand(const std::string& command) { return done += command, 0; }
 bool CallDeviceService(const char* method, const TarnXmlRpc::XmlRpcValue& params, TarnXmlRpc::XmlRpcValue&,
                        AfterTimeout) {
-  done = method + RPCItem::GetText(params, "Msg");
-  return isAck;
+  return done = method + RPCItem::GetText(params, "Msg"), isAck;
 }
 AbsTime_US ul_GetAbsTime_US(bool) { return now; }
 void ul_MathAbsTime_NowAddParam_US(std::uint64_t us, AbsTime_US* time) { *time = now + us; }
@@ -58,21 +54,25 @@ Mode ModeOf(const std::string& text) {
   return text.substr(digit) == "1" && text[0] != '-' ? On : Neither;
 }
 
-/// The answer by the rules, "ends" where the process does, and what is done for it; `fields` are without the filter.
-std::string Answer(const std::string& datagram, std::vector<std::string> fields, bool isDirect, AbsTime_US& silentUntil,
-                   std::string& acts) {
-  for (char& c : fields[0]) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  const std::string word = fields[0], given = isAck ? "ACK\n" : "NACK\n";
+/// The answer by the rules, "ends" where the process does, and what is done for it.
+std::string Answer(const std::string& datagram, bool isDirect, AbsTime_US& silentUntil, std::string& acts) {
+  std::vector<std::string> fields = TarnDDPCommand_SplitFields(datagram);
+  if (datagram.find_first_of("\r\n") == std::string::npos) return "";
+  if (TarnDDPCommand_IsMacAddress(fields[1])) {
+    if (fields[1] != MAC) return "";
+    fields.erase(fields.begin() + 1);
+  }
+  std::string word = fields[0];
+  for (char& c : word) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   const std::size_t count = fields.size();
   fields.resize(count + 4);
-  if (count == 5) fields[4] = "";
-  const std::string& first = fields[1];
+  const std::string first = fields[1], server = count > 5 ? fields[4] : "", given = isAck ? "ACK\n" : "NACK\n";
   if (word == "DEVICEIDENT?" || word == "DEVICEIDENTEXT?") return now > silentUntil ? "record" : "";
   if (word == "DEVICEENABLEIDENT!") return silentUntil = 0, "ACK\n";
   if (word == "DEVICEDISABLEIDENT!") return silentUntil = now + 10000000, "ACK\n";
   if (word == "DEVICEREBOOT!") return acts = "{halt}", "ACK\n";
   if (word == "SETIPADDRESS!" && count < 5) return "NACK\n";
-  if (word == "SETIPADDRESS!") return acts = first + '|' + fields[2] + '|' + fields[3] + '|' + fields[4], given;
+  if (word == "SETIPADDRESS!") return acts = first + '|' + fields[2] + '|' + fields[3] + '|' + server, given;
   if (word == "SETDHCPMODE!") return count < 2 ? "" : ModeOf(first) == Off ? "no lease" : "lease";
   if (word == "EXECUTECOMMAND!" && isDirect && isServed && count > 1) acts = '{' + first + '}';
   if (word == "EXECUTECOMMAND!") return isDirect ? "NACK\n" : "";
@@ -82,17 +82,6 @@ std::string Answer(const std::string& datagram, std::vector<std::string> fields,
   }
   if (word != "SYSTRACE!" && isDirect && isServed) acts = "RPCSys.SendSysCmd" + datagram;
   return "";
-}
-
-/// The same for a whole datagram, which may be for another device.
-std::string Answer(const std::string& datagram, bool isDirect, AbsTime_US& silentUntil, std::string& acts) {
-  if (datagram.find_first_of("\r\n") == std::string::npos) return "";
-  std::vector<std::string> fields = TarnDDPCommand_SplitFields(datagram);
-  if (TarnDDPCommand_IsMacAddress(fields[1])) {
-    if (fields[1] != MAC) return "";
-    fields.erase(fields.begin() + 1);
-  }
-  return Answer(datagram, fields, isDirect, silentUntil, acts);
 }
 
 std::string Datagram(Input& input) {

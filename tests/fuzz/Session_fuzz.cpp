@@ -34,6 +34,7 @@ std::uint64_t now = 1000000000;  // microseconds; each script begins later than 
 int untilFailure = 0;            // calls until one fails; 0 for none
 std::string datagram, request, answer;
 int arrivedAt = 0, replies = 0, offers = 0, calls = 0;
+fd_set readable;  // as the last select() told
 
 bool IsOurs(int descriptor) { return sockets.count(descriptor) != 0; }
 int Fail(int cause) { return errno = cause, -1; }
@@ -137,6 +138,16 @@ void CheckReply(int through, const std::string& reply, const sockaddr* address) 
   Require(isToSender != (sockets[through].port == 5563), "destination", datagram);
 }
 
+/// Of a datagram it tells the endpoint and the sender.
+void CheckLine(const std::string& line) {
+  if (line.substr(0, 9) != "Received ") return;
+  const int port = sockets.at(arrivedAt).port;
+  const std::string end = port == 5564   ? ":707:707:707 with IPV6 Multicast\n"
+                          : port == 5563 ? " from 7.7.7.7 with IPV4 Multicast\n"
+                                         : " from 7.7.7.7 with UDP Broadcast\n";
+  Require(line.substr(line.size() - std::min(line.size(), end.size())) == end, "line", line);
+}
+
 }  // namespace
 
 extern "C" {
@@ -169,6 +180,7 @@ ssize_t read(int descriptor, void* to, size_t size) {
 }
 ssize_t write(int descriptor, const void* text, size_t size) {
   Require(!isInside || descriptor == 1 || IsOurs(descriptor) || descriptor == 2, "write", std::to_string(descriptor));
+  if (isInside && descriptor == 1) CheckLine({static_cast<const char*>(text), size});
   return isInside ? Result(static_cast<ssize_t>(size)) : syscall(SYS_write, descriptor, text, size);
 }
 int poll(pollfd* inputs, nfds_t, int) {
@@ -176,13 +188,14 @@ int poll(pollfd* inputs, nfds_t, int) {
   input->revents = input->events;
   return (input->events & POLLOUT) != 0 || Comes(1000000) ? 1 : 0;
 }
-int select(int size, fd_set* readable, fd_set*, fd_set*, timeval* timeout) {
-  for (int at = 0; at < size; ++at) Require(!FD_ISSET(at, readable) || IsOurs(at), "select", std::to_string(at));
+int select(int size, fd_set* asked, fd_set*, fd_set*, timeval* timeout) {
+  for (int at = 0; at < size; ++at) Require(!FD_ISSET(at, asked) || IsOurs(at), "select", std::to_string(at));
   if (Result() != 0) return -1;
   if (!Comes(static_cast<std::uint64_t>(timeout->tv_sec * 1000000 + timeout->tv_usec))) return 0;
   for (int at = size - 1, others = static_cast<int>(script.Below(3)); at > 0; --at) {
-    if (FD_ISSET(at, readable) && others-- > 0 && size == FD_SETSIZE) FD_CLR(at, readable);
+    if (FD_ISSET(at, asked) && others-- > 0 && size == FD_SETSIZE) FD_CLR(at, asked);
   }
+  readable = *asked;
   return 1;
 }
 ssize_t recvfrom(int descriptor, void* to, size_t size, int, sockaddr* sender, socklen_t* length) {
@@ -190,6 +203,8 @@ ssize_t recvfrom(int descriptor, void* to, size_t size, int, sockaddr* sender, s
   std::memset(sender, isDump ? 0 : 7, *length = std::min<socklen_t>(*length, 28));
   if (isDump) return Give(script.Take(script.Below(100)), to, size);
   arrivedAt = descriptor;
+  for (const auto& [other, at] : sockets)
+    Require(!FD_ISSET(other, &readable) || at.port <= sockets[descriptor].port, "order", datagram);
   return Give(datagram = Datagram(), to, size);
 }
 ssize_t recv(int descriptor, void* to, size_t size, int flags) {
