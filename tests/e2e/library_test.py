@@ -8,84 +8,69 @@ import sys
 import tempfile
 import threading
 import unittest
-import unittest.mock as mock
 import xmlrpc.server
 
 BUILD, SOURCE = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
+CACHE = (BUILD / "CMakeCache.txt").read_text()
+COMPILER = re.search(r"^CMAKE_CXX_COMPILER:\w+=(.*)$", CACHE, re.M).group(1)
+FLAGS = ["-fsanitize=address,undefined"] if re.search(r"^TARN_SANITIZE:BOOL=ON$", CACHE, re.M) else []
+DESCRIPTION = {"name": "channel 7", "ok": True}
 
 
-def run(*command):
+def run(*command, status=0):
     done = subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=300)
-    if done.returncode:
+    if done.returncode != status:
         raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
-    return done.stdout
+    return done.stdout + done.stderr
 
 
 class InstalledLibrary(unittest.TestCase):
+    answer = DESCRIPTION   # or a fault
+
+    @classmethod
+    def describe(cls, _params):
+        if isinstance(cls.answer, Exception):
+            raise cls.answer
+        return cls.answer
+
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory()
-        cls.work = pathlib.Path(cls.folder.name)
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        cls.work = pathlib.Path(folder.name)
         cls.prefix = cls.work / "installed"
         run("cmake", "--install", BUILD, "--component", "library", "--prefix", cls.prefix)
-        cache = (BUILD / "CMakeCache.txt").read_text()
-        cls.compiler = re.search(r"^CMAKE_CXX_COMPILER:\w+=(.*)$", cache, re.M).group(1)
-        cls.sanitized = re.search(r"^TARN_SANITIZE:BOOL=ON$", cache, re.M) is not None
-        cls.flags = ["-fsanitize=address,undefined"] if cls.sanitized else []
-
-        cls.describe = staticmethod(lambda channel: {"name": f"channel {channel}", "ok": True})
-        cls.server = xmlrpc.server.SimpleXMLRPCServer(("127.0.0.1", 0), logRequests=False)
-        cls.server.register_function(lambda params: cls.describe(params["channel"]), "describe")
-        threading.Thread(target=cls.server.serve_forever, daemon=True).start()
-        cls.address = "127.0.0.1", str(cls.server.server_address[1])
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.server.shutdown()
-        cls.server.server_close()
-        cls.folder.cleanup()
+        server = xmlrpc.server.SimpleXMLRPCServer(("127.0.0.1", 0), logRequests=False)
+        server.register_function(cls.describe)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        cls.addClassCleanup(server.server_close)
+        cls.addClassCleanup(server.shutdown)
+        cls.address = "127.0.0.1", str(server.server_address[1])
 
     def build(self, source):
         """Configures and builds the project in the folder source against the installed copy."""
         out = self.work / ("build-" + source.name)
-        run("cmake", "-S", source, "-B", out, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={self.compiler}",
-            "-DCMAKE_CXX_FLAGS=" + " ".join(self.flags))
+        run("cmake", "-S", source, "-B", out, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={COMPILER}",
+            "-DCMAKE_CXX_FLAGS=" + " ".join(FLAGS))
         run("cmake", "--build", out)
-        return out
+        return out / source.name
 
-    def compile(self, source, pkgconfig, *options):
-        """Compiles one file with what pkg-config says, where only the folder pkgconfig is searched."""
-        flags = subprocess.run(["pkg-config", "--cflags", "--libs", "tarnxmlrpc"], capture_output=True, text=True,
-                               check=True, env={"PATH": "/usr/bin:/bin", "PKG_CONFIG_LIBDIR": str(pkgconfig)}).stdout
-        self.assertNotIn("simpleini", flags)
-        program = pkgconfig / "program"
-        run(self.compiler, "-std=c++17", *self.flags, *options, source, *flags.split(), "-o", program)
-        return program
-
-    def assert_calls(self, program):
-        self.assertEqual(run(program, *self.address), "name = channel 7\nok = 1\n")
+    def assert_answers(self, program, *expected):
+        """What the program says, and with which status, of each answer."""
+        self.addCleanup(setattr, type(self), "answer", DESCRIPTION)
+        for type(self).answer, status, said in expected:
+            self.assertEqual(run(*program, status=status), said)
 
     def test_a_program_calls_a_method_of_another_implementation(self):
-        program = self.build(next(self.prefix.rglob("examples")) / "call") / "call"
-        self.assert_calls(program)
-
-        def fault(code, text):
-            def describe(channel):
-                raise xmlrpc.client.Fault(code, text)
-            return describe
-        for code, text, message in ((4, "no", "status 4 no"), (0, "no", "status 0 no"),
-                                    ("4", "no", "an odd fault: type error"), (4, 5, "an odd fault: type error")):
-            with self.subTest(message), mock.patch.object(InstalledLibrary, "describe", fault(code, text)):
-                done = subprocess.run([program, *self.address], capture_output=True, text=True)
-                self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", f"call: {message}\n"))
+        program = self.build(next(self.prefix.rglob("examples")) / "call")
+        self.assert_answers((program, *self.address), (DESCRIPTION, 0, "name = channel 7\nok = 1\n"),
+                            (xmlrpc.client.Fault(4, "no"), 1, "call: status 4 no\n"),
+                            (xmlrpc.client.Fault("4", "no"), 1, "call: an odd fault: type error\n"))
 
     def test_a_transport_of_ones_own_can_bound_the_answer(self):
-        program = self.build(next(self.prefix.rglob("examples")) / "bounded") / "bounded"
+        program = self.build(next(self.prefix.rglob("examples")) / "bounded")
         self.assertIn("channel 7", run(program, *self.address, 1000))
-        for answer in "x" * 2000, "x" * 1000000:
-            with self.subTest(len(answer)), mock.patch.object(InstalledLibrary, "describe", lambda channel: answer):
-                done = subprocess.run([program, *self.address, "1000"], capture_output=True, text=True)
-                self.assertEqual((done.returncode, done.stdout), (1, "too long\n"))
+        self.assert_answers((program, *self.address, 1000), *((size * "x", 1, "too long\n") for size in (2000, 1000000)))
 
     def test_the_code_in_the_manual_is_true(self):
         pieces = re.findall(r"^```cpp\n(.*?)^```$", (SOURCE / "docs" / "library.md").read_text(), re.M | re.S)
@@ -100,24 +85,26 @@ class InstalledLibrary(unittest.TestCase):
             f"using namespace TarnXmlRpc;\n{bodies}int main() {{\n{calls}}}\n")
         (source / "CMakeLists.txt").write_text(
             (SOURCE / "examples" / "call" / "CMakeLists.txt").read_text().replace("call", "manual"))
-        run(self.build(source) / "manual")
+        run(self.build(source))
 
     def test_pkg_config_finds_the_library_wherever_it_was_installed(self):
+        """For a program, and for a plug-in."""
         run("cmake", "--install", BUILD, "--component", "library", "--prefix", self.work / "first")
         moved = (self.work / "first").rename(self.work / "moved")
-        self.assert_calls(self.compile(SOURCE / "examples/call/main.cpp", next(moved.rglob("pkgconfig"))))
-        for name, libdir, includedir in ("a", "lib/arm/deep", self.work / "headers"), ("b", self.work / "libs", "inc"):
-            out = self.work / f"configured-{name}"
-            run("cmake", "-S", SOURCE, "-B", out, f"-DCMAKE_INSTALL_LIBDIR={libdir}", "-DBUILD_TESTING=OFF",
-                f"-DCMAKE_INSTALL_INCLUDEDIR={includedir}", f"-DCMAKE_CXX_COMPILER={self.compiler}")
-            for library in [*BUILD.glob("net/*.a"), *BUILD.glob("xmlrpc/**/*.a")]:  # built before, from the same sources
-                shutil.copy(library, out / library.relative_to(BUILD))
-            run("cmake", "--install", out, "--component", "library", "--prefix", self.work / f"prefix-{name}")
-            pkgconfig = self.work / f"prefix-{name}" / libdir / "pkgconfig"
-            self.assert_calls(self.compile(SOURCE / "examples/call/main.cpp", pkgconfig))
-
-    def test_a_plug_in_can_be_made_of_the_static_library(self):
-        self.compile(SOURCE / "examples/call/main.cpp", next(self.prefix.rglob("pkgconfig")), "-fPIC", "-shared")
+        out, libdir = self.work / "configured", "lib/arm/deep"
+        run("cmake", "-S", SOURCE, "-B", out, f"-DCMAKE_INSTALL_LIBDIR={libdir}", "-DBUILD_TESTING=OFF",
+            f"-DCMAKE_INSTALL_INCLUDEDIR={self.work}/headers", f"-DCMAKE_CXX_COMPILER={COMPILER}")
+        for library in [*BUILD.glob("net/*.a"), *BUILD.glob("xmlrpc/**/*.a")]:  # built before, from the same sources
+            shutil.copy(library, out / library.relative_to(BUILD))
+        run("cmake", "--install", out, "--component", "library", "--prefix", self.work / "prefix")
+        for pkgconfig in next(moved.rglob("pkgconfig")), self.work / "prefix" / libdir / "pkgconfig":
+            flags = subprocess.run(["pkg-config", "--cflags", "--libs", "tarnxmlrpc"], capture_output=True, text=True,
+                                   check=True, env={"PATH": "/usr/bin:/bin", "PKG_CONFIG_LIBDIR": str(pkgconfig)}).stdout
+            self.assertNotIn("simpleini", flags)
+            for options in ["-fPIC", "-shared"], []:
+                run(COMPILER, "-std=c++17", *FLAGS, *options, SOURCE / "examples/call/main.cpp", *flags.split(), "-o",
+                    self.work / "program")
+            self.assertIn("channel 7", run(self.work / "program", *self.address))
 
     def test_the_public_headers_stand_alone_and_no_other_is_installed(self):
         include = next(self.prefix.rglob("tarn"))
@@ -126,7 +113,7 @@ class InstalledLibrary(unittest.TestCase):
         everything = self.work / "everything.cpp"
         for header in headers:
             everything.write_text(f'#include "{header}"\n')
-            run(self.compiler, "-std=c++17", "-fsyntax-only", "-I", include, everything)
+            run(COMPILER, "-std=c++17", "-fsyntax-only", "-I", include, everything)
 
 
 if __name__ == "__main__":

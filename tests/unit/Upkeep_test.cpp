@@ -31,14 +31,15 @@ class Upkeep : public testing::Test, ReplacedCalls {
     on_clock_gettime = [](clockid_t, timespec* time) { return *time = {seconds, 0}, 0; };
   }
 
-  /// What the next look tells the sockets and prints; a second one at once does nothing.
-  std::string Next(const char* interface) {
+  /// What the sockets are told and what is printed when `later` seconds have passed.
+  std::string Next(int later, const char* interface, void (*retry)(const char*, int, const char*) = nullptr) {
     log.clear();
+    testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    seconds += 6;
+    seconds += later;
     Upkeep_Network(interface);
-    Upkeep_Network(interface);
-    return log + testing::internal::GetCapturedStderr();
+    if (retry != nullptr) retry("127.0.0.1", 1, "absent0");
+    return log + testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
   }
 
   std::string log, taken;
@@ -61,53 +62,33 @@ TEST_F(Upkeep, JoinsWhereAMembershipIsMissingAndOnlyThere) {
       {"ip link del tarn2", ""}};
   for (const auto& [change, expected] : rows) {
     ASSERT_EQ(0, std::system(change)) << change;
-    EXPECT_EQ(expected, Next("tarn2")) << change;
+    EXPECT_EQ(expected, Next(6, "tarn2")) << change;
   }
 }
 
-TEST_F(Upkeep, OpensASingleClosedEndpointLaterAndTellsItOnce) {
-  const std::pair<std::string, const char*> rows[] = {
-      {"5564", " +6! +4! +6 "}, {"5563", " +4 +4! +6! "}, {"5562", " +4! +6! "}};
-  for (const auto& [port, opened] : rows) {
-    taken = port;
-    Server.connectionsOpen = false;
-    EXPECT_TRUE(Server.InitConnections());
-    EXPECT_TRUE(Server.connectionsOpen);
-    const std::string line =
-        "tarnddpd: UDP port " + taken + " could not be opened: Address already in use; tried again every 5 s\n";
-    for (const bool isFirst : {true, false}) {
-      const std::string told = Next("lo");
-      EXPECT_EQ(port + "! ", told.substr(0, 6));
-      EXPECT_EQ(isFirst, told.find(line) != std::string::npos) << told;
-    }
-    for (const auto& endpoint : Server.GetEndpoints())
-      EXPECT_EQ(endpoint.port == taken ? EADDRINUSE : 0, endpoint.error) << endpoint.port;
-    taken.clear();
-    EXPECT_EQ(port + opened, Next("lo"));
-  }
-}
-
-TEST_F(Upkeep, TriesTheServiceAndTheEndpointsEvery5Seconds) {
-  const std::string failed = "Failed to attach to device API - APPTERM\n", all = "5562 5563 5564";
+TEST_F(Upkeep, TriesClosedEndpointsAndTheServiceEvery5SecondsAndTellsAClosedOneOnce) {
+  const std::string all = "5562 5563 5564", away = "Failed to attach to device API - APPTERM\n",
+                    opened = away + "Successfully opened server conenctions\n",
+                    failed = "5564! 5563! 5562! " + away + "Failed to open server connections\n";
+  std::string told;
+  for (const std::string port : {"5564", "5563", "5562"})
+    told += "tarnddpd: UDP port " + port + " could not be opened: Address already in use; tried again every 5 s\n";
   const std::tuple<int, std::string, std::string> rows[] = {
-      {0, "", failed},
-      {5, "", ""},
-      {1, "", failed},
-      {5, all, ""},
-      {1, all, failed + "Failed to open server connections\n"},
-      {6, "", failed + "Successfully opened server conenctions\n"}};
+      {6, all, failed},
+      {5, all, "+4 +6 " + told},
+      {1, all, failed},
+      {5, all, "+4 +6 "},
+      {1, "5563", "5564 +6! 5563! 5562 " + opened},
+      {0, "5563", "5563! +4 +6 "},  // at once, as the sockets are new
+      {6, "5563", "5563! -4! +4 " + away},
+      {6, "", "5563 +4 +4! +6! " + away}};
+  Server.connectionsOpen = false;
+  EXPECT_NE(std::string::npos, Next(6, "lo", Upkeep_Attach).find(away));
   for (const auto& [later, ports, expected] : rows) {
-    seconds += later;
     taken = ports;
-    if (taken == all) Server.connectionsOpen = false;
-    Upkeep_Network("lo");
-    testing::internal::CaptureStdout();
-    (later == 0 ? Upkeep_Attach : Upkeep_Retry)("127.0.0.1", 1, "absent0");
-    EXPECT_EQ(expected, testing::internal::GetCapturedStdout());
+    EXPECT_EQ(expected, Next(later, "lo", Upkeep_Retry)) << &expected - &std::get<2>(rows[0]);
   }
-  log.clear();
-  Upkeep_Network("lo");
-  EXPECT_EQ("+4! +6 ", log) << "at once, as the sockets are new";
+  for (const auto& endpoint : Server.GetEndpoints()) EXPECT_EQ(0, endpoint.error) << endpoint.port;
 }
 
 /// The system may choose for our end the very port that we connect to.
