@@ -6,7 +6,7 @@ import signal
 import unittest
 
 from case import DeviceTest, ddp_query, eventually
-from device import ACK, IDENT, NACK, QUIET, SERVICE_RECORD, record, request
+from device import ACK, ENABLE, IDENT, NACK, QUIET, SERVICE_RECORD, record, request
 
 GET_NETWORK = "RPCConf.GetNetwork"
 
@@ -69,15 +69,14 @@ class Answers(DeviceTest):
 
     def test_every_length_and_a_nul_at_every_place(self):
         """From 0 to 1500 bytes, of which those up to 1023 are taken, up to the first NUL. A refusal ends each handful."""
-        word = b"DEVICEENABLEIDENT!\n"
-        whole = word + 1500 * b"x"
-        requests = [(whole[:size], len(word) <= size < 1024) for size in range(1501)]
-        requests += [(whole[:place] + b"\0" + whole[place + 1:1023], place >= len(word)) for place in range(1023)]
+        whole, least = ENABLE + 1500 * b"x", len(ENABLE) - 1
+        requests = [(whole[:size], least <= size < 1024) for size in range(1501)]
+        requests += [(whole[:place] + b"\0" + whole[place + 1:1023], place >= least) for place in range(1023)]
         for way, caller in self.callers.items():
             for first in range(0, len(requests), 8):
                 caller.drain()
-                handful = requests[first:first + 8]
-                for datagram in [*(datagram for datagram, _ in handful), b"SETIPADDRESS!\n"]:
+                handful = [*requests[first:first + 8], (b"SETIPADDRESS!\n", False)]
+                for datagram, _ in handful:
                     caller.send(datagram)
                 answers = []
                 while NACK not in answers and None not in answers:
