@@ -3,43 +3,50 @@
 
 namespace {
 
-/// A document of one piece for each byte, so that most mutations are whole tags.
-std::string FromPieces(const std::uint8_t* data, std::size_t size) {
-  static const std::string pieces =
-      "<value>|</value>|<va>|</va>|<array>|</array>|<data>|</data>|<data/>|<struct>|</struct>|<member>|</"
-      "member>|<name>|"
-      "</name>|<ar>|<da>|</da>|<da />|<st>|<me>|</me>|<na>|</na>|<i4>|</i4>|<int>|<i8>|<boolean>|<bo>|<double>|<do>|"
-      "<string>|<str>|</string>|<base64>|<b64>|<dtime>|1|-7|0|nan|x|+3.5e2|0x1p4|&lt;|&|amp;|Zm9v|Zg==| "
-      "|\n\t|<|>|inf|n|"
-      "<value><array><data>|<value><struct><member>|<value><i4>1</i4></value>|<name>a</name>|20240105T07:08:09|"
-      "<dateTime.iso8601>|2147483648|99999999999999999999|";
-  std::string xml;
-  for (std::size_t i = 0; i < size; ++i) {
-    std::size_t at = 0;
-    for (int skipped = data[i] % 64; skipped > 0; --skipped) at = pieces.find('|', at) + 1;
-    xml.append(pieces, at, pieces.find('|', at) - at);
+// So that most mutations are whole tags.
+constexpr std::string_view tags =
+    "<value>|</value>|<va>|</va>|<array>|</array>|<data>|</data>|<data/>|<struct>|</struct>|<member>|</member>|<name>|"
+    "</name>|<ar>|<da>|</da>|<da />|<st>|<me>|</me>|<na>|</na>|<i4>|</i4>|<int>|<i8>|<boolean>|<bo>|<double>|<do>|"
+    "<string>|<str>|</string>|<base64>|<b64>|<dtime>|1|-7|0|nan|x|+3.5e2|0x1p4|&lt;|&|amp;|Zm9v|Zg==| |\n\t|<|>|inf|n|"
+    "<value><array><data>|<value><struct><member>|<value><i4>1</i4></value>|<name>a</name>|20240105T07:08:09|"
+    "<dateTime.iso8601>|2147483648|99999999999999999999|";
+// What makes values, and what makes structs that break off in arrays, whose names and ends are found far away.
+constexpr std::string_view nesting =
+    "<value>|</value>|</value>|<va>|</va>|</va>|<value><array><data>|<value><array><data>|<va><ar><da>|"
+    "<value><struct><member>|<value><struct><member>|<va><st><me>|<name>n</name>|<name>n</name>|<na>n</na>|<member>|"
+    "</member>|<me>|<i4>7</i4>|x|<va>x|<va>1</va>|<va>2</va>|<value>1</value>|<value>1</value>|<value><i4>1</i4></"
+    "value>|"
+    "</da></ar></va>|";
+
+/// Whether it and all its parts are of a type, as the XML shows none that is of none.
+bool IsWhole(const XmlRpcValue& value) {
+  if (value.getType() == XmlRpcValue::TypeArray) {
+    return std::all_of(value.elements().begin(), value.elements().end(), IsWhole);
   }
-  return xml;
+  if (value.getType() != XmlRpcValue::TypeStruct) return value.valid();
+  return std::all_of(value.members().begin(), value.members().end(), [](const auto& m) { return IsWhole(m.second); });
 }
 
 }  // namespace
 
 /// Reads what the bytes say, a text or pieces of one, and compares verdict, value and what is written with the model.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 1) return 0;
-  const bool inPieces = (data[0] & 0x80) != 0;
-  const std::string xml =
-      inPieces ? FromPieces(data + 1, size - 1) : std::string(reinterpret_cast<const char*>(data) + 1, size - 1);
-  const std::size_t start = data[0] % 4 == 3 ? data[0] % (xml.size() + 2) : 0;
+  Input input(data, size);
+  const unsigned how = input.Byte();
+  std::string xml(how < 0x80 ? input.Take(size) : "");
+  for (auto levels = how < 0xc0 ? 0 : how % 32 < 16 ? 1 + how % 2 : 228 + how % 32; levels > 0; --levels) {
+    xml += "<value><array><data>";  // to near the deepest level
+  }
+  while (!input.IsEmpty()) xml += input.Piece(how < 0xc0 ? tags : nesting);
+  const int start = how % 4 == 3 ? static_cast<int>(how % (xml.size() + 2)) : 0;
   XmlRpcValue value(7);
-  int offset = static_cast<int>(start);
+  int offset = start, at = start;
   const bool success = value.fromXml(xml, &offset);
 
   PlainReader reader(xml, 300 + static_cast<int>(size) * 8);
-  std::size_t at = start;
   const std::string expected = reader.read(at);
   if (reader.tooLong) return 0;
-  Require(success != expected.empty() && offset == static_cast<int>(at), "verdict or offset", xml);
-  Require(Shown(value) == expected, "value", xml);
+  Require(success != expected.empty() && offset == at, "verdict or offset", xml);
+  Require(value.toXml(0) == expected && IsWhole(value) == success, "value", xml);
   return 0;
 }

@@ -5,110 +5,49 @@
 #include <string>
 
 #include "tests/model/PlainValue.h"
+#include "xmlrpc/XmlRpcUtil.h"
 
-// The scanning of tags, step by step. `at` is moved only by success; past the end nothing is found.
-
-inline void PlainSkipBlanks(const std::string& xml, std::size_t& at) {
-  while (at < xml.size() && std::string(" \t\n\v\f\r").find(xml[at]) != std::string::npos) ++at;
-}
-
-inline bool PlainNextTagIs(const std::string& tag, const std::string& xml, std::size_t& at) {
-  std::size_t start = at;
-  PlainSkipBlanks(xml, start);
-  if (start >= xml.size() || xml.compare(start, tag.size(), tag) != 0) return false;
-  at = start + tag.size();
-  return true;
-}
-
-/// The same for "<tag/>", with blanks before the slash or without.
-inline bool PlainEmptyTagIs(const std::string& tag, const std::string& xml, std::size_t& at) {
-  std::size_t end = at;
-  if (tag.empty() || !PlainNextTagIs(tag.substr(0, tag.size() - 1), xml, end)) return false;
-  PlainSkipBlanks(xml, end);
-  if (xml.compare(end, 2, "/" + tag.substr(tag.size() - 1)) != 0) return false;
-  at = end + 2;
-  return true;
-}
-
-inline bool PlainFindTag(const std::string& tag, const std::string& xml, std::size_t& at) {
-  const std::size_t found = at > xml.size() ? std::string::npos : xml.find(tag, at);
-  if (found == std::string::npos) return false;
-  at = found + tag.size();
-  return true;
-}
-
-inline std::string PlainParseTag(const std::string& tag, const std::string& xml, std::size_t& at) {
-  std::size_t start = at;
-  if (tag.empty() || !PlainFindTag(tag, xml, start)) return "";
-  std::size_t end = start;
-  if (!PlainFindTag("</" + tag.substr(1), xml, end)) return "";
-  at = end;
-  return xml.substr(start, end - tag.size() - 1 - start);
-}
-
-inline std::string PlainNextTag(const std::string& xml, std::size_t& at) {
-  std::size_t start = at;
-  PlainSkipBlanks(xml, start);
-  if (start >= xml.size() || xml[start] != '<') return "";
-  std::string tag = xml.substr(start, std::min(xml.find('>', start), xml.size() - 1) - start + 1);
-  at = start + tag.size();
-  return tag;
-}
-
-/// Each "&" that begins one of the five entities, in turn.
-inline std::string PlainDecode(const std::string& text) {
-  std::string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    for (const auto& [character, entity] : PLAIN_ENTITIES) {
-      if (text.compare(i, entity.size(), entity) != 0) continue;
-      c = character;
-      i += entity.size() - 1;
-      break;
-    }
-    out += c;
-  }
-  return out;
-}
-
-/// The reading of values as it would be written without a care for time: in the worst case that grows exponentially, so
-/// `values` bounds those that are tried.
+/// The reading of values as it would be written without a care for time, on the library's own tag helpers: in the worst
+/// case that grows exponentially, so `values` bounds those that are tried.
 class PlainReader {
  public:
   explicit PlainReader(const std::string& text, int values) : _xml(text), _budget(values) {}
 
   bool tooLong = false;  // the budget is used up: no verdict
 
-  /// What Shown() says of the value at `at`, which is moved behind it; empty, and nothing moved, if there is none.
-  std::string read(std::size_t& at) {
-    std::size_t end = at;
-    std::string shown = at <= _xml.size() ? value(end, 1) : "";
-    if (_tooDeep || shown.empty()) return "";
+  /// The value at `at`, in long tags; `at` is moved behind it. Empty, and nothing moved, if there is none.
+  std::string read(int& at) {
+    int end = at;
+    std::string xml = value(end, 1);
+    if (_tooDeep || xml.empty()) return "";
     at = end;
-    return shown;
+    return xml;
   }
 
  private:
-  const char* rest(std::size_t at) const { return _xml.c_str() + std::min(at, _xml.size()); }
+  using Util = TarnXmlRpc::XmlRpcUtil;
 
-  std::string value(std::size_t& at, int depth) {
+  bool isNext(const char* const (&tag)[2], int set, int& at) { return Util::nextTagIs(tag[set], _xml, &at); }
+  const char* rest(int at) const { return _xml.c_str() + std::min(static_cast<std::size_t>(at), _xml.size()); }
+
+  std::string value(int& at, int depth) {
     tooLong = tooLong || --_budget < 0;
-    std::size_t end = at;
-    const int set = PlainNextTagIs("<va>", _xml, end) ? 1 : 0;
-    if (set == 0 && !PlainNextTagIs("<value>", _xml, end)) return "";
+    int end = at;
+    const int set = isNext(XmlRpcValue::XML_TAG_VALUE, 1, end) ? 1 : 0;
+    if (set == 0 && !isNext(XmlRpcValue::XML_TAG_VALUE, 0, end)) return "";
     _tooDeep = _tooDeep || depth > XmlRpcValue::MaximumDepth;
     const int type = _tooDeep || tooLong ? XmlRpcValue::TypeInvalid : typeAt(set, end);
     std::string content;
     if (type == XmlRpcValue::TypeInvalid || !read(type, set, content, end, depth)) return "";
-    PlainFindTag(set == 1 ? "</va>" : "</value>", _xml, end);
+    Util::findTag(XmlRpcValue::XML_ENDTAG_VALUE[set], _xml, &end);
     at = end;
-    return Shown(type, set, content);
+    return PlainXml(type, 0, content);
   }
 
-  int typeAt(int set, std::size_t& at) {
-    std::size_t end = at;
-    const std::string tag = PlainNextTag(_xml, end);
-    const bool isEnd = tag == (set == 1 ? "</va>" : "</value>");
+  int typeAt(int set, int& at) {
+    int end = at;
+    const std::string tag = Util::getNextTag(_xml, &end);
+    const bool isEnd = tag == XmlRpcValue::XML_ENDTAG_VALUE[set];
     if (!isEnd) at = end;
     if (isEnd || tag.empty()) return XmlRpcValue::TypeString;
     if (tag == "<int>") return XmlRpcValue::TypeInt;
@@ -118,71 +57,63 @@ class PlainReader {
     return XmlRpcValue::TypeInvalid;
   }
 
-  bool read(int type, int set, std::string& content, std::size_t& at, int depth) {
+  bool read(int type, int set, std::string& content, int& at, int depth) {
     if (type == XmlRpcValue::TypeArray) return array(set, content, at, depth + 1);
     if (type == XmlRpcValue::TypeStruct) return structure(set, content, at, depth + 1);
-    if (type == XmlRpcValue::TypeDouble) return real(content, at);
     const bool isText =
         type == XmlRpcValue::TypeString || type == XmlRpcValue::TypeDateTime || type == XmlRpcValue::TypeBase64;
-    return isText ? text(type, content, at) : whole(type, content, at);
+    return isText ? text(type, content, at) : number(type, content, at);
   }
 
-  bool whole(int type, std::string& content, std::size_t& at) {
+  bool number(int type, std::string& content, int& at) {
     char* end = nullptr;
-    long long number = std::strtoll(rest(at), &end, 10);
+    const bool isReal = type == XmlRpcValue::TypeDouble;
+    if (isReal && strcasecmp("nan", rest(at)) < 0) {
+      content = "nan";
+      at += 3;
+      return true;
+    }
+    long long whole = isReal ? 0 : std::strtoll(rest(at), &end, 10);
+    if (type == XmlRpcValue::TypeInt) whole = static_cast<int>(static_cast<unsigned>(whole & 0xffffffffLL));
+    content = isReal ? PlainReal(std::strtod(rest(at), &end)) : std::to_string(whole);
     if (end == rest(at)) return false;
-    if (type == XmlRpcValue::TypeInt) number = static_cast<int>(static_cast<unsigned>(number & 0xffffffffLL));
-    at += static_cast<std::size_t>(end - rest(at));
-    content = std::to_string(number);
-    return type != XmlRpcValue::TypeBoolean || number == 0 || number == 1;
-  }
-
-  bool real(std::string& content, std::size_t& at) {
-    const bool isNan = strcasecmp("nan", rest(at)) < 0;
-    char* end = nullptr;
-    content = isNan ? "nan" : Shown(std::strtod(rest(at), &end));
-    if (end == rest(at)) return false;
-    at += isNan ? 3 : static_cast<std::size_t>(end - rest(at));
-    return true;
+    at += static_cast<int>(end - rest(at));
+    return type != XmlRpcValue::TypeBoolean || whole == 0 || whole == 1;
   }
 
   /// A string, a time or binary data, which end before the next "<".
-  bool text(int type, std::string& content, std::size_t& at) {
-    const std::size_t less = _xml.find('<', at);
+  bool text(int type, std::string& content, int& at) {
+    const std::size_t start = static_cast<std::size_t>(at), less = _xml.find('<', start);
     if (less == std::string::npos) return false;
-    const std::string raw = _xml.substr(at, less - at);
-    content = PlainDecode(raw);
-    at += type == XmlRpcValue::TypeString ? content.size() : raw.size();
-    if (type == XmlRpcValue::TypeBase64) content = PlainFromBase64(raw.c_str());
+    const std::string raw = _xml.substr(start, less - start), decoded = Util::xmlDecode(raw);
+    at += static_cast<int>(type == XmlRpcValue::TypeString ? decoded.size() : raw.size());
+    content = type == XmlRpcValue::TypeBase64 ? PlainBase64(PlainFromBase64(raw.c_str())) : Util::xmlEncode(decoded);
     if (type != XmlRpcValue::TypeDateTime) return true;
     std::tm t = {};
-    t.tm_isdst = -1;
     // NOLINTNEXTLINE(cert-err34-c): what it does is the rule
     const int fields = std::sscanf(raw.c_str(), "%4d%2d%2dT%2d:%2d:%2d", &t.tm_year, &t.tm_mon, &t.tm_mday, &t.tm_hour,
                                    &t.tm_min, &t.tm_sec);
-    content = Shown(t);
+    content = PlainTime(t);
     return fields == 6;
   }
 
-  bool array(int set, std::string& content, std::size_t& at, int depth) {
-    const std::string data = set == 1 ? "da>" : "data>";
-    if (PlainEmptyTagIs("<" + data, _xml, at)) return true;
-    if (!PlainNextTagIs("<" + data, _xml, at)) return false;
-    for (std::string element; !(element = value(at, depth)).empty();) content += element + ";";
-    PlainNextTagIs("</" + data, _xml, at);
+  bool array(int set, std::string& content, int& at, int depth) {
+    if (Util::nextTagIs(XmlRpcValue::XML_TAG_DATA[set], _xml, &at, true)) return true;
+    if (!isNext(XmlRpcValue::XML_TAG_DATA, set, at)) return false;
+    for (std::string element; !(element = value(at, depth)).empty();) content += element;
+    isNext(XmlRpcValue::XML_ENDTAG_DATA, set, at);
     return !_tooDeep && !tooLong;
   }
 
-  bool structure(int set, std::string& content, std::size_t& at, int depth) {
+  bool structure(int set, std::string& content, int& at, int depth) {
     std::map<std::string, std::string> members;
-    const std::string member = set == 1 ? "me>" : "member>";
-    while (PlainNextTagIs("<" + member, _xml, at)) {
-      const std::string name = PlainParseTag(set == 1 ? "<na>" : "<name>", _xml, at), shown = value(at, depth);
-      if (shown.empty()) return false;
-      members.emplace(name, shown);  // the first of two of one name stays
-      PlainNextTagIs("</" + member, _xml, at);
+    while (isNext(XmlRpcValue::XML_TAG_MEMBER, set, at)) {
+      const std::string name = Util::parseTag(XmlRpcValue::XML_TAG_NAME[set], _xml, &at), xml = value(at, depth);
+      if (xml.empty()) return false;
+      members.emplace(name, xml);  // the first of two of one name stays
+      isNext(XmlRpcValue::XML_ENDTAG_MEMBER, set, at);
     }
-    for (const auto& [name, shown] : members) content.append(name).append("=").append(shown).append(";");
+    for (const auto& [name, xml] : members) content += PlainMember(0, name, xml);
     return true;
   }
 

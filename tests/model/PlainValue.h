@@ -9,30 +9,22 @@
 #include <string>
 #include <vector>
 
+#include "xmlrpc/XmlRpcUtil.h"
 #include "xmlrpc/XmlRpcValue.h"
 
 using TarnXmlRpc::XmlRpcValue;
 
-inline const std::map<char, std::string> PLAIN_ENTITIES = {
-    {'<', "&lt;"}, {'>', "&gt;"}, {'&', "&amp;"}, {'\'', "&apos;"}, {'"', "&quot;"}};
-
-inline std::string PlainEncode(const std::string& text) {
-  std::string out;
-  for (const char c : text) out += PLAIN_ENTITIES.count(c) == 0 ? std::string(1, c) : PLAIN_ENTITIES.at(c);
-  return out;
-}
-
 inline const std::string PLAIN_ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-/// Base64 (RFC 4648) of `bytes`, bit by bit.
+/// Base64 (RFC 4648) of `bytes`.
 inline std::string PlainBase64(const std::string& bytes) {
-  std::string bits, out;
-  for (const char byte : bytes) {
-    for (int bit = 7; bit >= 0; --bit) bits += (byte >> bit & 1) != 0 ? '1' : '0';
+  std::string out;
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    const std::size_t used = std::min<std::size_t>(bytes.size() - i, 3);
+    unsigned long bits = 0;
+    for (std::size_t k = 0; k < 3; ++k) bits = bits << 8 | (k < used ? static_cast<unsigned char>(bytes[i + k]) : 0U);
+    for (std::size_t k = 0; k < 4; ++k) out += k <= used ? PLAIN_ALPHABET[bits >> (18 - 6 * k) & 63] : '=';
   }
-  while (bits.size() % 6 != 0) bits += '0';
-  for (std::size_t i = 0; i < bits.size(); i += 6) out += PLAIN_ALPHABET[std::stoul(bits.substr(i, 6), nullptr, 2)];
-  while (out.size() % 4 != 0) out += '=';
   return out;
 }
 
@@ -40,23 +32,20 @@ inline std::string PlainBase64(const std::string& bytes) {
 /// everything.
 inline std::string PlainFromBase64(const std::string& text) {
   std::string bytes;
-  if (text.size() % 4 != 0) return bytes;
-  for (std::size_t i = 0; i < text.size(); i += 4) {
-    if (text[i] == '=' || text[i + 1] == '=') continue;
-    std::string bits;
-    for (std::size_t k = 0; k < 4 && (k < 2 || text[i + k] != '='); ++k) {
-      const std::size_t c = PLAIN_ALPHABET.find(text[i + k]);
-      if (c == std::string::npos) return bytes;
-      for (int bit = 5; bit >= 0; --bit) bits += (c >> bit & 1) != 0 ? '1' : '0';
+  for (std::size_t i = 0; i < text.size() && text.size() % 4 == 0; i += 4) {
+    const std::size_t used = std::min<std::size_t>(text.substr(i, 4).find('='), 4);
+    unsigned long bits = 0;
+    for (std::size_t k = 0; k < 4 && used > 1; ++k) {
+      const std::size_t sextet = k < used ? PLAIN_ALPHABET.find(text[i + k]) : 0;
+      if (sextet == std::string::npos) return bytes;
+      bits = bits << 6 | sextet;
     }
-    for (std::size_t b = 0; b + 8 <= bits.size(); b += 8) {
-      bytes += static_cast<char>(std::stoul(bits.substr(b, 8), nullptr, 2));
-    }
+    for (std::size_t k = 0; k + 1 < used; ++k) bytes += static_cast<char>(bits >> (16 - 8 * k));
   }
   return bytes;
 }
 
-/// By type: the tags of both sets, which strings are written without, and what a writer reserves around the content.
+/// By type: the tags of both sets, and what a writer reserves around the content.
 struct PlainType {
   const char* tag[2];
   int reserved[2];
@@ -67,42 +56,68 @@ inline constexpr PlainType PLAIN_TYPES[] = {{{"", ""}, {256, 256}},        {{"bo
                                             {{"base64", "b64"}, {37, 25}}, {{"array", "ar"}, {50, 34}},
                                             {{"struct", "st"}, {37, 23}},  {{"i8", "i8"}, {51, 45}}};
 
-/// All that a value holds, so that two values are alike if this is. Empty for an invalid one.
-inline std::string Shown(int type, int set, const std::string& content) {
-  return std::to_string(type) + (set == 1 ? " short(" : " long(") + content + ")";
-}
-inline std::string Shown(double real) {
-  char text[40];
-  std::snprintf(text, sizeof text, "%a", real);
-  return real != real ? "nan" : text;
-}
-inline std::string Shown(const std::tm& t) {
-  std::string text;
-  for (const long field : {t.tm_year + 0L, t.tm_mon + 0L, t.tm_mday + 0L, t.tm_hour + 0L, t.tm_min + 0L, t.tm_sec + 0L,
-                           t.tm_isdst + 0L, t.tm_wday + 0L, t.tm_yday + 0L, t.tm_gmtoff}) {
-    text += std::to_string(field) + " ";
-  }
+template <typename... Values>
+std::string Printed(const char* format, Values... values) {
+  char text[400];
+  std::snprintf(text, sizeof text, format, values...);
   return text;
 }
+inline std::string PlainReal(double real) { return real != real ? "nan" : Printed("%.15g", real); }
+inline std::string PlainTime(const std::tm& t) {
+  return Printed("%04d%02d%02dT%02d:%02d:%02d", t.tm_year, t.tm_mon, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+}
 inline std::string Text(const std::vector<char>& bytes) { return {bytes.begin(), bytes.end()}; }
-inline std::string Shown(const XmlRpcValue& v) {
-  std::string content;
+
+inline std::string Enclosed(const std::string& tag, const std::string& content) {
+  return "<" + tag + ">" + content + "</" + tag + ">";
+}
+/// A value, of which strings are written without their type's tag.
+inline std::string PlainXml(int type, int set, const std::string& content) {
+  const std::string inside = type == XmlRpcValue::TypeArray ? Enclosed(set == 1 ? "da" : "data", content) : content;
+  const bool isString = type == XmlRpcValue::TypeString;
+  return Enclosed(set == 1 ? "va" : "value", isString ? inside : Enclosed(PLAIN_TYPES[type].tag[set], inside));
+}
+/// A struct's members.
+inline std::string PlainMember(int set, const std::string& name, const std::string& xml) {
+  return Enclosed(set == 1 ? "me" : "member",
+                  Enclosed(set == 1 ? "na" : "name", TarnXmlRpc::XmlRpcUtil::xmlEncode(name)) + xml);
+}
+/// The whole value; what is reserved for it is added to `reserved`: texts twice, names not at all. Without what == does
+/// not look at, if that is wanted: the day of the month, names of members, the sign of zero.
+inline std::string PlainXml(const XmlRpcValue& v, int set, int& reserved, bool comparable = false) {
   const auto type = v.getType();
+  std::string content;
+  reserved += PLAIN_TYPES[type].reserved[set];
   if (type == XmlRpcValue::TypeInvalid) return "";
   if (type == XmlRpcValue::TypeBoolean) content = v.getBool() ? "1" : "0";
   if (type == XmlRpcValue::TypeInt) content = std::to_string(v.getInt());
   if (type == XmlRpcValue::TypeInt64) content = std::to_string(v.getInt64());
-  if (type == XmlRpcValue::TypeDouble) content = Shown(v.getDouble());
-  if (type == XmlRpcValue::TypeString) content = v.getString();
-  if (type == XmlRpcValue::TypeDateTime) content = Shown(v.getDateTime());
-  if (type == XmlRpcValue::TypeBase64) content = Text(v.getBinaryData());
+  if (type == XmlRpcValue::TypeDouble) content = PlainReal(comparable ? v.getDouble() + 0.0 : v.getDouble());
+  if (type == XmlRpcValue::TypeString) content = TarnXmlRpc::XmlRpcUtil::xmlEncode(v.getString());
+  if (type == XmlRpcValue::TypeBase64) content = PlainBase64(Text(v.getBinaryData()));
+  if (type == XmlRpcValue::TypeString || type == XmlRpcValue::TypeBase64) reserved += 2 * v.size();
+  if (type == XmlRpcValue::TypeDateTime) {
+    std::tm t = v.getDateTime();
+    if (comparable) t.tm_mday = 0;
+    content = PlainTime(t);
+  }
   if (type == XmlRpcValue::TypeArray) {
-    for (const XmlRpcValue& element : v.elements()) content += Shown(element) + ";";
+    for (const XmlRpcValue& element : v.elements()) content += PlainXml(element, set, reserved, comparable);
   }
   if (type == XmlRpcValue::TypeStruct) {
-    for (const auto& [name, member] : v.members()) content += name + "=" + Shown(member) + ";";
+    for (const auto& [name, member] : v.members()) {
+      content += PlainMember(set, comparable ? "" : name, PlainXml(member, set, reserved, comparable));
+      reserved += set == 1 ? 23 : 35;
+    }
   }
-  return Shown(type, v.getTagSet(), content);
+  return PlainXml(type, set, content);
+}
+
+/// What == says; no NaN equals another.
+inline bool PlainEqual(const XmlRpcValue& a, const XmlRpcValue& b) {
+  int ignored = 0;
+  const std::string form = PlainXml(a, 0, ignored, true);
+  return form.find(">nan<") == std::string::npos && form == PlainXml(b, 0, ignored, true);
 }
 
 /// Numbers at random, the same for a seed; the one that is drawn after `before` others may be made another.
@@ -151,65 +166,4 @@ inline XmlRpcValue RandomValue(Random& random, int depth) {
     for (unsigned i = 0; i < parts; ++i) value[RandomText(random)] = RandomValue(random, depth - 1);
   }
   return value;
-}
-
-/// What == says: it leaves out the day of the month and the names of members, and no NaN equals another.
-inline bool PlainEqual(const XmlRpcValue& a, const XmlRpcValue& b) {
-  if (a.getType() != b.getType()) return false;
-  if (a.getType() == XmlRpcValue::TypeDouble) return a.getDouble() == b.getDouble();
-  if (a.getType() == XmlRpcValue::TypeDateTime) {
-    std::tm x = a.getDateTime(), y = b.getDateTime();
-    x.tm_mday = y.tm_mday = 1;
-    return Shown(x) == Shown(y);
-  }
-  if (a.getType() == XmlRpcValue::TypeArray) {
-    return std::equal(a.elements().begin(), a.elements().end(), b.elements().begin(), b.elements().end(), PlainEqual);
-  }
-  if (a.getType() != XmlRpcValue::TypeStruct) return Shown(a) == Shown(b);
-  return std::equal(a.members().begin(), a.members().end(), b.members().begin(), b.members().end(),
-                    [](const auto& m, const auto& n) { return PlainEqual(m.second, n.second); });
-}
-
-/// The XML, and in `reserved` what is reserved for it: texts twice, names not at all.
-inline std::string PlainXml(const XmlRpcValue& v, int set, int& reserved) {
-  const auto type = v.getType();
-  char text[400] = "";
-  reserved = PLAIN_TYPES[type].reserved[set];
-  std::string content, name = "<" + std::string(PLAIN_TYPES[type].tag[set]) + ">";
-  const auto enclosed = [](const std::string& tag, const std::string& inside) {
-    return tag + inside + "</" + tag.substr(1);
-  };
-  if (type == XmlRpcValue::TypeInvalid) return "";
-  if (type == XmlRpcValue::TypeBoolean) content = v.getBool() ? "1" : "0";
-  if (type == XmlRpcValue::TypeInt) content = std::to_string(v.getInt());
-  if (type == XmlRpcValue::TypeInt64) content = std::to_string(v.getInt64());
-  if (type == XmlRpcValue::TypeDouble) {
-    std::snprintf(text, sizeof text, XmlRpcValue::m_DoubleFormat.c_str(), v.getDouble());
-    content = v.getDouble() != v.getDouble() ? "nan" : std::string(text).substr(0, 254);
-  }
-  if (type == XmlRpcValue::TypeDateTime) {
-    const std::tm& t = v.getDateTime();
-    std::snprintf(text, sizeof text, "%04d%02d%02dT%02d:%02d:%02d", t.tm_year, t.tm_mon, t.tm_mday, t.tm_hour, t.tm_min,
-                  t.tm_sec);
-    content = text;
-  }
-  if (type == XmlRpcValue::TypeBase64) content = PlainBase64(Text(v.getBinaryData()));
-  if (type == XmlRpcValue::TypeString || type == XmlRpcValue::TypeBase64) reserved += 2 * v.size();
-  int part = 0;
-  if (type == XmlRpcValue::TypeArray) {
-    for (const XmlRpcValue& element : v.elements()) {
-      content += PlainXml(element, set, part);
-      reserved += part;
-    }
-    content = enclosed(set == 1 ? "<da>" : "<data>", content);
-  }
-  if (type == XmlRpcValue::TypeStruct) {
-    for (const auto& [memberName, member] : v.members()) {
-      const std::string inside = enclosed(set == 1 ? "<na>" : "<name>", PlainEncode(memberName));
-      content += enclosed(set == 1 ? "<me>" : "<member>", inside + PlainXml(member, set, part));
-      reserved += part + (set == 1 ? 23 : 35);
-    }
-  }
-  content = type == XmlRpcValue::TypeString ? PlainEncode(v.getString()) : enclosed(name, content);
-  return enclosed(set == 1 ? "<va>" : "<value>", content);
 }

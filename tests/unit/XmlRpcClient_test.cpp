@@ -21,11 +21,11 @@ struct FakeTransport : XmlRpcClientTransportHTTP {
   int execute(const std::string& text, std::string& out) override {
     sent = text;
     out = answer;
+    if (status > 0) throw XmlRpcException("broken", CODE_TYPE_ERROR);
     return status;
   }
   int execute(const std::string& text, std::string& out, unsigned long limit) override {
     timeout = static_cast<std::uint32_t>(limit);
-    if (limit == 99) throw std::runtime_error(out = "broken");
     return execute(text, out);
   }
   std::string answer, sent;
@@ -79,14 +79,14 @@ TEST(XmlRpcClient, HasAStatusForEachFormAndKeepsNothingOfACall) {
     bool valid, isFault;
   } rows[] = {
       {"<x><methodResponse> <params>\r\n<param>" + five, 0, {0, 0, 0, 0}, "", true, false},
-      {Fault("no", 4), 0, {0, 0, 4, 4}, "", true, true},
       {Fault("no", -4), 0, {0, 0, -4, -4}, "", true, true},
       {Fault("no", "4"), 0, {0, 0, thrown, thrown}, "", true, true},
       {"<methodResponse><params><fault>" + five, 0, {0, 0, 0, 0}, "", true, true},
       {"<params><param>" + five, 0, {-4317, -4317, 0, -4317}, " - no methodResponse", false, false},
       {"<methodResponse><params>" + five, 0, {-4317, -4317, 0, -4317}, " - no param or fault tag", false, false},
       {"<methodResponse><fault><int>5</int>", 0, {-4317, -4317, 0, -4317}, " value", false, true},
-      {Fault("no", 4), -3560, {-3560, -3560, -3560, -3560}, "", false, false}};
+      {Fault("no", 4), -3560, {-3560, -3560, -3560, -3560}, "", false, false},
+      {"the transport throws", 1, {thrown, thrown, thrown, thrown}, "", false, false}};
   for (const auto& row : rows) {
     std::string error = row.error;
     if (!error.empty())
@@ -106,18 +106,13 @@ TEST(XmlRpcClient, HasAStatusForEachFormAndKeepsNothingOfACall) {
       EXPECT_EQ(row.statuses[form], status) << row.answer << " by form " << form;
       EXPECT_EQ(row.valid, result.valid()) << row.answer;
       EXPECT_EQ(row.isFault, client.IsFault()) << row.answer;
+      EXPECT_NE(std::string::npos, transport.sent.find("<methodName>m</methodName>"));
       EXPECT_EQ("", client.documents());
       EXPECT_EQ(form == 1 || form == 2 ? 1U : 0U, transport.timeout);
       EXPECT_EQ(-9, forms[form](unconnected, nothing));
       EXPECT_FALSE(nothing.valid());
     }
   }
-  FakeTransport transport("");
-  Client client(&transport);
-  XmlRpcValue result(1);
-  EXPECT_THROW(client.execute("m", none, result, 99), std::runtime_error);
-  EXPECT_EQ("", client.documents());
-  EXPECT_FALSE(result.valid());
 }
 
 TEST(Bindings, GetReadsWhateverIsNoStringAsEmptyAndAddressesNeverShrink) {
@@ -132,21 +127,11 @@ TEST(Bindings, GetReadsWhateverIsNoStringAsEmptyAndAddressesNeverShrink) {
   RPCConf::SetNetwork::CParams params;
   for (const int count : {0, -1}) params.SetSize_DNSAddresses(count);
   EXPECT_FALSE(params.hasMember("DNSAddresses"));
-  params.SetSize_DNSAddresses(1);
-  EXPECT_TRUE(params.hasMember("DNSAddresses"));
-  for (const int count : {2, 1, 3}) params.SetSize_DNSAddresses(count), params["DNSAddresses"][0] = "8.8.8.8";
+  for (const int count : {1, 2, 1, 3}) params.SetSize_DNSAddresses(count), params["DNSAddresses"][0] = "8.8.8.8";
   EXPECT_EQ(params["DNSAddresses"].toXml(1), "<va><ar><da><va>8.8.8.8</va><va></va><va></va></da></ar></va>");
 }
 
 TEST(Bindings, StartWithTheseMembers) {
-  const auto members = [](const XmlRpcValue& record) {
-    std::string text;
-    for (const auto& [name, member] : record.members()) {
-      const std::string xml = member.toXml(1);
-      text += name + "=" + xml.substr(4, xml.size() - 9) + " ";  // without its value tags
-    }
-    return text;
-  };
   RPCConf::SetNetwork::CParams set;
   set.Set_IPAddress("ip");
   set.Set_SubnetMask("mask");
@@ -156,9 +141,6 @@ TEST(Bindings, StartWithTheseMembers) {
       {RPCConf::GetNetwork::CResults(),
        "DHCPActive=<i4>0</i4> GatewayAddress= IPAddress= MACAddress= MethodID=RPCConf::GetNetwork SubnetMask= "
        "iRet=<i4>0</i4> "},
-      {RPCConf::SetNetwork::CParams(),
-       "Activate=<bo>0</bo> DHCPActive=<bo>0</bo> DeviceName= GatewayAddress= IPAddress= MethodID=RPCConf::SetNetwork "
-       "Save=<bo>0</bo> SubnetMask= "},
       {set,
        "Activate=<bo>0</bo> DHCPActive=<bo>0</bo> DeviceName= GatewayAddress=gate IPAddress=ip "
        "MethodID=RPCConf::SetNetwork Save=<bo>0</bo> SubnetMask=mask "},
@@ -171,7 +153,14 @@ TEST(Bindings, StartWithTheseMembers) {
        "SlaveModuleCount=<i4>0</i4> SubModuleType=<i4>0</i4> TypeCode= VariablesCount=<i4>0</i4> "},
       {RPCSys::SendSysCmd::CParams(), "MethodID=RPCSys::SendSysCmd Msg= "},
       {RPCSys::SendSysCmd::CResults(), "MethodID=RPCSys::SendSysCmd "}};
-  for (const auto& [record, expected] : rows) EXPECT_EQ(members(record), expected);
+  for (const auto& [record, expected] : rows) {
+    std::string members;
+    for (const auto& [name, member] : record.members()) {
+      const std::string xml = member.toXml(1);
+      members += name + "=" + xml.substr(4, xml.size() - 9) + " ";  // without its value tags
+    }
+    EXPECT_EQ(members, expected);
+  }
 }
 
 }  // namespace

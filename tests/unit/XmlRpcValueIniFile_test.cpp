@@ -22,16 +22,7 @@ std::string Text() {
 }
 
 TEST(IniFile, HoldsScalarsBySectionAndGivesThemBackAsStrings) {
-  const auto readAs = [](const std::string& ini) {
-    XmlRpcValue value(7);
-    std::ostringstream text;
-    std::ofstream(path) << ini;
-    EXPECT_TRUE(value.fromINIFile(path));
-    EXPECT_EQ(ini, Text()) << "left alone";
-    text << value;
-    return text.str();
-  };
-  XmlRpcValue value;
+  XmlRpcValue value, read(7);
   value["n"] = -5;
   value["ratio"] = 0.1234567;
   value["nothing"] = -NAN;
@@ -40,9 +31,17 @@ TEST(IniFile, HoldsScalarsBySectionAndGivesThemBackAsStrings) {
   ASSERT_TRUE(value.toINIFile(path));
   const std::string text = Text();
   EXPECT_EQ(text, "n = -5\nnothing = nan\nratio = 0.123457\n\n\n[deep]\nkey = true\n\n\n[sub]\ninner =  a=b \n");
-  EXPECT_EQ(readAs(text), "[deep:[key:true],n:-5,nothing:nan,ratio:0.123457,sub:[inner:a=b]]");
-  EXPECT_EQ(readAs("k = 1\nk = 2\n[empty]\n[S]\nm = line 1\nline 2\n"), "[S:[m:line 1],empty:[],k:2]");
-  EXPECT_EQ(readAs(""), "");
+  for (const auto& [ini, expected] :
+       {std::pair(text, "[deep:[key:true],n:-5,nothing:nan,ratio:0.123457,sub:[inner:a=b]]"),
+        {"k = 1\nk = 2\n[empty]\n[S]\nm = line 1\nline 2\n", "[S:[m:line 1],empty:[],k:2]"},
+        {"", ""}}) {
+    std::ostringstream line;
+    std::ofstream(path) << ini;
+    EXPECT_TRUE(read.fromINIFile(path));
+    EXPECT_EQ(ini, Text()) << "left alone";
+    line << read;
+    EXPECT_EQ(expected, line.str());
+  }
 }
 
 TEST(IniFile, TakesNoOtherTypeAndThenLeavesTheFileAlone) {
