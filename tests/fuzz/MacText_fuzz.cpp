@@ -1,5 +1,6 @@
 #include <cctype>
 #include <cstring>
+#include <regex>
 #include <vector>
 
 #include "ddp/Datagram.h"
@@ -10,17 +11,14 @@ namespace {
 
 bool IsHex(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
 
-/// Six groups of one or two digits, the rest being the sixth one's; the bytes, empty if it is none.
-std::string BytesOf(std::string text) {
+/// The bytes of six groups of one or two digits, empty if it is none; white space or the end is behind a single last
+/// one.
+std::string BytesOf(const std::string& text) {
+  static const std::regex shape("([0-9a-f]{1,2}:){5}([0-9a-f]{2}|[0-9a-f](?!\\S))", std::regex::icase);
+  if (!std::regex_search(text, shape, std::regex_constants::match_continuous)) return {};
   std::string bytes;
-  for (int left = 6; left > 0; --left) {
-    const std::size_t end = left > 1 ? text.find(':') : text.size();
-    if (end == std::string::npos || end == 0 || !IsHex(text[0])) return {};
-    const bool isShort = end == 1 || (left == 1 && std::isspace(static_cast<unsigned char>(text[1])) != 0);
-    if (!isShort && (!IsHex(text[1]) || (left > 1 && end > 2))) return {};
-    bytes += static_cast<char>(std::stoi(text.substr(0, isShort ? 1 : 2), nullptr, 16));
-    if (left > 1) text.erase(0, end + 1);
-  }
+  for (std::size_t at = 0; bytes.size() < 6; at = text.find(':', at) + 1)
+    bytes += static_cast<char>(std::stoi(text.substr(at, 2), nullptr, 16));
   return bytes;
 }
 

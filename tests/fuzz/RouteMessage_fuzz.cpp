@@ -12,18 +12,10 @@
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-using View = std::basic_string_view<std::uint8_t>;
 
 char* NameOfIndex(unsigned index, char* name) {
   std::memcpy(name, &index, sizeof index);
   return name;
-}
-
-template <typename Number>
-Number At(View bytes, std::size_t at) {
-  Number number = 0;
-  std::memcpy(&number, bytes.substr(at, sizeof number).data(), sizeof number);
-  return number;
 }
 
 template <typename Number>
@@ -32,46 +24,21 @@ void Put(Bytes& bytes, std::size_t at, unsigned value) {
   std::memcpy(&bytes.at(at), &number, sizeof number);
 }
 
-std::size_t Padded(std::size_t size) { return (size + 3) / 4 * 4; }
-
-// The model reads as rtnetlink(7) tells it: numbers in the machine's order, everything padded to four bytes.
-/// The whole messages from the front on, up to the first one that is cut or lies about its length.
-std::vector<View> Messages(View bytes) {
-  std::vector<View> messages;
-  for (std::size_t at = 0; at + 16 <= bytes.size(); at += Padded(messages.back().size())) {
-    const std::size_t length = At<std::uint32_t>(bytes, at);
-    if (length < 16 || length > bytes.size() - at) break;
-    messages.push_back(bytes.substr(at, length));
-  }
-  return messages;
-}
-
-std::pair<RouteDump, std::size_t> Scan(View bytes, const std::vector<View>& messages) {
-  std::size_t at = 0;
-  for (const View message : messages) {
-    const auto type = At<std::uint16_t>(message, 4);
-    if (type == NLMSG_ERROR) return {RouteDump::Malformed, 99};
-    if (type == NLMSG_DONE) return {RouteDump::Ended, at};
-    at = std::min(at + Padded(message.size()), bytes.size());
-    if ((At<std::uint16_t>(message, 6) & NLM_F_MULTI) == 0) return {RouteDump::Ended, at};
-  }
-  if (bytes.empty() || at < bytes.size()) return {RouteDump::Malformed, 99};
-  return {RouteDump::Continues, at};
-}
-
-RouteInfo Read(View message) {
+// The model steps by the macros of the kernel's headers, through a copy that is aligned as they want it.
+RouteInfo Read(nlmsghdr* message) {
   RouteInfo route = {};
-  if (message.size() < 28 || message[16] != AF_INET || message[20] != RT_TABLE_MAIN) return route;
-  for (std::size_t at = 28, length = 0; at + 4 <= message.size(); at += Padded(length)) {
-    length = At<std::uint16_t>(message, at);
-    if (length < 4 || length > message.size() - at) break;
-    if (length < 8) continue;
-    const in_addr value = {At<std::uint32_t>(message, at + 4)};
-    const auto type = At<std::uint16_t>(message, at + 2);
-    if (type == RTA_DST) route.destination = value;
-    if (type == RTA_PREFSRC) route.source = value;
-    if (type == RTA_GATEWAY) route.gateway = value;
-    if (type == RTA_OIF) NameOfIndex(value.s_addr, route.interfaceName);
+  auto* const kind = static_cast<rtmsg*>(NLMSG_DATA(message));
+  if (message->nlmsg_len < NLMSG_LENGTH(sizeof *kind)) return route;
+  if (kind->rtm_family != AF_INET || kind->rtm_table != RT_TABLE_MAIN) return route;
+  std::int64_t left = RTM_PAYLOAD(message);
+  for (rtattr* one = RTM_RTA(kind); RTA_OK(one, left); one = RTA_NEXT(one, left)) {
+    if (RTA_PAYLOAD(one) < 4) continue;
+    in_addr value = {};
+    std::memcpy(&value, RTA_DATA(one), sizeof value);
+    if (one->rta_type == RTA_DST) route.destination = value;
+    if (one->rta_type == RTA_PREFSRC) route.source = value;
+    if (one->rta_type == RTA_GATEWAY) route.gateway = value;
+    if (one->rta_type == RTA_OIF) NameOfIndex(value.s_addr, route.interfaceName);
   }
   return route;
 }
@@ -90,7 +57,7 @@ void AddMessage(Input& input, Bytes& dump) {
   for (auto attributes = input.Below(5); attributes > 0; --attributes) {
     const std::size_t at = bytes.size();
     const unsigned length = Rarely(input, 8, input.Below(14));
-    bytes.resize(at + std::max<std::size_t>(Padded(length), 8));
+    bytes.resize(at + std::max<std::size_t>(RTA_ALIGN(length), 8));
     Put<std::uint32_t>(bytes, at + 4, inet_addr(addresses[input.Below(6)]));
     Put<std::uint16_t>(bytes, at, length);
     Put<std::uint16_t>(bytes, at + 2, types[input.Below(6)]);
@@ -111,21 +78,30 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (how == 1) bytes.resize(bytes.size() - std::min<std::size_t>(bytes.size(), size % 40));
   bytes.shrink_to_fit();  // for a sanitizer to see
 
-  const View dump(bytes.data(), bytes.size());
-  const std::vector<View> messages = Messages(dump);
+  std::vector<nlmsghdr> aligned(bytes.size() / sizeof(nlmsghdr) + 1);
+  std::copy(bytes.begin(), bytes.end(), reinterpret_cast<std::uint8_t*>(aligned.data()));
   std::string expected = "none", found = "none";
-  for (const View message : messages) {
-    const RouteInfo route = Read(message);
+  RouteDump expectedState = RouteDump::Continues;
+  std::size_t at = 0, expectedRoutes = 0, routes = 99;
+  auto left = static_cast<std::int64_t>(bytes.size());
+  for (nlmsghdr* one = aligned.data(); NLMSG_OK(one, left); one = NLMSG_NEXT(one, left)) {
+    const RouteInfo route = Read(one), read = RouteMessage_Read(&bytes[at], one->nlmsg_len, NameOfIndex);
+    Require(std::memcmp(&route, &read, sizeof read) == 0, "route", std::to_string(at));
     if (expected[0] == 'n' && std::strstr(inet_ntoa(route.destination), "0.0.0.0") != nullptr)
       expected = inet_ntoa(route.gateway);
-    const RouteInfo read = RouteMessage_Read(message.data(), message.size(), NameOfIndex);
-    Require(std::memcmp(&route, &read, sizeof read) == 0, "route", expected);
+    at = std::min(at + NLMSG_ALIGN(one->nlmsg_len), bytes.size());
+    if (expectedState != RouteDump::Continues) continue;
+    if (one->nlmsg_type != NLMSG_DONE) expectedRoutes = at;
+    if (one->nlmsg_type == NLMSG_DONE || (one->nlmsg_flags & NLM_F_MULTI) == 0) expectedState = RouteDump::Ended;
+    if (one->nlmsg_type == NLMSG_ERROR) expectedState = RouteDump::Malformed;
   }
+  const bool isCut = bytes.empty() || at < bytes.size();
+  if (isCut && expectedState == RouteDump::Continues) expectedState = RouteDump::Malformed;
+  if (expectedState == RouteDump::Malformed) expectedRoutes = routes;
   in_addr gateway = {};
   if (RouteMessage_FindDefaultGateway(bytes.data(), bytes.size(), NameOfIndex, &gateway)) found = inet_ntoa(gateway);
   Require(expected == found, "gateway", expected);
-  std::size_t routes = 99;
   const RouteDump state = RouteMessage_ScanDatagram(bytes.data(), bytes.size(), &routes);
-  Require(Scan(dump, messages) == std::pair(state, routes), "scan", std::to_string(bytes.size()));
+  Require(std::pair(expectedState, expectedRoutes) == std::pair(state, routes), "scan", std::to_string(bytes.size()));
   return 0;
 }
