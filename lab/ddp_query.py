@@ -10,6 +10,15 @@ WAYS = {"broadcast": (socket.AF_INET, "255.255.255.255", 5562),
         "ipv6": (socket.AF_INET6, "ff12::12", 5564)}
 
 
+def record(mac, name="Fake", serial="1", address="192.168.1.99", mask="255.255.255.0", **fields):
+    """An identity record of anything: texts, or bytes where they are none."""
+    pairs = {"SID": "0", "OAN": "T", "OVN": "V", "SAN": "T", "SVN": "V", "LOC": name, "MKC": "M#", "SNR": serial,
+             "ASK": "false", "IPA": address, "SNM": mask, "GWA": "0.0.0.0", "MAA": mac, "EXTSID": "0",
+             "EXTAPPVER": "1.0", **fields}
+    return b"\t".join(key.encode() + b":" + (value if isinstance(value, bytes) else value.encode())
+                      for key, value in pairs.items()) + b"\r\n"
+
+
 class Caller:
     """The sockets that one way needs on `interface`: one to send from, and where the answers come in. The answer to a
     request by IPv4 multicast goes to the group, whoever asked: a second socket, a member of it, hears that."""

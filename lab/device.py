@@ -8,6 +8,7 @@ import shutil
 import socket
 import sys
 
+import ddp_query
 from testnet import eventually
 
 DAEMON = os.path.abspath(sys.argv.pop(1)) if len(sys.argv) > 1 else sys.exit("usage: PROGRAM TARNDDPD [...]")
@@ -25,9 +26,9 @@ def request(*fields):
 
 
 def record(kind, name, code, serial, ip, mask, gateway, mac, firmware):
-    return (f"SID:0\tOAN:{kind}\tOVN:Orvalle Labs\tSAN:{kind}\tSVN:Orvalle Labs\tLOC:{name}\tMKC:{code}#\t"
-            f"SNR:{serial}\tASK:false\tIPA:{ip}\tSNM:{mask}\tGWA:{gateway}\tMAA:{mac}\tEXTSID:0\t"
-            f"EXTAPPVER:{firmware}\r\n").encode()
+    """The daemon's own."""
+    return ddp_query.record(mac, name, serial, ip, mask, OAN=kind, OVN="Orvalle Labs", SAN=kind, SVN="Orvalle Labs",
+                            MKC=f"{code}#", GWA=gateway, EXTAPPVER=firmware)
 
 
 IDENT, ENABLE = request("DEVICEIDENT?"), request("DEVICEENABLEIDENT!")

@@ -21,6 +21,7 @@ import pyte  # noqa: E402
 
 import ddp_query  # noqa: E402
 import testnet  # noqa: E402
+from ddp_query import record  # noqa: E402,F401
 from testnet import eventually  # noqa: E402,F401
 
 if len(sys.argv) < 3:
@@ -167,12 +168,3 @@ def link_local(mac):
     octets = bytearray(bytes.fromhex(mac.replace(":", "")))
     octets[0] ^= 2
     return socket.inet_ntop(socket.AF_INET6, b"\xfe\x80" + bytes(6) + octets[:3] + b"\xff\xfe" + octets[3:])
-
-
-def record(mac, name="Fake", serial="1", address="192.168.1.99", mask="255.255.255.0", **fields):
-    """An identity record of anything: texts, or bytes where they are none."""
-    pairs = {"SID": "0", "OAN": "T", "OVN": "V", "SAN": "T", "SVN": "V", "LOC": name, "MKC": "M#", "SNR": serial,
-             "ASK": "false", "IPA": address, "SNM": mask, "GWA": "0.0.0.0", "MAA": mac, "EXTSID": "0",
-             "EXTAPPVER": "1.0", **fields}
-    return b"\t".join(key.encode() + b":" + (value if isinstance(value, bytes) else value.encode())
-                      for key, value in pairs.items()) + b"\r\n"
