@@ -282,6 +282,7 @@ class Hostile(unittest.TestCase):
         self.addCleanup(subprocess.run, ["ip", "link", "set", port, "up"], check=True)
         for state, link in (("up", ""), ("down", " (no link: is the cable plugged in?)")):
             subprocess.run(["ip", "link", "set", port, state], check=True)
+            self.assertTrue(eventually(lambda: (self.pc.interface()["operstate"] == "UP") == (not link)))
             self.assertEqual(Run(self.pc, "scan", "--json", "--time", "1").end(), (1, "", (
                 f"tarnddp: no device answered on eth0 (192.168.1.3/24){link}\n"
                 "tarnddp: if one is there, a firewall of this PC may keep its answers out: they are UDP from the ports 5562 and "
