@@ -214,6 +214,10 @@ class Hostile(unittest.TestCase):
             self.assertIn("no address" if form else "Pr\u00fcf \\x1b[2J", out)
             self.assertNotRegex(out + err, r"[^\n\r -~\u00fc]")
 
+        fake.close()
+        self.fake(iter([record("02:00:00:00:01:05")]))   # it answers one request, by one way
+        self.assertEqual(Run(self.pc, "--expect", "1", "--time", "300").end()[0], 0)
+
     def crowd(self):
         macs = [f"02:00:00:00:03:{number:02x}" for number in range(100)]
         self.fake([record(mac, "x" * 700) for mac in macs])
