@@ -1,28 +1,18 @@
-"""What the daemon answers, with the service and without, and what it hands on."""
+"""What the daemon answers, hands on and traces."""
 
+import json
 import os
 import pathlib
 import signal
 import unittest
 
-from case import DeviceTest, ddp_query, eventually
-from device import ACK, ENABLE, IDENT, NACK, QUIET, SERVICE_RECORD, record, request
+from case import DeviceTest, eventually, testnet
+from device import ACK, ENABLE, FIFO, IDENT, MAC, NACK, QUIET, SERVICE_RECORD, record, request
 
-GET_NETWORK = "RPCConf.GetNetwork"
+LEASE = request("SETDHCPMODE!", "1")
 
 
-class Answers(DeviceTest):
-    def test_ways_and_calls(self):
-        """Each way leads to the record. An unknown command is forwarded as it stands, if it is a direct one."""
-        for way in ddp_query.WAYS:
-            self.attach()
-            self.assertEqual(self.ask(b"deviceIdentExt?\tan argument\r", way), SERVICE_RECORD)
-            self.assertIsNone(self.ask(b"Any.Word\tcaf\xe9 <&>\r\n", way, QUIET))
-            forwarded = [{"MethodID": "RPCSys::SendSysCmd", "Msg": "Any.Word\tcaf\xe9 <&>\n"}]   # as XML has line ends
-            self.assertEqual([call["params"] for call in self.service.Calls()], [
-                [{"MethodID": "RPCMeas::GetGlobalSysInfos"}], [{"DeviceName": "", "MethodID": "RPCConf::GetNetwork"}],
-                *([forwarded] if way == "ipv6" else [])])
-
+class Service(DeviceTest):
     def test_service_that_is_odd_faulty_or_away(self):
         """The two records never mix, and the service is found again. No descriptor is lost, no command inherits one."""
         self.start_daemon()
@@ -34,7 +24,7 @@ class Answers(DeviceTest):
                 ({}, {"DeviceName": "a <b> & 'c'", "DHCPActive": 2}, [special], True),
                 ({"slow": 0.2}, {}, [SERVICE_RECORD], True),
                 ({"fault": 4}, {}, [record("", "", "XT0000", *6 * [""])], True),
-                ({"slow": 0.7, "only": GET_NETWORK}, {}, [fallback], False),
+                ({"slow": 0.7, "only": "RPCConf.GetNetwork"}, {}, [fallback], False),
                 ({"close": True}, {}, [SERVICE_RECORD, fallback], False)):
             self.attach(behaviour, **facts)
             before = self.daemon.sockets()
@@ -46,6 +36,26 @@ class Answers(DeviceTest):
         self.attach()
         self.assertEqual(len(self.daemon.descriptors()), len(descriptors))
         self.assertEqual([], [one for number, one in descriptors.items() if number > 2 and not one[1] & os.O_CLOEXEC])
+
+    def test_settings(self):
+        """The one call that a command makes, and the record afterwards."""
+        known, new = ("192.168.1.10", "255.255.255.0", "192.168.1.1"), ("10.0.0.2", "<m>", "10.0.0.1")
+        for datagram, facts, settings, on in (
+                (request("SETIPADDRESS!", *new, "10.0.0.53"), {}, (*new, "10.0.0.53"), False),
+                (request("setIPaddress!", MAC, *new[:2]), {}, (*new[:2], "", ""), False),
+                (request("SETDHCPMODE!", "00"), {}, (*known, "192.168.1.53"), False),
+                (LEASE, {"DNSAddresses": ["1.1.1.1", "2.2.2.2"]}, (*known, "1.1.1.1"), True),
+                (LEASE, {"DNSAddresses": "1.1.1.1"}, (*known, ""), True),
+                (LEASE, {"DNSAddresses": [5]}, (*known, ""), True)):
+            self.attach(**facts)
+            self.assertEqual(self.ask(datagram, "broadcast"), ACK)
+            calls = [call["params"] for call in self.service.Calls() if call["method"] == "RPCConf.SetNetwork"]
+            ip, mask, gateway, dns = settings
+            self.assertEqual(calls, [[{
+                "MethodID": "RPCConf::SetNetwork", "DeviceName": "", "IPAddress": ip, "SubnetMask": mask,
+                "GatewayAddress": gateway, "DNSAddresses": [dns], "DHCPActive": on, "Save": True, "Activate": True}]])
+            shown = f"\tASK:{str(on).lower()}\tIPA:{ip}\tSNM:{mask}\tGWA:{gateway}\t"
+            self.assertIn(shown.encode(), self.ask(IDENT))
 
     def test_commands_that_run_something(self):
         """One shell line, only if direct and while the service is connected; `halt`."""
@@ -82,6 +92,44 @@ class Answers(DeviceTest):
                 while NACK not in answers and None not in answers:
                     answers.append(caller.receive(10)[0])
                 self.assertEqual(answers, [ACK for _, is_taken in handful if is_taken] + [NACK], (way, first))
+
+    def test_text_goes_the_way_of_the_last_request(self):
+        self.attach()
+        for way in ("broadcast", "ipv6", "ipv4"):   # the last: what goes to the group is heard again, as a request
+            self.assertEqual(self.ask(request("SYSTRACE!", "1")), ACK)
+            self.assertEqual(self.ask(IDENT, way), SERVICE_RECORD)
+            for written, pieces in ((b"cut\0here", [b"cut"]), (b"\0x", [b""]), (b"b" * 2047, [b"b" * 2047]),
+                                    (b"a" * 3000, [b"a" * 2047 + b"\n", b"a" * 952])):
+                pathlib.Path(FIFO).write_bytes(written)
+                self.assertEqual([self.callers[way].receive(2)[0] for _ in pieces], pieces, way)
+        self.assertEqual(self.ask(request("SYSTRACE!", "0")), ACK)
+        self.assertIsNone(self.ask(request("SYSTRACE!", "1"), "broadcast", QUIET))
+        pathlib.Path(FIFO).write_bytes(b"unheard")
+        self.assertIsNone(self.callers["broadcast"].receive(QUIET)[0])
+
+    def test_argument_that_does_not_convert_ends_the_daemon(self):
+        self.start_daemon(prefix=("sh", "-c", 'ulimit -c 0; exec "$@"', "sh"))
+        for way in ("broadcast", "ipv4", "ipv6"):
+            self.assertIsNone(self.daemon.process.poll())
+            self.assertIsNone(self.ask(request("SYSTRACE!", "yes"), way, QUIET))
+        self.assertEqual(self.daemon.process.wait(3), -signal.SIGABRT)
+        cause, = self.daemon.complaints()
+        self.assertTrue(cause.startswith("tarnddpd: aborted: bad lexical cast"), cause)
+        self.start_daemon()
+
+
+class Alone(DeviceTest):
+    with_service = False
+
+    def test_lease(self):
+        """Even to switch it off."""
+        host = self.net.host("server", "192.168.1.4/24")
+        testnet.start_udhcpd(host, self.net.folder, "192.168.1.40", "192.168.1.40", "option router 192.168.1.4",
+                             "option dns 192.168.1.54", "option broadcast 192.168.1.127")
+        self.assertEqual(self.ask(request("SETDHCPMODE!", "0"), "ipv4", 5), ACK)
+        self.assertEqual(self.ask(IDENT), self.fallback_record("192.168.1.40", gateway="192.168.1.4"))
+        self.assertIn('"broadcast": "192.168.1.127"', json.dumps(self.device.interface()))
+        self.assertEqual(pathlib.Path("/etc/resolf.conf").read_text("ascii"), "nameserver 192.168.1.54\n")
 
 
 if __name__ == "__main__":

@@ -8,7 +8,8 @@ namespace {
 
 constexpr char NO_FOLDER[] = "Could not create directory \"/temp/tsl_app\n";
 constexpr char NO_FOLDER_MODES[] = "Could not change access permissions of /tmp/tsl_app\n";
-constexpr char NO_PIPE[] = "Could not create FIFO\n\nCould not change access permissions for fifoFTPR\n";
+constexpr char NO_PIPE[] = "Could not create FIFO\n\n";
+constexpr char NO_PIPE_MODES[] = "Could not change access permissions for fifoFTPR\n";
 constexpr char NOT_OPEN[] = "Error at open\n\n";
 
 /// $D and $P in the command are the folder and the pipe.
@@ -30,13 +31,15 @@ std::string Opened(TracePipe& pipe, bool& isUsable) {
 
 }  // namespace
 
-/// As in a C library that cannot change modes without following links. End-to-end tests have the other kind.
+/// As in a C library that cannot change modes without following links; end-to-end tests have the other kind. Or
+/// refused.
 extern "C" int fchmodat(int, const char*, mode_t, int flags) noexcept {
-  return errno = flags == AT_SYMLINK_NOFOLLOW ? EOPNOTSUPP : EINVAL, -1;
+  const bool isRefused = access("/tmp/refused", F_OK) == 0;
+  return errno = isRefused ? EPERM : flags == AT_SYMLINK_NOFOLLOW ? EOPNOTSUPP : EINVAL, -1;
 }
 
 TEST(TracePipe, IsMadeForEveryoneAndLeftAsSomebodyMadeIt) {
-  const std::string make = "mkdir $D; mkfifo $P; ";
+  const std::string make = "mkdir $D; mkfifo $P; ", noPipe = NO_PIPE + (NO_PIPE_MODES + std::string(NOT_OPEN));
   const std::tuple<std::string, bool, std::string> rows[] = {
       {"true", true, "777 777 "},
       {make + "chmod 0 $P; chmod 5 $D", true, "777 777 "},  // half-made by an earlier start
@@ -46,10 +49,11 @@ TEST(TracePipe, IsMadeForEveryoneAndLeftAsSomebodyMadeIt) {
       {make + "chmod 2 $P; chmod 7 $D; chown 1 $P $D", true, "7 2 "},
       {"mkdir $D; mkdir -m 2 $P", true, std::string(NOT_OPEN) + "755 2 "},  // no pipe
       {make + "mv $P /tmp/other; ln -s /tmp/other $P", true, std::string(NOT_OPEN) + "755 777 "},
-      {"ln -s /tmp/nowhere $D", false, NO_FOLDER + (NO_FOLDER_MODES + std::string(NO_PIPE)) + NOT_OPEN + "777 - "},
-      {"mkdir $D; ln -s nowhere $P", false, std::string(NO_PIPE) + NOT_OPEN + "755 777 "}};
+      {"ln -s /tmp/nowhere $D", false, NO_FOLDER + (NO_FOLDER_MODES + noPipe) + "777 - "},
+      {"mkdir $D; ln -s nowhere $P", false, noPipe + "755 777 "},
+      {"touch /tmp/refused", false, NO_FOLDER_MODES + (NO_PIPE_MODES + std::string("5 0 "))}};
   for (const auto& [prepare, isUsable, expected] : rows) {
-    Shell("umask 022; rm -rf /tmp/other $D; " + prepare);
+    Shell("umask 022; rm -rf /tmp/other /tmp/refused $D; " + prepare);
     const int descriptors = CountDescriptors();
     TracePipe pipe;
     bool result = !isUsable;
@@ -60,6 +64,7 @@ TEST(TracePipe, IsMadeForEveryoneAndLeftAsSomebodyMadeIt) {
     for (const int descriptor : {pipe.descriptor, pipe.watch}) close(descriptor);
     EXPECT_EQ(descriptors, CountDescriptors()) << prepare;
   }
+  Shell("rm /tmp/refused");
   EXPECT_FALSE(Enabled) << "until it is switched on";
 }
 

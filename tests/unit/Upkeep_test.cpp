@@ -60,6 +60,7 @@ TEST_F(Upkeep, JoinsWhereAMembershipIsMissingAndOnlyThere) {
       {"ip link del tarn2", ""},
       {"ip link add tarn2 type veth peer name tarn3 && ip link set tarn2 up", "-4 +4 -6 +6 "},
       {"ip link del tarn2", ""}};
+  EXPECT_EQ("+4 +6 ", Next(6, "lo"));
   for (const auto& [change, expected] : rows) {
     ASSERT_EQ(0, std::system(change)) << change;
     EXPECT_EQ(expected, Next(6, "tarn2")) << change;
