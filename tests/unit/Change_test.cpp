@@ -2,52 +2,57 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "DeviceSamples.h"
 
 namespace tarnddp {
 namespace {
 
-Device MakeDevice(int id, const std::string& mac, std::vector<Source> sources,
-                  const std::string& address = "192.168.1.10") {
-  return {id, RecordOf(mac, std::to_string(id), address), std::move(sources)};
+/// "ADDRESS/PREFIX GATEWAY on", each - if it is not known, and behind them where answers come from.
+Seen SeenAs(const std::string& words) {
+  std::istringstream text(words);
+  std::string address, gateway, dhcp;
+  text >> address >> gateway >> dhcp;
+  Seen seen;
+  const std::size_t slash = address.find('/');
+  if (address != "-") seen.settings.address = address.substr(0, slash);
+  if (slash != std::string::npos) seen.settings.prefix = ParsePrefix(address.substr(slash + 1));
+  if (gateway != "-") seen.settings.gateway = gateway;
+  if (dhcp != "-") seen.settings.dhcp = dhcp == "on";
+  for (std::string from; text >> from;) seen.answering.push_back(from);
+  return seen;
 }
-
-const Source ipv6 = {"eth0", Way::IPv6, "fe80::5%eth0"}, group = {"eth0", Way::IPv4, "192.168.1.10"},
-             broadcast = {"eth0", Way::Broadcast, "192.168.1.10"}, routed = {"eth0", Way::IPv6, "2001:db8::5"};
-constexpr const char* mac = "00-1B-C4-0A-FF-05";
 
 TEST(StaticAddress, IsRefusedWhereNoHostCanHaveIt) {
   const struct {
-    const char *address, *prefix, *gateway, *dns, *problem;
-  } cases[] = {{"192.168.1.20", "24", "", "", ""},
-               {"192.168.1.20", "24", "192.168.1.1", "10.0.0.53", ""},
-               {"192.168.1.20", "24", "0.0.0.0", "0.0.0.0", ""},
-               {"192.168.1.20", "30", "", "", "network itself"},
-               {"192.168.1.23", "30", "", "", "broadcast"},
-               {"192.168.1.20", "1", "", "", ""},
-               {"192.168.1.20", "0", "", "", "1 to 30"},
-               {"192.168.1.20", "31", "", "", "1 to 30"},
-               {"192.168.1.20", "", "", "", "1 to 30"},
-               {"192.168.1.020", "24", "", "", "no IPv4"},
-               {"bench\x1b", "24", "", "", "bench\\x1b"},
-               {"127.1.2.3", "8", "", "", "loopback"},
-               {"224.0.5.128", "24", "", "", "group"},
-               {"0.1.2.3", "8", "", "", "no address of a host"},
-               {"255.255.255.254", "24", "", "", "no address of a host"},
-               {"192.168.1.3", "24", "", "", "this PC"},
-               {"192.168.1.20", "24", "192.168.1.20", "", "itself"},
-               {"192.168.1.20", "24", "router", "", "gateway"},
-               {"192.168.1.20", "24", "192.168.1.255", "", "broadcast"},
-               {"192.168.1.20", "24", "192.168.2.255", "", ""},
-               {"192.168.1.20", "24", "", "224.0.0.1", "name server"},
-               {"192.168.1.20", "24", "", "192.168.01.1", "name server"}};
+    const char* problem;
+    std::vector<const char*> wanted;  // address, prefix, gateway, name server
+  } cases[] = {
+      {"",
+       {"192.168.1.20 24 192.168.1.1 10.0.0.53", "192.168.1.20 1 0.0.0.0 0.0.0.0", "192.168.1.20 24 192.168.2.255"}},
+      {"network itself", {"192.168.1.20 30"}},
+      {"broadcast", {"192.168.1.23 30", "192.168.1.20 24 192.168.1.255"}},
+      {"1 to 30", {"192.168.1.20 0", "192.168.1.20 31", "192.168.1.20"}},
+      {"\"bench\\x1b\" is no", {"bench\x1b 24"}},
+      {"loopback", {"127.1.2.3 8"}},
+      {"group", {"224.0.5.128 24", "239.255.255.254 24"}},
+      {"no address of a host", {"0.1.2.3 8", "240.0.0.1 24"}},
+      {"this PC", {"192.168.1.3 24"}},
+      {"the gateway 192.168.1.20 is the address itself", {"192.168.1.20 24 192.168.1.20"}},
+      {"gateway \"router\"", {"192.168.1.20 24 router"}},
+      {"name server 224.0.0.1", {"192.168.1.20 24 0.0.0.0 224.0.0.1"}}};
   for (const auto& c : cases) {
-    StaticAddress wanted;
-    const std::string problem = ReadStaticAddress(c.address, c.prefix, c.gateway, c.dns, {0xc0a80103}, wanted);
-    EXPECT_EQ(*c.problem == '\0', problem.empty())
-        << c.address << '/' << c.prefix << ' ' << c.gateway << ": " << problem;
-    EXPECT_NE(std::string::npos, problem.find(c.problem)) << problem;
-    EXPECT_EQ(problem.empty(), wanted.address != 0);
+    for (const char* words : c.wanted) {
+      std::istringstream text(words);
+      std::string address, prefix, gateway, dns;
+      text >> address >> prefix >> gateway >> dns;
+      StaticAddress read;
+      const std::string problem = ReadStaticAddress(address, prefix, gateway, dns, {0xc0a80103}, read);
+      EXPECT_EQ(*c.problem == '\0', problem.empty()) << words << ": " << problem;
+      EXPECT_NE(std::string::npos, problem.find(c.problem)) << problem;
+      EXPECT_EQ(problem.empty(), read.address != 0);
+    }
   }
 }
 
@@ -56,241 +61,169 @@ TEST(StaticAddress, KeepsAGatewayThatIsOfUse) {
     const char* before;
     std::optional<IPv4> gateway;
     const char* target;
-    bool unwise;
+    bool isUnwise;
   } cases[] = {{"192.168.1.1", {}, "192.168.1.1", false},
                {"192.168.2.1", {}, "", false},
-               {"192.168.1.20", {}, "", false},
                {"192.168.1.255", {}, "", false},
                {"\x1b", {}, "", false},
                {"192.168.1.1", 0, "", false},
-               {"192.168.1.1", 0xc0a801fe, "192.168.1.254", false},
                {"192.168.1.1", 0xc0a802fe, "192.168.2.254", true}};
   for (const auto& c : cases) {
-    const StaticAddress wanted = {0xc0a80114, 24, c.gateway, {}};
+    const auto dns = c.gateway ? std::optional<IPv4>(0x0a000035) : std::nullopt;
+    const StaticAddress wanted = {0xc0a80114, 24, c.gateway, dns};
     const Target target = TargetOf(wanted, {"10.0.0.1", 8, c.before, true});
-    EXPECT_EQ(target.settings,
-              (Settings{"192.168.1.20", 24, *c.target ? std::optional<std::string>(c.target) : std::nullopt, false}));
-    EXPECT_EQ(target.notes.size(), c.gateway ? 1U : 2U);  // about the gateway, and always about the name server
-    EXPECT_EQ(StaticFields(target), (std::vector<std::string>{"192.168.1.20", "255.255.255.0", c.target, ""}));
-    EXPECT_EQ(c.unwise, !UnwiseGateway(wanted).empty());
+    EXPECT_EQ(StaticFields(target),
+              (std::vector<std::string>{"192.168.1.20", "255.255.255.0", c.target, dns ? "10.0.0.53" : ""}));
+    EXPECT_EQ(target.notes.size(), dns ? 0U : 2U);
+    EXPECT_EQ(c.isUnwise, !UnwiseGateway(wanted).empty());
+    EXPECT_EQ(false, target.settings.dhcp);
   }
 }
 
-TEST(StaticAddress, IsInForceOnlyIfAllThatWasSaidIs) {
-  const Seen seen = {{"192.168.1.20", 24, "192.168.1.1", false}, {"192.168.1.20"}};
-  const StaticAddress same = {0xc0a80114, 24, {}, {}};
-  const auto with = [&](auto change) {
-    StaticAddress wanted = same;
-    change(wanted);
-    return IsInForce(wanted, seen);
-  };
-  EXPECT_TRUE(IsInForce(same, seen));
-  EXPECT_TRUE(with([](StaticAddress& w) { w.gateway = 0xc0a80101; }));
-  EXPECT_FALSE(with([](StaticAddress& w) { w.gateway = 0xc0a80102; }));
-  EXPECT_FALSE(with([](StaticAddress& w) { w.gateway = 0; }));
-  EXPECT_FALSE(with([](StaticAddress& w) { w.prefix = 25; }));
-  EXPECT_FALSE(with([](StaticAddress& w) { w.dns = 0xc0a80101; }));
-  EXPECT_FALSE(IsInForce(same, {{"192.168.1.20", 24, "192.168.1.1", true}, {}}));
-  EXPECT_TRUE(IsInForce(same, {{"192.168.1.20", 24, "10.0.0.1", {}}, {}}));
-  EXPECT_FALSE(IsInForce(same, {seen.settings, {"192.168.1.20", "192.168.1.9"}}));
+/// "ID MAC SENDER...": by broadcast behind a *.
+Device DeviceOf(const std::string& words) {
+  std::istringstream text(words);
+  std::string id, mac;
+  text >> id >> mac;
+  Device device = {std::stoi(id), RecordOf(mac, id, "192.168.1.10"), {}};
+  for (std::string sender; text >> sender;) {
+    device.sources.push_back(SourceOf("eth0", sender.substr(sender.find_first_not_of('*'))));
+    if (sender[0] == '*') device.sources.back().way = Way::Broadcast;
+  }
+  return device;
 }
 
-/// What would be sent to the first of `devices`: way, where, request; or why nothing.
-std::string Sent(const std::vector<Device>& devices) {
-  std::string why;
-  const auto path = PathTo(devices[0], devices, why);
-  if (!path) return why;
-  return std::string(WayName(path->to.way)) + ' ' + path->to.address + ' ' + Request(*path, "SETDHCPMODE!", {"1"});
-}
+constexpr const char* mac = "00-1B-C4-0A-FF-05";
 
 TEST(Path, ReachesOneDeviceAloneOrNone) {
-  const Source other = {"eth0", Way::IPv6, "fe80::6%eth0"};
-  const Device second = MakeDevice(2, "00:1b:c4:0a:ff:06", {other, group});
-  const char *toLinkLocal = "ipv6 fe80::5%eth0 SETDHCPMODE!\t1\r\n",
-             *toAddress = "broadcast 192.168.1.10 SETDHCPMODE!\t00-1B-C4-0A-FF-05\t1\r\n",
-             *toGroup = "ipv4 192.168.1.10 SETDHCPMODE!\t00-1B-C4-0A-FF-05\t1\r\n",
-             *noMac = "its record holds no usable MAC address", *shared = "another device has the same MAC address";
-  EXPECT_EQ(toLinkLocal, Sent({MakeDevice(1, mac, {ipv6, group, broadcast}), second}));
-  EXPECT_EQ(toLinkLocal, Sent({MakeDevice(1, "", {ipv6}), second}));
-  EXPECT_EQ(toAddress, Sent({MakeDevice(1, mac, {group, broadcast})}));
-  EXPECT_EQ(toAddress, Sent({MakeDevice(1, mac, {routed, broadcast})}));
-  EXPECT_EQ(toGroup, Sent({MakeDevice(1, mac, {group})}));
-  EXPECT_EQ(toGroup, Sent({MakeDevice(1, mac, {group, broadcast}), second}));  // two with one address
-  EXPECT_EQ(toAddress, Sent({MakeDevice(1, mac, {ipv6, broadcast}), MakeDevice(2, "x", {ipv6})}));
-  EXPECT_EQ(shared, Sent({MakeDevice(1, mac, {broadcast}), MakeDevice(2, "00:1b:c4:0a:ff:05", {other})}));
-  for (const char* text : {"", "00:00:00:00:00:00", "000000000000", "00:1b:c4:0a:ff", "0:1b:c4:a:ff:5",
-                           "001b.c40a.ff05", "001bc40aff05:\t1", "192.168.1.1"}) {
-    EXPECT_EQ(noMac, Sent({MakeDevice(1, text, {group, broadcast})})) << text;
+  const std::string m = mac, own = "1 " + m, toLinkLocal = "ipv6 fe80::5%eth0 SETDHCPMODE!\t1\r\n",
+                    toAddress = "broadcast 192.168.1.10 SETDHCPMODE!\t" + m + "\t1\r\n",
+                    toGroup = "ipv4 192.168.1.10 SETDHCPMODE!\t" + m + "\t1\r\n",
+                    noMac = "its record holds no usable MAC address";
+  const struct {
+    std::string first, second, sent;
+  } cases[] = {{own + " fe80::5 192.168.1.10 *192.168.1.10", "2 6 fe80::6 192.168.1.10", toLinkLocal},
+               {"1 - fe80::5", "2 6 fe80::6", toLinkLocal},
+               {own + " 2001:db8::5 *192.168.1.10", "2 6 fe80::6", toAddress},
+               {own + " 192.168.1.10 *192.168.1.10", "2 6 fe80::6", toAddress},
+               {own + " 192.168.1.10", "2 6 fe80::6", toGroup},
+               {own + " 192.168.1.10 *192.168.1.10", "2 6 192.168.1.10", toGroup},  // two with one address
+               {own + " *192.168.1.10", "2 00:1b:c4:0a:ff:05 fe80::6", "another device has the same MAC address"},
+               {own + " fe80::5", "2 x fe80::5", "another device answers from the same IPv6 address"},
+               {"1 001b.c40a.ff05 *192.168.1.10", "2 6 fe80::6", noMac}};
+  for (const auto& c : cases) {
+    const std::vector<Device> devices = {DeviceOf(c.first), DeviceOf(c.second)};
+    std::string sent;
+    if (const auto path = PathTo(devices[0], devices, sent))
+      sent = WayName(path->to.way) + (' ' + path->to.address) + ' ' + Request(*path, "SETDHCPMODE!", {"1"});
+    EXPECT_EQ(c.sent, sent) << c.first;
   }
-  EXPECT_EQ("another device answers from the same IPv6 address",
-            Sent({MakeDevice(1, mac, {ipv6}), MakeDevice(2, "x", {ipv6})}));
 }
 
 TEST(Path, IsNamedByWhatMeansOneDevice) {
-  Device odd = MakeDevice(3, "x", {ipv6}), serial = MakeDevice(4, "x", {group});
+  Device odd = DeviceOf("3 x fe80::5"), serial = DeviceOf("4 x 192.168.1.10");
+  const Device own = DeviceOf(std::string("1 ") + mac + " fe80::5 192.168.1.10 *192.168.1.10");
   odd.record.serial = "$(halt)";
-  const std::vector<Device> devices = {MakeDevice(1, mac, {broadcast, group, ipv6}), odd, serial};
+  const std::vector<Device> devices = {own, odd, serial};
   const char* arguments[] = {"00:1b:c4:0a:ff:05", "fe80::5%eth0", "4"};
   for (std::size_t i = 0; i < devices.size(); ++i) EXPECT_EQ(arguments[i], ArgumentFor(devices[i], devices));
   EXPECT_EQ("192.168.1.10", ArgumentFor(serial, {serial, serial}));
-  EXPECT_EQ((std::vector<std::string>{"192.168.1.10"}), SeenOf(devices[0]).answering);
+  EXPECT_EQ((std::vector<std::string>{"192.168.1.10"}), SeenOf(own).answering);
 }
 
-TEST(Holders, AreDevicesHeardAndUnknownNeighbours) {
-  const Device own = MakeDevice(1, mac, {ipv6}), other = MakeDevice(2, "00:1b:c4:0a:ff:06", {group}, "10.0.0.1");
-  const auto holders = [&](const char* address, const std::optional<std::string>& neighbour) {
-    std::vector<int> ids;
-    for (const Holder& one : HoldersOf(ParseIPv4(address).value(), own, {own, other}, neighbour))
-      ids.push_back(one.device);
-    return ids;
-  };
-  EXPECT_EQ(std::vector<int>({2}), holders("10.0.0.1", {}));
-  EXPECT_EQ(std::vector<int>({2}), holders("192.168.1.10", {}));  // it answers from there
-  EXPECT_EQ(std::vector<int>(), holders("10.0.0.2", {}));
-  EXPECT_EQ(std::vector<int>({0}), holders("10.0.0.2", "00:1b:c4:0a:ff:07"));
-  EXPECT_EQ(std::vector<int>(), holders("10.0.0.2", "00:1b:c4:0a:ff:06"));  // what it had before
-  EXPECT_EQ(std::vector<int>(), holders("10.0.0.2", "00:1b:c4:0a:ff:05"));
-}
+TEST(Judgement, TellsWhatCameOfAChange) {
+  const std::string wanted = "10.0.0.2/16 - off", before = "192.168.1.10/24 192.168.1.1 - 192.168.1.10",
+                    old = "192.168.1.10/24 192.168.1.1 off", one = "1.1.1.1/24 1.1.1.9 ", two = "2.2.2.2/24 1.1.1.9 ";
+  const std::string unchanged = "unchanged: acknowledged, but nothing has changed",
+                    neither = "unchanged: not acknowledged, and nothing has changed",
+                    doubt = ", although it was not acknowledged", refused = "refused: the device refused it",
+                    gone = "acknowledged, and not heard again since", is = "10.0.0.2/16, no gateway",
+                    oneIs = "1.1.1.1/24, gateway 1.1.1.9", twoIs = "2.2.2.2/24, gateway 1.1.1.9";
 
-std::string Told(const Outcome& outcome) { return std::string(ResultName(outcome.result)) + ": " + outcome.words; }
-
-const std::string unchanged = "unchanged: acknowledged, but nothing has changed",
-                  neither = "unchanged: not acknowledged, and nothing has changed",
-                  doubt = ", although it was not acknowledged", refused = "refused: the device refused it",
-                  gone = ", and not heard again since";
-
-TEST(Judgement, TellsWhatCameOfAStaticAddress) {
-  const Settings wanted = {"10.0.0.2", 16, {}, false};
-  const Seen before = {{"192.168.1.10", 24, "192.168.1.1", {}}, {"192.168.1.10"}}, done = {wanted, {"10.0.0.2"}};
-  const Seen old = {{"192.168.1.10", 24, "192.168.1.1", false}, {}};
-  const std::string is = "10.0.0.2/16, no gateway", differs = "different: it answers from ";
+  constexpr Reply ack = Reply::Ack, none = Reply::None, nack = Reply::Nack;
   const struct {
-    std::optional<Seen> after;
+    std::string wanted, before, after;
     Reply reply;
     std::string told;
   } cases[] = {
-      {done, Reply::Ack, "done: " + is},
-      {done, Reply::None, "done: " + is + doubt},
-      {{{wanted, {}}}, Reply::Ack, "done: " + is},
-      {{{{"10.0.0.2", 16, {}, {}}, {}}}, Reply::Ack, "done: " + is},
-      {old, Reply::Ack, unchanged},
-      {old, Reply::None, neither},
-      {before, Reply::Nack, refused},
-      {done, Reply::Nack, refused + ", but its settings are now " + is},
-      {{}, Reply::Nack, refused},
-      {{}, Reply::Ack, "gone: acknowledged" + gone},
-      {{}, Reply::None, "gone: not acknowledged" + gone},
-      {{{old.settings, {"10.0.0.2"}}},
-       Reply::Ack,
-       differs + "10.0.0.2 while its record shows 192.168.1.10 (its service refused, so the interface alone was set), "
-                 "its prefix length is 24, its gateway is 192.168.1.1"},
-      {{{wanted, {"192.168.1.10"}}}, Reply::Ack, differs + "192.168.1.10 while its record shows 10.0.0.2"},
-      {{{{{}, {}, {}, false}, {}}}, Reply::Ack, "different: its address is none, its mask has holes"},
-      {{{{"10.0.0.2", 16, "10.0.0.1", true}, {}}}, Reply::Ack, "different: its gateway is 10.0.0.1, DHCP is still on"}};
-  for (const auto& c : cases) EXPECT_EQ(c.told, Told(JudgeStatic(wanted, before, c.after, c.reply)));
-  EXPECT_EQ("done: " + is, Told(JudgeStatic(wanted, done, done, Reply::Ack)));
-  EXPECT_EQ(neither, Told(JudgeStatic(wanted, done, done, Reply::None)));  // it was so before
-}
-
-TEST(Judgement, TellsWhatCameOfDhcp) {
-  const auto seen = [](const char* address, std::optional<bool> dhcp) {
-    return Seen{{address, 24, "1.1.1.9", dhcp}, {}};
-  };
-  const std::string one = "1.1.1.1/24, gateway 1.1.1.9", two = "2.2.2.2/24, gateway 1.1.1.9",
-                    unseen = ", as far as can be seen: without its service a device never shows DHCP";
-  const struct {
-    const char* address;
-    bool on;
-    std::optional<bool> before, after;
-    Reply reply;
-    std::string told;
-  } cases[] = {{"1.1.1.1", true, false, true, Reply::Ack, "done: " + one + ", by DHCP"},
-               {"1.1.1.1", true, false, true, Reply::None, "done: " + one + ", by DHCP" + doubt},
-               {"1.1.1.1", true, false, false, Reply::Ack, unchanged},
-               {"2.2.2.2", true, false, false, Reply::Ack, "different: DHCP is off with " + two},
-               {"2.2.2.2", true, {}, {}, Reply::Ack, "done: " + two + unseen},
-               {"1.1.1.1", true, {}, {}, Reply::None, neither},
-               {"2.2.2.2",
-                true,
-                {},
-                {},
-                Reply::None,
-                "different: its service is away now, so DHCP cannot be seen; it has " + two},
-               {"1.1.1.1", true, {}, {}, Reply::Nack, refused},
-               {"1.1.1.1", false, true, false, Reply::Ack, "done: " + one},
-               {"1.1.1.1", false, true, true, Reply::Ack, unchanged},
-               {"1.1.1.1",
-                false,
-                true,
-                {},
-                Reply::Ack,
-                "different: its service is away now, so DHCP cannot be seen; it has " + one},
-               {nullptr, true, {}, {}, Reply::Ack, "gone: acknowledged" + gone}};
+      {wanted, before, wanted, none, "done: " + is + doubt},
+      {wanted, before, "10.0.0.2/16 - -", ack, "done: " + is},
+      {wanted, wanted, wanted, ack, "done: " + is},
+      {wanted, wanted, wanted, none, neither},  // it was so before
+      {wanted, before, old, ack, unchanged},
+      {wanted, before, wanted, nack, refused + ", but its settings are now " + is},
+      {wanted, before, "", none, "gone: not " + gone},
+      {wanted, before, old + " 10.0.0.2", ack,
+       "different: it answers from 10.0.0.2 while its record shows 192.168.1.10 (its service refused, so the interface "
+       "alone was set), its prefix length is 24, its gateway is 192.168.1.1"},
+      {wanted, before, wanted + " 192.168.1.10", ack,
+       "different: it answers from 192.168.1.10 while its record shows 10.0.0.2"},
+      {wanted, before, "- - off", ack, "different: its address is none, its mask has holes"},
+      {wanted, before, "10.0.0.2/16 10.0.0.1 on", ack, "different: its gateway is 10.0.0.1, DHCP is still on"},
+      {"on", one + "off", one + "on", none, "done: " + oneIs + ", by DHCP" + doubt},
+      {"on", one + "off", two + "off", ack, "different: DHCP is off with " + twoIs},
+      {"on", one + "-", two + "-", ack,
+       "done: " + twoIs + ", as far as can be seen: without its service a device never shows DHCP"},
+      {"on", one + "-", one + "-", none, neither},
+      {"on", one + "-", one + "-", nack, refused},
+      {"on", one + "-", "", ack, "gone: " + gone},
+      {"off", one + "on", one + "on", ack, unchanged},
+      {"off", one + "on", one + "-", ack,
+       "different: its service is away now, so DHCP cannot be seen; it has " + oneIs}};
   for (const auto& c : cases) {
-    const auto after = c.address != nullptr ? std::optional(seen(c.address, c.after)) : std::nullopt;
-    EXPECT_EQ(c.told, Told(JudgeDhcp(c.on, seen("1.1.1.1", c.before), after, c.reply)));
+    const Seen was = SeenAs(c.before);
+    const auto after = c.after.empty() ? std::nullopt : std::optional(SeenAs(c.after));
+    const bool isDhcp = c.wanted[0] == 'o';
+    const Outcome outcome = isDhcp ? JudgeDhcp(c.wanted == "on", was, after, c.reply)
+                                   : JudgeStatic(SeenAs(c.wanted).settings, was, after, c.reply);
+    EXPECT_EQ(c.told, ResultName(outcome.result) + (": " + outcome.words));
   }
 }
 
 TEST(Restoring, NamesTheCommandThatBringsTheOldSettingsBack) {
-  const Settings now = {"192.168.1.20", 24, "192.168.1.1", false};
   const struct {
-    Settings before;
-    const char* command;
-  } cases[] = {{{"192.168.1.10", 24, "192.168.1.1", true}, "tarnddp dhcp M on"},
-               {{"192.168.1.10", 24, "192.168.1.1", {}}, "tarnddp set-ip M 192.168.1.10/24 --gateway 192.168.1.1"},
-               {{"10.0.0.1", 8, {}, false}, "tarnddp set-ip M 10.0.0.1/8"},
-               {{"192.168.1.10", 24, {}, false}, "tarnddp set-ip M 192.168.1.10/24 --gateway 0.0.0.0"},
-               {{"10.0.0.1", 8, "11.0.0.1", false}, "tarnddp set-ip M 10.0.0.1/8 --gateway 11.0.0.1 --force"},
-               {{"0.0.0.0", 0, {}, false}, ""},
-               {{"10.0.0.1", {}, {}, false}, ""},
-               {{"$(halt)", 8, {}, false}, ""}};
-  for (const auto& c : cases) EXPECT_EQ(c.command, RestoringCommand("M", c.before, now));
+    const char *before, *command;
+  } cases[] = {{"192.168.1.10/24 192.168.1.1 on", "tarnddp dhcp M on"},
+               {"192.168.1.10/24 192.168.1.1 -", "tarnddp set-ip M 192.168.1.10/24 --gateway 192.168.1.1"},
+               {"10.0.0.1/8 - off", "tarnddp set-ip M 10.0.0.1/8"},
+               {"192.168.1.10/24 - off", "tarnddp set-ip M 192.168.1.10/24 --gateway 0.0.0.0"},
+               {"10.0.0.1/8 11.0.0.1 off", "tarnddp set-ip M 10.0.0.1/8 --gateway 11.0.0.1 --force"},
+               {"$(halt)/8 - off", ""}};
+  const Settings now = SeenAs("192.168.1.20/24 192.168.1.1 off").settings;
+  for (const auto& c : cases) EXPECT_EQ(c.command, RestoringCommand("M", SeenAs(c.before).settings, now));
 }
 
 TEST(Reachability, TakesBothEndsInOneNetwork) {
   const std::vector<Interface> heardOn = {{"eth0", 2, true, true, false, true, {{0xc0a80103, 24}}, ""}};
   const struct {
-    Settings settings;
-    const char *route, *word;
-  } cases[] = {
-      {{"192.168.1.20", 24, {}, false}, "eth0", ""},       {{"10.0.0.1", 8, {}, false}, "", "not be"},
-      {{"10.0.0.1", 8, {}, false}, "eth0", "not be"},      {{"10.0.0.1", 8, "10.0.0.2", false}, "eth0", "router"},
-      {{"192.168.1.20", 28, {}, false}, "eth0", "not be"}, {{"192.168.1.4", 29, {}, false}, "eth0", ""}};
+    const char *settings, *route, *word;
+  } cases[] = {{"10.0.0.1/8 - off", "eth0", "no address"},
+               {"10.0.0.1/8 10.0.0.2 off", "eth0", "router"},
+               {"192.168.1.20/28 - off", "", "no route"},
+               {"192.168.1.4/29 - off", "eth0", ""}};
   for (const auto& c : cases) {
-    const std::string note = ReachabilityNote(c.settings, heardOn, c.route);
+    const std::string note = ReachabilityNote(SeenAs(c.settings).settings, heardOn, c.route);
     EXPECT_EQ(*c.word == '\0', note.empty()) << note;
     EXPECT_NE(std::string::npos, note.find(c.word)) << note;
   }
 }
 
 TEST(Forwarding, SendsNothingThatTheDaemonItselfWouldTake) {
-  const std::string filler(1019, 'x'), nul("a\0b", 3);
-  const struct {
-    const char* word;
-    std::vector<std::string> arguments;
-    std::string request;
-  } cases[] = {{"hello", {}, "hello\r\n"},
-               {"Hello", {"a b", "", "00:1b:c4:0a:ff:05"}, "Hello\ta b\t\t00:1b:c4:0a:ff:05\r\n"},
-               {"a", {filler}, "a\t" + filler + "\r\n"},
-               {"a", {filler + "x"}, ""},
-               {"a", {"b\r"}, ""},
-               {"a", {"b", nul}, ""},
-               {"a", {"001bc40aff05"}, ""},
-               {"a", {"00-1b-c4-0a-ff-05"}, ""},
-               {"a", {"001bc40aff05:x"}, ""}};
-  for (const auto& c : cases) {
-    std::string request;
-    EXPECT_EQ(c.request.empty(), !ForwardedRequest(c.word, c.arguments, request).empty()) << c.word;
-    EXPECT_EQ(c.request, request);
-  }
+  const auto request = [](const std::string& word, const std::vector<std::string>& arguments) {
+    std::string built;
+    const std::string problem = ForwardedRequest(word, arguments, built);
+    EXPECT_EQ(built.empty(), !problem.empty()) << word;
+    return built;
+  };
+  const std::string filler(1019, 'x');
+  EXPECT_EQ("Hello\ta b\t\t00:1b:c4:0a:ff:05\r\n", request("Hello", {"a b", "", "00:1b:c4:0a:ff:05"}));
+  EXPECT_EQ("a\t" + filler + "\r\n", request("a", {filler}));
+  for (const std::string& argument : {filler + "x", std::string("a\0b", 3), std::string("001bc40aff05:x")})
+    EXPECT_EQ("", request("a", {argument}));
   for (const char* word :
-       {"", "a\tb", "SYSTRACE!\n", "SysTrace!", "executecommand!", "DEVICEIDENT?", "deviceidentext?", "SETIPADDRESS!",
-        "SETDHCPMODE!", "DEVICEREBOOT!", "DEVICEDISABLEIDENT!", "DEVICEENABLEIDENT!"}) {
-    std::string request;
-    EXPECT_NE("", ForwardedRequest(word, {}, request)) << word;
-    EXPECT_EQ("", request) << word;
-  }
+       {"", "a\tb", "b\r", "SYSTRACE!\n", "SysTrace!", "executecommand!", "DEVICEIDENT?", "deviceidentext?",
+        "SETIPADDRESS!", "SETDHCPMODE!", "DEVICEREBOOT!", "DEVICEDISABLEIDENT!", "DEVICEENABLEIDENT!"})
+    EXPECT_EQ("", request(word, {}));
 }
 
 }  // namespace

@@ -32,10 +32,8 @@ TEST(Events, AreToldOnceAndOnlyOfWhatLasts) {
     std::vector<Finding> findings;
     std::istringstream words(there);
     for (std::string word; words >> word;) {
-      Finding finding;
-      finding.device.id = word[0] - '0';
-      finding.device.record = RecordOf("", "1", "1.1.1.1", word.substr(1, 1));
-      finding.device.sources = {SourceOf("e", "1.1.1.1")};
+      Finding finding = {{word[0] - '0', RecordOf("", "1", "1.1.1.1", word.substr(1, 1)), {}}, {}};
+      finding.device.sources = {SourceOf("e" + std::to_string(ms), "1.1.1.1")};  // which is no news
       for (std::size_t at = 2; at < word.size(); at += 2) finding.problems.push_back(word.substr(at + 1, 1));
       findings.push_back(finding);
     }

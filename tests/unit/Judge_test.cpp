@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
@@ -24,72 +23,44 @@ Host HostWith(ReversePath filter, const std::string& route) {
           [route](IPv4 address) { return address >> 8U == 0xc0a801 ? std::string("e") : route; }};
 }
 
-std::vector<std::string> Problems(const std::vector<Answer>& answers, const Host& host) {
+std::vector<Finding> Judged(const std::vector<std::string>& answers, const Host& host) {
   Devices devices;
-  for (const Answer& answer : answers) devices.Add(answer);
-  std::vector<std::string> problems;
-  for (const Finding& finding : Judge(devices.All(), host))
-    problems.insert(problems.end(), finding.problems.begin(), finding.problems.end());
-  return problems;
+  for (const std::string& words : answers) devices.Add(AnswerOf(words));
+  return Judge(devices.All(), host);
 }
-
-const std::string m = "00:1b:c4:00:00:01", n = "00:1b:c4:00:00:02";
 
 }  // namespace
 
 TEST(Judge, NamesWhatIsSharedAndWhatContradicts) {
-  const Host host = HostWith(ReversePath::Accepts, "");
-  const std::string five = "the MAC address " + m + " in common with ", at = " (" + m + ") at fe80::";
+  const std::string m = "00:1b:c4:00:00:01", common = " in common with ", at = " (" + m + ") at fe80::";
   const struct {
-    std::vector<Answer> answers;
-    std::vector<std::string> problems;
+    std::vector<std::string> answers;
+    std::string problem;  // of the first device
   } cases[] = {
-      {{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "192.168.1.2")},
-        {SourceOf("e", "192.168.1.2"), RecordOf(m, "1", "192.168.1.2")}},
-       {}},
-      {{{SourceOf("e", "192.168.1.9"), RecordOf(m, "1", "192.168.1.2")}},
-       {"its record names the address 192.168.1.2, but it answers from 192.168.1.9"}},
-      {{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "10.0.0.1", "A")},
-        {SourceOf("e", "fe80::2"), RecordOf(n, "2", "10.0.0.1", "B")}},
-       {"has the address 10.0.0.1 in common with B (" + n + ") at fe80::2%e, on e",
-        "has the address 10.0.0.1 in common with A (" + m + ") at fe80::1%e, on e"}},
-      {{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "10.0.0.1", "A")},
-        {SourceOf("f", "fe80::2"), RecordOf(n, "2", "10.0.0.1", "B")}},
-       {"has the address 10.0.0.1 in common with B (" + n + ") at fe80::2%f, on e",
-        "has the address 10.0.0.1 in common with A (" + m + ") at fe80::1%e, on f"}},
-      {{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "0.0.0.0", "A")},
-        {SourceOf("e", "fe80::2"), RecordOf(m, "2", "0.0.0.0", "B")}},
-       {"has the MAC address " + m + " in common with B (" + m + ") at fe80::2%e, on e",
-        "has the MAC address " + m + " in common with A (" + m + ") at fe80::1%e, on e"}},
-      {{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "192.168.1.3")}}, {"this PC has its address 192.168.1.3 as well"}},
-      {{{SourceOf("e", "fe80::3"), RecordOf(m, "1", "192.168.1.3")}}, {}},  // the daemon on this PC
-      {{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "10.0.0.1", "A")},
-        {SourceOf("e", "fe80::2"), RecordOf(m, "1", "10.0.0.2", "B")},
-        {SourceOf("e", "fe80::4"), RecordOf(m, "1", "10.0.0.3", "C")},
-        {SourceOf("e", "fe80::5"), RecordOf(m, "1", "10.0.0.4", "D")},
-        {SourceOf("e", "fe80::6"), RecordOf(m, "1", "10.0.0.5", "E")}},
-       {"has " + five + "B" + at + "2%e, C" + at + "4%e, D" + at + "5%e and 1 more, on e",
-        "has " + five + "A" + at + "1%e, C" + at + "4%e, D" + at + "5%e and 1 more, on e",
-        "has " + five + "A" + at + "1%e, B" + at + "2%e, D" + at + "5%e and 1 more, on e",
-        "has " + five + "A" + at + "1%e, B" + at + "2%e, C" + at + "4%e and 1 more, on e",
-        "has " + five + "A" + at + "1%e, B" + at + "2%e, C" + at + "4%e and 1 more, on e"}},
+      {{"e fe80::1 1 1 192.168.1.2", "e 192.168.1.2 1 1 192.168.1.2"}, ""},
+      {{"e 192.168.1.9 1 1 192.168.1.2"}, "its record names the address 192.168.1.2, but it answers from 192.168.1.9"},
+      {{"e fe80::1 1 1 10.0.0.1 A", "f fe80::2 2 2 10.0.0.1 B"},
+       "has the address 10.0.0.1" + common + "B (00:1b:c4:00:00:02) at fe80::2%f, on e"},
+      {{"e fe80::1 1 1 0.0.0.0 A", "e fe80::2 1 2 0.0.0.0 B"},
+       "has the MAC address " + m + common + "B" + at + "2%e, on e"},
+      {{"e fe80::1 1 1 192.168.1.3"}, "this PC has its address 192.168.1.3 as well"},
+      {{"e fe80::3 1 1 192.168.1.3"}, ""},  // the daemon on this PC
+      {{"e fe80::1 1 1 10.0.0.1 A", "e fe80::2 1 1 10.0.0.2 B", "e fe80::4 1 1 10.0.0.3 C", "e fe80::5 1 1 10.0.0.4 D",
+        "e fe80::6 1 1 10.0.0.5 E"},
+       "has the MAC address " + m + common + "B" + at + "2%e, C" + at + "4%e, D" + at + "5%e and 1 more, on e"},
       // Without a MAC the two halves of one device stand side by side.
-      {{{SourceOf("e", "fe80::1"), RecordOf("", "1", "192.168.1.2")},
-        {SourceOf("e", "192.168.1.2"), RecordOf("", "1", "192.168.1.2")}},
-       {}},
-  };
-  for (const auto& c : cases) EXPECT_EQ(c.problems, Problems(c.answers, host));
+      {{"e fe80::1 - 1 192.168.1.2", "e 192.168.1.2 - 1 192.168.1.2"}, ""}};
+  for (const auto& c : cases) {
+    const std::vector<Finding> found = Judged(c.answers, HostWith(ReversePath::Accepts, ""));
+    EXPECT_EQ(c.problem.empty() ? 0U : 1U, found[0].problems.size()) << c.answers[0];
+    for (const std::string& problem : found[0].problems) EXPECT_EQ(c.problem, problem);
+  }
 }
 
 TEST(Judge, NamesTheOneRouteThatHelps) {
-  const std::vector<Answer> near{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "192.168.1.2")}};
-  const std::vector<Answer> far{{SourceOf("e", "fe80::1"), RecordOf(m, "1", "10.1.2.3")}};
-  const std::string generally =
-      "this PC drops the IPv4 answers of devices in other networks that come to e (reverse-path "
-      "filter, and no route back); as root: ip route add ";
-  const std::string farOne =
-      "this PC drops what 10.1.2.3 sends to e (reverse-path filter, and no route back); as root: "
-      "ip route add 10.1.2.0/24 dev e";
+  const std::string dropped = " (reverse-path filter, and no route back); as root: ip route add ",
+                    farOne = "this PC drops what 10.1.2.3 sends to e" + dropped + "10.1.2.0/24 dev e",
+                    generally = "this PC drops the IPv4 answers of devices in other networks that come to e" + dropped;
   const struct {
     ReversePath filter;
     const char* route;
@@ -97,22 +68,20 @@ TEST(Judge, NamesTheOneRouteThatHelps) {
   } cases[] = {{ReversePath::Accepts, "", "", ""},
                {ReversePath::NeedsAnyRoute, "", farOne, generally + "default dev e"},
                {ReversePath::NeedsAnyRoute, "f", "", ""},
-               {ReversePath::NeedsRouteHere, "", farOne, generally + "default dev e"},
                {ReversePath::NeedsRouteHere, "f", farOne, generally + "NETWORK/PREFIX dev e"},
                {ReversePath::NeedsRouteHere, "e", "", ""}};
   const auto lines = [](const std::string& text) { return std::vector<std::string>(text.empty() ? 0 : 1, text); };
+  const std::vector<std::string> near = {"e fe80::1 1 1 192.168.1.2"}, far = {"e fe80::1 1 1 10.1.2.3"};
   for (const auto& c : cases) {
     const Host host = HostWith(c.filter, c.route);
-    EXPECT_EQ(lines(c.farProblem), Problems(far, host));
-    EXPECT_EQ(lines(""), Problems(near, host));
+    EXPECT_EQ(lines(c.farProblem), Judged(far, host)[0].problems);
+    EXPECT_EQ(lines(""), Judged(near, host)[0].problems);
     EXPECT_EQ(lines(c.general), ExplainFilters({}, host));
-    Devices devices;
-    devices.Add(far[0]);
-    EXPECT_EQ(lines(""), ExplainFilters(Judge(devices.All(), host), host));
+    EXPECT_EQ(lines(""), ExplainFilters(Judged(far, host), host));
   }
   // The network is on another interface too, which the routes prefer.
   Host host = HostWith(ReversePath::NeedsRouteHere, "");
   host.routeInterface = [](IPv4) { return "f"; };
-  ASSERT_EQ(1U, Problems(near, host).size());
-  EXPECT_NE(std::string::npos, Problems(near, host)[0].find("ip route add 192.168.1.2/32 dev e"));
+  EXPECT_EQ(lines("this PC drops what 192.168.1.2 sends to e" + dropped + "192.168.1.2/32 dev e"),
+            Judged(near, host)[0].problems);
 }
