@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace tarnddp {
-namespace {
+using namespace tarnddp;
 
 TEST(Address, IsFourPlainNumbersAndItsMaskHasNoHoles) {
   for (int prefix = 0; prefix <= 32; ++prefix) {
@@ -32,6 +31,3 @@ TEST(Mac, AnyUsualSpellingIsOneAddress) {
     EXPECT_EQ(std::nullopt, ParseMac(text)) << text;
   }
 }
-
-}  // namespace
-}  // namespace tarnddp

@@ -16,9 +16,11 @@ inline tarnddp::Record RecordOf(const std::string& mac, const std::string& seria
   return record;
 }
 
-inline tarnddp::Source SourceOf(const std::string& interface, const std::string& address) {
-  const bool isIPv6 = address.find(':') != std::string::npos;
-  return {interface, isIPv6 ? tarnddp::Way::IPv6 : tarnddp::Way::IPv4, isIPv6 ? address + "%" + interface : address};
+/// `sender` by broadcast with a * before it.
+inline tarnddp::Source SourceOf(const std::string& interface, const std::string& sender) {
+  if (sender[0] == '*') return {interface, tarnddp::Way::Broadcast, sender.substr(1)};
+  const bool isIPv6 = sender.find(':') != std::string::npos;
+  return {interface, isIPv6 ? tarnddp::Way::IPv6 : tarnddp::Way::IPv4, isIPv6 ? sender + "%" + interface : sender};
 }
 
 /// "INTERFACE SENDER MAC SERIAL ADDRESS NAME" with a name of any words.

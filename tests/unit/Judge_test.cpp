@@ -13,12 +13,7 @@ namespace {
 
 /// A PC with 192.168.1.3/24 on e and no other route than to there, unless `route` names where all else goes.
 Host HostWith(ReversePath filter, const std::string& route) {
-  Interface e;
-  e.name = "e";
-  e.hasLink = true;
-  e.subnets = {{0xc0a80103, 24}};
-  e.linkLocal = "fe80::3";
-  return {{e},
+  return {{{"e", 2, true, true, false, true, {{0xc0a80103, 24}}, "fe80::3"}},
           [filter](const std::string&) { return filter; },
           [route](IPv4 address) { return address >> 8U == 0xc0a801 ? std::string("e") : route; }};
 }

@@ -56,10 +56,3 @@ TEST(Render, JsonHasAlwaysAllKeysAndIsAlwaysValid) {
     EXPECT_TRUE(nlohmann::json::accept(json)) << json;
   }
 }
-
-TEST(Render, PlanIsSafeToShowAndLeavesTheUnknownEmpty) {
-  EXPECT_EQ((std::vector<std::string>{m, "7", "\\x1b", "10.0.0.1", "24", "", "", "off"}),
-            PlanRow(FindingOf(RecordOf(m, "7", "10.0.0.1", "\x1b")).device));
-  EXPECT_EQ((std::vector<std::string>{"", "", "", "", "24", "", "", ""}),
-            PlanRow(FindingOf(RecordOf("", "away", "")).device));
-}
