@@ -77,26 +77,27 @@ TEST(Plan, SaysWhatIsToBeDoneInWhichOrderOrWhatIsWrong) {
   const struct {
     const char* steps;
     std::vector<const char*> lines;
-  } cases[] = {{"2:alone ", {"M1", "M1,,@11,24,,off", "M1,,,,,off", "M2,,@12,24", "M2,,junk,,junk,On"}},
-               {"2:address ",
-                {"001BC4000001,,@21,24", ",1001,@21,24,,off", "M1,, @11 ,24,@2,", "M1,,@11,25", "M2,,@12,24,,off",
-                 "M3,,@33,24,,off",  // it answers from there
-                 "M1,,@92,24"}},     // what device 2 had before
-               {"2:on ", {"M1,,@12,24,,on", "M3,,,,,on"}},
-               {"2:off ", {"M2,,,,,off"}},
-               {"2:blocked ", {"M3,,,,,off"}},
-               {"2:missing ", {"M9,,@99,24"}},
-               // An address is free first, unless it goes round.
-               {"4:address 3:address 2:address ", {"M1,,@12,24\nM2,,@13,24\nM3,,@14,24"}},
-               {"2:address 3:address ", {"M1,,@12,24\nM2,,@11,24"}},
-               {"3:on 2:address ", {"M2,,@11,24\nM1,,,,,on"}},
-               {"2! ",
-                {"M1,,@12,24", "M1,,@33,24", "M1,,@99,24",
-                 "M1,,@3,24",  // of a device, of one that answers, a neighbour's, this PC's
-                 "M1,,@21,24,192.168.2.1", "M1,,@21,24,,maybe", "M1,,@21,24,,,x", "M1,\"x"}},
-               {"3! ", {"M1,,@21,24\n00-1B-C4-00-00-01,,@22,24", "M1,,@21,24\n,1001,@22,24", "M9,,@21,24\nM9,,,,,on"}},
-               {"4! ", {"M8,,@21,24\n\nM9,,@21,24"}},
-               {"2! 3! 4! ", {"M1,,@21\nM2,,,24\nM3,,,,@1", "00:1b:c4,,@21,24\n00:00:00:00:00:00,,@22,24\n,,@23,24"}}};
+  } cases[] = {
+      {"2:alone ", {"M1", "M1,,@11,24,,off", "M1,,,,,off", "M2,,@12,24", "M2,,junk,,junk,On"}},
+      {"2:address ",
+       {"001BC4000001,,@21,24", ",1001,@21,24,,off", "M1,, @11 ,24,@2,", "M1,,@11,25", "M2,,@12,24,,off",
+        "M3,,@33,24,,off",  // it answers from there
+        "M1,,@92,24"}},     // what device 2 had before
+      {"2:on ", {"M1,,@12,24,,on", "M3,,,,,on"}},
+      {"2:off ", {"M2,,,,,off"}},
+      {"2:blocked ", {"M3,,,,,off"}},
+      {"2:missing ", {"M9,,@99,24"}},
+      // An address is free first, unless it goes round.
+      {"4:address 3:address 2:address ", {"M1,,@12,24\nM2,,@13,24\nM3,,@14,24"}},
+      {"2:address 3:address ", {"M1,,@12,24\nM2,,@11,24"}},
+      {"3:on 2:address ", {"M2,,@11,24\nM1,,,,,on"}},
+      {"2! ",
+       {"M1,,@12,24", "M1,,@33,24", "M1,,@99,24",  // of a device, of one that answers from there, a neighbour's
+        "M1,,@3,24",                               // this PC's
+        "M1,,@21,24,192.168.2.1", "M1,,@21,24,,maybe", "M1,,@21,24,,,x", "M1,\"x", "M1,\"x\"y", "M1,x\"y\""}},
+      {"3! ", {"M1,,@21,24\n00-1B-C4-00-00-01,,@22,24", "M1,,@21,24\r,1001,@22,24", "M9,,@21,24\r\nM9,,,,,on"}},
+      {"4! ", {"M8,,@21,24\n\nM9,,@21,24", "M8,\"\r\n\",@21,24\nM9,,@21,24", "M8,\"\r\n\"\n,\"\"x", "\n\nM1,\""}},
+      {"2! 3! 4! ", {"M1,,@21\nM2,,,24\nM3,,,,@1", "00:1b:c4,,@21,24\n00:00:00:00:00:00,,@22,24\n,,@23,24"}}};
   for (const auto& c : cases) {
     for (const char* lines : c.lines)
       EXPECT_EQ(c.steps, Check(std::string("mac,Serial,address,prefix,gateway,dhcp\n") + lines)) << lines;
