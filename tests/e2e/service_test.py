@@ -22,7 +22,6 @@ class Service(DeviceTest):
         special = SERVICE_RECORD.replace(b"Bench 1", b"a <b> & 'c'").replace(b"ASK:false", b"ASK:true")
         for behaviour, facts, expected, is_kept in (
                 ({}, {"DeviceName": "a <b> & 'c'", "DHCPActive": 2}, [special], True),
-                ({"slow": 0.2}, {}, [SERVICE_RECORD], True),
                 ({"fault": 4}, {}, [record("", "", "XT0000", *6 * [""])], True),
                 ({"slow": 0.7, "only": "RPCConf.GetNetwork"}, {}, [fallback], False),
                 ({"close": True}, {}, [SERVICE_RECORD, fallback], False)):
@@ -120,6 +119,11 @@ class Service(DeviceTest):
 
 class Alone(DeviceTest):
     with_service = False
+
+    def test_static_address(self):
+        """The answer leaves by a route that went away with the old address."""
+        self.assertEqual(self.ask(request("SETIPADDRESS!", "10.1.2.3", "255.255.0.0", "10.1.0.1"), "ipv4"), ACK)
+        self.assertEqual(self.ask(IDENT), self.fallback_record("10.1.2.3", "255.255.0.0", "10.1.0.1"))
 
     def test_lease(self):
         """Even to switch it off."""

@@ -35,7 +35,7 @@ class UnderUnit(case.Daemon):
         with open(self._output, "wb") as output:
             self.process = host.start(sys.executable, "-B", str(ROOT / "lab" / "unit.py"), str(self.unit), stdout=output,
                                       stderr=output, env={**os.environ, "PATH": f"/run/stub:{os.environ['PATH']}"})
-        if not eventually(lambda: "attach" in self.output()):
+        if not eventually(lambda: "attach" in self.output(), 30):
             raise RuntimeError(f"the daemon did not start: {self.output()}")
 
 
@@ -69,11 +69,9 @@ class Unit(case.DeviceTest):
         self.assertNotIn("No such device", self.daemon.output())   # the IPv4 group was joined at once
         for way in self.callers:
             self.assertEqual(self.ask(IDENT, way), self.fallback_record(), way)
-        change = request("SETIPADDRESS!", "192.168.1.9", "255.255.255.0", PC, "10.1.0.53")
-        self.assertEqual(self.ask(change, "ipv4"), ACK)   # by a route that went away with the old address
+        self.assertEqual(self.ask(request("SETIPADDRESS!", "192.168.1.9", "255.255.255.0", PC, "10.1.0.53")), ACK)
         self.assertEqual(RESOLVER_FILE.read_text("ascii"), "nameserver 10.1.0.53\n")
         self.assertEqual(self.ask(IDENT), self.fallback_record("192.168.1.9", gateway=PC))
-        self.assertEqual(self.ask(request("SETIPADDRESS!", "not.an.address", "255.0.0.0")), NACK)
         server = testnet.start_dnsmasq(self.pc, self.net.folder, "192.168.1.50", "192.168.1.50")
         self.assertEqual(self.ask(request("SETDHCPMODE!", "1"), seconds=5), ACK)
         self.pc.stop(server)

@@ -9,19 +9,16 @@ namespace {
 
 /// As streams read the lists, line by line and word by word.
 bool Lists(bool isIPV6, const std::string& list, unsigned index) {
+  const std::string group = isIPV6 ? "ff120000000000000000000000000012" : htonl(1) == 1 ? "E0000580" : "800500E0";
   std::istringstream lines(list);
   bool isHere = false;
   for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
     std::string first, name, third;
     words >> first >> name >> third;
-    if (isIPV6 && first == std::to_string(index) && third == "ff120000000000000000000000000012") return true;
-    if (isIPV6) continue;
-    if (line.empty() || line[0] != '\t') {
-      isHere = first == std::to_string(index);
-    } else if (isHere && (first == "800500E0" || first == "E0000580") && first[0] == (htonl(1) == 1 ? 'E' : '8')) {
-      return true;
-    }
+    const bool isGroup = isIPV6 || line.substr(0, 1) == "\t";
+    if (isIPV6 || !isGroup) isHere = first == std::to_string(index);
+    if (isGroup && isHere && (isIPV6 ? third : first) == group) return true;
   }
   return false;
 }

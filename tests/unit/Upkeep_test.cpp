@@ -21,11 +21,11 @@ class Upkeep : public testing::Test, ReplacedCalls {
       return isTaken ? (errno = EADDRINUSE, -1) : real_bind(own, address, size);
     };
     on_setsockopt = [this](int own, int level, int option, const void* value, socklen_t size) {
+      const bool isIPv4 = level == IPPROTO_IP, isJoin = option == (isIPv4 ? IP_ADD_MEMBERSHIP : IPV6_ADD_MEMBERSHIP);
+      const bool isLeave = option == (isIPv4 ? IP_DROP_MEMBERSHIP : IPV6_DROP_MEMBERSHIP);
       const int result = real_setsockopt(own, level, option, value, size);
-      const bool isJoin = option == (level == IPPROTO_IP ? IP_ADD_MEMBERSHIP : IPV6_ADD_MEMBERSHIP);
-      const bool isLeave = option == (level == IPPROTO_IP ? IP_DROP_MEMBERSHIP : IPV6_DROP_MEMBERSHIP);
-      if (level == SOL_SOCKET || !(isJoin || isLeave)) return result;
-      log += (isJoin ? "+" : "-") + std::string(level == IPPROTO_IP ? "4" : "6") + (result != 0 ? "! " : " ");
+      if (level != SOL_SOCKET && (isJoin || isLeave))
+        log += std::string(isJoin ? "+" : "-") + (isIPv4 ? "4" : "6") + (result != 0 ? "! " : " ");
       return result;
     };
     on_clock_gettime = [](clockid_t, timespec* time) { return *time = {seconds, 0}, 0; };
@@ -79,10 +79,10 @@ TEST_F(Upkeep, TriesClosedEndpointsAndTheServiceEvery5SecondsAndTellsAClosedOneO
       {5, all, "+4 +6 " + told},
       {1, all, failed},
       {5, all, "+4 +6 "},
-      {1, "5563", "5564 +6! 5563! 5562 " + opened},
-      {0, "5563", "5563! +4 +6 "},  // at once, as the sockets are new
-      {6, "5563", "5563! -4! +4 " + away},
-      {6, "", "5563 +4 +4! +6! " + away}};
+      {1, "5564 5562", "5564! 5563 +4 5562! " + opened},
+      {0, "5564 5562", "5564! 5562! +4! +6 "},  // at once, as the sockets are new
+      {6, "5564 5562", "5564! 5562! -6! +6 " + away},
+      {6, "", "5564 +6! 5562 +4! +6 " + away}};
   Server.connectionsOpen = false;
   EXPECT_NE(std::string::npos, Next(6, "lo", Upkeep_Attach).find(away));
   for (const auto& [later, ports, expected] : rows) {
