@@ -4,6 +4,7 @@ import json
 import pathlib
 import re
 import shlex
+import threading
 import time
 import unittest
 
@@ -22,10 +23,11 @@ class Change(unittest.TestCase):
         self.net = testnet.Network()
         self.addCleanup(self.net.close)
         self.pc = self.net.host("pc", "192.168.1.3/24")
-        # Where no device is: one end without a usable IPv6 address, as it is being checked for a double all the time.
+        # Where no device is, with no usable IPv6 address, as both are being checked for a double all the time.
         self.pc.run("sh", "-c", "ip link add other type veth peer name end && ip addr add 192.168.77.1/24 dev other && "
-                    "cd /proc/sys/net/ipv6/conf/other && echo 1 >accept_dad && echo 200 >dad_transmits && "
-                    "ip link set other up && ip link set end up && ip route add 10.9.0.0/16 via 192.168.1.1")
+                    "ip addr add 192.168.78.1/24 dev end && for i in other end; do cd /proc/sys/net/ipv6/conf/$i && "
+                    "echo 1 >accept_dad && echo 200 >dad_transmits && ip link set $i up; done && "
+                    "ip route add 10.9.0.0/16 via 192.168.1.1")
         self.wire = testnet.Wire(self.pc)
         self.addCleanup(self.wire.close)
         self.devices = {}
@@ -170,8 +172,8 @@ class Change(unittest.TestCase):
             f"  Twin ({MACS[number]}), serial number 10000{number}, at {link_local(MACS[number])}%eth0, 192.168.1.23"
             for number in (3, 4))
         unknown = ("is none of the 5 devices heard (tarnddp scan shows them); nothing was sent\n"
-                   "end is used in part: it has no IPv4 address\nother is used in part: it has no IPv6 link-local "
-                   "address")
+                   "end is used in part: it has no IPv6 link-local address\n"
+                   "other is used in part: it has no IPv6 link-local address")
         nobody, forced = "nobody here can be asked; ", "; nothing was sent (--force does it all the same)"
         rows = (
             (("set-ip", "Press 1", "192.168.1.41"), 2,
@@ -213,6 +215,9 @@ class Change(unittest.TestCase):
                                  f"line 3: Old ({MACS[6]}): 192.168.1.26/24, no gateway -> DHCP on\n"
                                  "2 to be changed, 0 left alone\n")
         self.assertEqual(sent_all, [])
+        self.pc.run("ip", "-4", "addr", "flush", "end")
+        self.assertEqual(Run(self.pc, "scan", "--interface", "end").end(), (
+            3, "", "tarnddp: end cannot be used: it has no IPv6 link-local address, and it has no IPv4 address\n"))
 
     def test_dhcp(self):
         self.device(1, "192.168.1.21/24", "Press 1")
@@ -232,6 +237,10 @@ class Change(unittest.TestCase):
                 self.assertEqual((json.loads(out), status), ({"mac": MACS[number], "result": "done", "before": before,
                                                               "after": after}, 0), err)
                 self.assertEqual(self.sent(), [(f"device {number}", 5564, "SETDHCPMODE!", str(int(words[1] == "on")))])
+        # A lease may take a while.
+        leased = [record(MACS[9], "Fake 9", "99", "192.168.1.151", ASK="true")]
+        late = self.fake(9, lambda datagram: threading.Timer(8, lambda: setattr(late, "records", leased)).start() or b"ACK\n")
+        self.assertEqual(Run(self.pc, "dhcp", "Fake 9", "on").end()[0], 0)
 
     def test_apply(self):
         for number, name in ((1, "Press 1"), (2, 'quo"te, \x1b[2J'), (3, "Third")):
@@ -243,18 +252,21 @@ class Change(unittest.TestCase):
         plan.write_text("\ufeff" + csv, encoding="utf-8")
         self.assertEqual(Run(self.pc, "apply", str(plan), *QUICK).end()[0], 0)   # nothing to do needs no answer
         self.assertEqual(self.sent(), [])
-        # Two change places, one by one or not; and one that is not there.
-        plan.write_text(csv.replace(".21,", ".X,").replace(".22,", ".21,").replace(".X,", ".22,") +
-                        f"{MACS[9]},,Ghost,192.168.1.29,24,,,off\r\n", encoding="utf-8", newline="")
+        # One changes, and one is not there.
+        ghost = f"{MACS[9]},,Ghost,192.168.1.29,24,,,off\r\n"
+        plan.write_text(csv.replace(".23,", ".24,") + ghost, encoding="utf-8", newline="")
         answers = {b"n\n": 1, b"\x04": 1, b"\x03": 130}
         terminals = [Terminal(self.pc, "apply", str(plan), *QUICK, columns=120) for _ in answers]
         for terminal, (answer, wanted) in zip(terminals, answers.items()):
-            terminal.wait_for("Change 2 devices? [y/N]")
+            terminal.wait_for("Change 1 device? [y/N]")
             terminal.type(answer)
             status, lines = terminal.end()
             self.assertEqual(status, wanted, lines)
             self.assertTrue(any(MACS[9] in line or "Ghost" in line for line in lines), lines)
         self.assertEqual(self.sent(), [])
+        # Two change places.
+        plan.write_text(csv.replace(".21,", ".X,").replace(".22,", ".21,").replace(".X,", ".22,") + ghost,
+                        encoding="utf-8", newline="")
         terminal = Terminal(self.pc, "apply", str(plan), *QUICK, columns=120)
         terminal.wait_for("Change 2 devices? [y/N]")
         terminal.type(b"y\n")
@@ -301,11 +313,12 @@ class Change(unittest.TestCase):
 
     def test_trace_pieces(self):
         """Lines that come in pieces, with other ends, and with a record among them; the last one has none."""
-        pieces = [b"ACK\n", b"a\r\nb", record(MACS[1]), b"c\r", b"\nd", b"e\xff"]
-        self.fake(1, lambda datagram: pieces if b"\t1" in datagram else None)
+        pieces = iter([[b"ACK\n", b"a\r\nb", record(MACS[1]), b"c\r", b"\nd", b"e\xff"]])
+        self.fake(1, lambda datagram: next(pieces, None))
         self.ready()
         trace = Run(self.pc, "trace", "Fake 1", *QUICK)
         heard = trace.process.stdout.read(len("a\nbc\\x0d\nde."))
+        time.sleep(10.5)   # it was acknowledged, and need not be again
         trace.interrupt()
         self.assertEqual((heard, trace.end()), ("a\nbc\\x0d\nde\u00ff", (130, "\n", "")))
 
@@ -378,7 +391,9 @@ class Change(unittest.TestCase):
         called, none = f"Fake 1 ({MACS[1]})", ": the device has no gateway and gets none\n"
         cleared = none.replace("device has no gateway and gets none", "name server is cleared, as none was given")
         interrupted = f"interrupted while {called} was changed; tarnddp scan shows what came of it\n"
-        self.assertEqual([run.end()[2].replace("tarnddp: ", "") for run in runs], [
+        ended = [run.end() for run in runs]
+        self.assertEqual(ended[3][1], "", "nothing was traced")
+        self.assertEqual([err.replace("tarnddp: ", "") for _, _, err in ended], [
             none[2:] + cleared[2:] + interrupted, interrupted, f"interrupted while {called} was told to halt\n", "",
             f"lines 2, 3{none}lines 2, 3{cleared}interrupted at 1 of 2, {called}; the same plan can be applied again\n"])
         self.assertNotIn("device 2", {one[0] for one in self.sent()})

@@ -43,3 +43,10 @@ TEST(CommandLine, WordsReachADeviceAsTheyAre) {
   for (const char* state : {"on", "off"})
     EXPECT_EQ(state, std::string(std::get<DhcpOptions>(ReadCommandLine({"dhcp", "d", state})).on ? "on" : "off"));
 }
+
+TEST(CommandLine, HelpNamesTheCommandAndWhatItDoes) {
+  for (const std::string name : {"scan", "set-ip", "dhcp", "apply", "trace", "halt", "send"}) {
+    const std::string help = std::get<Ending>(ReadCommandLine({name, "--help"})).text;
+    EXPECT_NE(std::string::npos, help.find(".\nUsage: tarnddp " + name + " [OPTIONS]")) << help;
+  }
+}
