@@ -52,13 +52,15 @@ class Run:
 class Terminal:
     """The tool on a terminal of its own. `lines()` is what a person sees of it, above the screen's top included."""
 
-    def __init__(self, host, *words, columns=80, rows=24, read=True):
+    def __init__(self, host, *words, columns=80, rows=24, read=True, **options):
         self._screen = pyte.HistoryScreen(columns, rows, history=10000, ratio=1)
         self._stream = pyte.ByteStream(self._screen)
         self._master, slave = pty.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
-        self.process = host.start("setsid", "--ctty", *ORDINARY, TOOL, *words, stdin=slave, stdout=slave, stderr=slave)
+        self.process = host.start("setsid", "--ctty", *ORDINARY, TOOL, *words, **{
+            "stdin": slave, "stdout": slave, "stderr": slave, **options})
         os.close(slave)
+        self.raw = b""
         self._reader = threading.Thread(target=self._read, daemon=True)
         if read:
             self.read()
@@ -69,6 +71,7 @@ class Terminal:
     def _read(self):
         try:
             while piece := os.read(self._master, 65536):
+                self.raw += piece
                 self._stream.feed(piece)
         except OSError:   # nobody has the other end any more
             pass

@@ -39,10 +39,10 @@ class Change(unittest.TestCase):
         self.devices[number] = device
         return device
 
-    def fake(self, number, reply):
-        """One that `reply` drives; it answers from 192.168.1.(90 + number)."""
+    def fake(self, number, reply, mac=None):
+        """One that `reply` drives; it answers from 192.168.1.(90 + number), and may say that it has another MAC address."""
         host = self.net.host(f"fake-{number}", f"192.168.1.{90 + number}/24", MACS[number])
-        fake = Fake(host, [record(MACS[number], f"Fake {number}", f"9{number}", f"192.168.1.{90 + number}")], reply)
+        fake = Fake(host, [record(mac or MACS[number], f"Fake {number}", f"9{number}", f"192.168.1.{90 + number}")], reply)
         self.addCleanup(fake.close)
         self.devices[number] = fake
         return fake
@@ -94,6 +94,8 @@ class Change(unittest.TestCase):
         self.fake(10, lambda datagram: b"NACK\n")
         self.fake(11, lambda datagram: b"ACK\n")
         leaving = self.fake(12, lambda datagram: leaving.records.clear() or b"ACK\n")
+        self.fake(13, lambda datagram: b"ACK\n")
+        self.fake(14, lambda datagram: b"ACK\n", MACS[13])
         self.ready()
 
         def six(number, *fields):
@@ -121,9 +123,9 @@ class Change(unittest.TestCase):
              "gateway 10.0.0.1 is outside 192.168.1.0/24\n" + cleared),
             (("192.168.1.26", "192.168.1.36/24"), 0, [("192.168.1.26", 5562, "SETIPADDRESS!", MACS[6], "192.168.1.36", mask)],
              told(6, "", "done: 192.168.1.36/24, no gateway", "192.168.1.26/24"), none),
-            (("Stubborn", "192.168.1.37/24"), 1, six(7, "192.168.1.37", mask), told(
+            (("Stubborn", "192.168.1.37/24", "--gateway", "192.168.1.1"), 1, six(7, "192.168.1.37", mask, "192.168.1.1"), told(
                 7, "Stubborn", "different: it answers from 192.168.1.37 while its record shows 192.168.1.27 (its service "
-                "refused, so the interface alone was set)", "192.168.1.27/24"), none),
+                "refused, so the interface alone was set), its gateway is none", "192.168.1.27/24"), cleared),
             (("Settled", "192.168.1.28/24"), 0, [], told(
                 8, "Settled", "done: 192.168.1.28/24, no gateway already; nothing was sent"), ""),
             ((link_local(MACS[4]) + "%eth0", "10.0.0.34/24", "--dry-run"), 0, [], told(
@@ -138,7 +140,9 @@ class Change(unittest.TestCase):
                 11, "Fake 11", "unchanged: acknowledged, but nothing has changed"), none),
             (("912", "192.168.1.42/24"), 1, six(12, "192.168.1.42", mask), told(
                 12, "Fake 12", "gone: acknowledged, and not heard again since, last seen with 192.168.1.102 on eth0 "
-                f"({link_local(MACS[12])}%eth0)", "192.168.1.102/24"), none))
+                f"({link_local(MACS[12])}%eth0)", "192.168.1.102/24"), none),
+            (("Fake 13", "192.168.1.43/24"), 1, six(13, "192.168.1.43", mask), told(
+                13, "Fake 13", "unchanged: acknowledged, but nothing has changed"), none))
         ended = self.run_all([("set-ip", *words) for words, *_ in rows], 0.3, ())
         self.assertEqual(sorted(self.sent()), sorted(one for row in rows for one in row[2]))
         for (words, status, _, out, err), got in zip(rows, ended):
@@ -167,6 +171,7 @@ class Change(unittest.TestCase):
         good = f"mac,serial,name,address,prefix,gateway,dns,dhcp\n{MACS[1]},,,192.168.1.41,24,,,off\n"
         for name, more in (("good", f"{MACS[6]},,,,,,,on\n"), ("taken", f"{MACS[2]},,,192.168.1.23,24,,,\n")):
             (folder / name).write_text(good + more, encoding="utf-8")
+        self.pc.run("ip", "neigh", "add", "192.168.1.60", "lladdr", MACS[15], "dev", "eth0")   # what is no device
         new, path = "192.168.1.41/24", ("set-ip", "Press 1", "192.168.1.41/24")
         twins = '"Twin" means 2 devices; nothing was sent:\n' + "\n".join(
             f"  Twin ({MACS[number]}), serial number 10000{number}, at {link_local(MACS[number])}%eth0, 192.168.1.23"
@@ -180,6 +185,8 @@ class Change(unittest.TestCase):
              '"192.168.1.41" lacks its prefix length (192.168.1.20/24); nothing was sent'),
             (("set-ip", "Press 1", "192.168.1.3/24"), 2, "192.168.1.3 is an address of this PC; nothing was sent"),
             (("set-ip", "Press 1", "192.168.1.22/24"), 2, f"192.168.1.22 is the address of {MACS[2]}{forced}"),
+            (("set-ip", "Press 1", "192.168.1.60/24"), 2, f"192.168.1.60 is in use by {MACS[15]}, as this PC's neighbour table knows"
+             + forced),
             ((*path, "--gateway", "10.0.0.1"), 2, f"gateway 10.0.0.1 is outside 192.168.1.0/24{forced}"),
             ((*path, "--gateway", "192.168.1.41", "--force"), 2,
              "the gateway 192.168.1.41 is the address itself; nothing was sent"),
@@ -316,10 +323,12 @@ class Change(unittest.TestCase):
         pieces = iter([[b"ACK\n", b"a\r\nb", record(MACS[1]), b"c\r", b"\nd", b"e\xff"]])
         self.fake(1, lambda datagram: next(pieces, None))
         self.ready()
-        trace = Run(self.pc, "trace", "Fake 1", *QUICK)
+        self.fake(2, lambda datagram: None)
+        trace, silent = (Run(self.pc, "trace", f"Fake {number}", *QUICK) for number in (1, 2))
         heard = trace.process.stdout.read(len("a\nbc\\x0d\nde."))
         time.sleep(10.5)   # it was acknowledged, and need not be again
         trace.interrupt()
+        self.assertEqual(silent.end(), (1, "", f"tarnddp: Fake 2 ({MACS[2]}) did not acknowledge in 8 s\n"))
         self.assertEqual((heard, trace.end()), ("a\nbc\\x0d\nde\u00ff", (130, "\n", "")))
 
     def test_halt_and_send(self):
@@ -340,6 +349,7 @@ class Change(unittest.TestCase):
             terminal.type(answer)
             status, lines = terminal.end()
             self.assertEqual((status, first.halted.exists()), (wanted, halted), lines)
+            self.assertIn(b" so far", terminal.raw, "how many were heard while it asked")
         for number, told, status in ((2, "halted", 0), (4, "halted, as it seems: it did not acknowledge, but does not answer any "
                                       "more", 0), (5, "refused", 1), (6, "not acknowledged, and it still answers", 1)):
             name = f"{'Press' if number == 2 else 'Fake'} {number}"

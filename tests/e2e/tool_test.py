@@ -3,6 +3,7 @@
 import csv
 import io
 import json
+import os
 import pathlib
 import re
 import subprocess
@@ -120,9 +121,10 @@ class Found(unittest.TestCase):
 
     def test_terminal(self):
         """The table fits, and nothing of how it grew stays behind."""
-        terminals = {columns: Terminal(self.pc, "--time", "5", columns=columns, rows=rows)
-                     for columns, rows in ((200, 50), (80, 24), (60, 24), (20, 24))}
-        plain = Run(self.pc, "--time", "5").end()[1].split("\n")
+        plain, errors = (text.split("\n")[:-1] for text in Run(self.pc, "--time", "5").end()[1:])
+        dumb = Terminal(self.pc, "--time", "5", columns=400, rows=50, env={**os.environ, "TERM": "dumb"})
+        terminals = {columns: Terminal(self.pc, "--time", "5", columns=columns, rows=rows, **how) for columns, rows, how in (
+            (200, 50, {}), (80, 24, {}), (60, 24, {"stderr": subprocess.DEVNULL}), (20, 24, {}))}
         for columns, terminal in terminals.items():
             with self.subTest(columns=columns):
                 status, lines = terminal.end()
@@ -136,6 +138,10 @@ class Found(unittest.TestCase):
                     self.assertEqual([sum(mac in line for line in lines[:heading + 6]) for mac in MACS[1:6]], [1] * 5)
                 self.assertLessEqual(max(map(len, table)), columns)
                 self.assertFalse(any("scan" in line and "heard" in line for line in lines[heading + 6:]), lines)
+        self.assertNotIn(b" 0 s", terminals[200].raw, "it still listens")
+        status, lines = dumb.end()
+        self.assertEqual((status, sorted(lines)), (0, sorted(line.rstrip() for line in (*plain, *errors))))
+        self.assertNotIn(b"\x1b", dumb.raw)
 
     def test_watch(self):
         """What comes, changes and goes: as lines, as JSON, and as a table in place."""
@@ -162,22 +168,17 @@ class Found(unittest.TestCase):
         told, table = "".join(lines[:heading]), lines[heading:]   # wrapped, so that blanks at the edge are lost
         self.assertEqual(*(sorted(text.replace(" ", "").replace("\n", "").split("tarnddp:")) for text in (told, problems)))
         self.assertEqual([sum(mac in line for line in table[:5]) for mac in MACS[1:6]], [1, 0, 1, 1, 1], lines)
-        time.sleep(1)
+        expected = sorted([*(("came", mac) for mac in MACS[1:6]), ("changed", MACS[1]), ("went", MACS[2])])
+        events = [json.loads(objects.process.stdout.readline()) for _ in expected]
+        lines = [text.process.stdout.readline() for _ in expected]
         for run in (text, objects):
             run.interrupt()
         self.devices[1].service.Reset()
-        expected = sorted([*(("came", mac) for mac in MACS[1:6]), ("changed", MACS[1]), ("went", MACS[2])])
-        status, out, _ = objects.end()
-        events = [json.loads(line) for line in out.splitlines()]
-        self.assertEqual(status, 130)
+        self.assertEqual((text.end(), objects.end()[:2]), ((130, "", ""), (130, "")))
         self.assertEqual(sorted((event["event"], event["mac"]) for event in events), expected)
         for event in events:
             self.assertRegex(event["time"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d$")
-        status, out, err = text.end()
-        self.assertEqual(err, "")
-        self.assertEqual(status, 130)
-        self.assertEqual(len(out.splitlines()), len(expected), out)
-        for line in out.splitlines():
+        for line in lines:
             self.assertRegex(line, r"^\d\d:\d\d:\d\d\b.*\b(came|changed|went)\b")
 
 
@@ -273,11 +274,15 @@ class Hostile(unittest.TestCase):
             run.interrupt()
         self.assertEqual([run.process.wait(20) for run in (terminal, scan, watch, stuck)], [130] * 4)
         terminal.end()
+        self.assertEqual(terminal.raw[-1:], b"\n", "a prompt would stand behind what is shown")
 
     def test_nobody(self):
         for words in ((), ("--watch",)):
             done = subprocess.run(["unshare", "-n", TOOL, *words], capture_output=True, text=True, timeout=60, check=False)
             self.assertEqual((done.returncode, done.stdout, done.stderr), (3, "", "tarnddp: no network interface is up\n"))
+        done = subprocess.run(self.pc.command("sh", "-c", 'ulimit -n 4; exec "$0"', TOOL), capture_output=True, text=True,
+                              timeout=60, check=False)
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", "tarnddp: epoll: Too many open files\n"))
         watch = Run(self.pc, "--watch")
         watch.process.stderr.readline()
         watch.process.stdout.close()
