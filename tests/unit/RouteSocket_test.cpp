@@ -80,11 +80,3 @@ TEST(RouteSocket, AsksTheKernelOnceAndForASecond) {
     EXPECT_EQ(expected, result + address + testing::internal::GetCapturedStderr());
   }
 }
-
-TEST(RouteSocket, FailureIsToldAndLosesNoDescriptor) {
-  in_addr gateway = {};
-  const std::string expected =
-      "socket: -1\nSocket Creation: : Invalid cross-device link\nsend: -1\nWrite To Socket Failed...\n";
-  const auto ask = [&gateway] { return std::to_string(RouteSocket_FindDefaultGateway(&gateway)); };
-  EXPECT_EQ(expected, WithEachCallFailing(ask).substr(0, expected.size()));
-}
