@@ -25,6 +25,11 @@ TEST(GateDescriptor, LetsNoneBeAStandardStreamNorBeInherited) {
   }
   EXPECT_EQ(-1, GateDescriptor(999));
   EXPECT_EQ(EBADF, errno);
+  failingCalls.left = 1;
+  EXPECT_EQ(-1, GateDescriptor(gated));
+  EXPECT_EQ(-1, fcntl(gated, F_GETFD)) << "closed";
+  failingCalls.left = 1;
+  EXPECT_FALSE(OpenPipe(ends));
   errno = EXDEV;
   CloseKeepingErrno(999);
   EXPECT_EQ(EXDEV, errno);
