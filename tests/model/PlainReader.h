@@ -52,7 +52,7 @@ class PlainReader {
     if (isEnd || tag.empty()) return XmlRpcValue::TypeString;
     if (tag == "<int>") return XmlRpcValue::TypeInt;
     for (int type = 9; type > 0; --type) {
-      if (tag == "<" + std::string(PLAIN_TYPES[type].tag[set]) + ">") return type;
+      if (tag == "<" + std::string(PLAIN_TAGS[type][set]) + ">") return type;
     }
     return XmlRpcValue::TypeInvalid;
   }
