@@ -70,44 +70,12 @@ inline std::string Enclosed(const std::string& tag, const std::string& content) 
 inline std::string PlainXml(int type, int set, const std::string& content) {
   const std::string inside = type == XmlRpcValue::TypeArray ? Enclosed(set == 1 ? "da" : "data", content) : content;
   const bool isString = type == XmlRpcValue::TypeString;
-  return Enclosed(set == 1 ? "va" : "value", isString ? inside : Enclosed(PLAIN_TAGS[type][set], inside));
+  return Enclosed(set == 1 ? "va" : "value", isString ? inside : Enclosed(PLAIN_TAGS[type][set % 2], inside));
 }
 /// A struct's members.
 inline std::string PlainMember(int set, const std::string& name, const std::string& xml) {
   return Enclosed(set == 1 ? "me" : "member",
                   Enclosed(set == 1 ? "na" : "name", TarnXmlRpc::XmlRpcUtil::xmlEncode(name)) + xml);
-}
-/// The whole value, if that is wanted without what == does not look at: the day of the month, names of members, the
-/// sign of zero.
-inline std::string PlainXml(const XmlRpcValue& v, int set, bool comparable = false) {
-  const auto type = v.getType();
-  std::string content;
-  if (type == XmlRpcValue::TypeInvalid) return "";
-  if (type == XmlRpcValue::TypeBoolean) content = v.getBool() ? "1" : "0";
-  if (type == XmlRpcValue::TypeInt) content = std::to_string(v.getInt());
-  if (type == XmlRpcValue::TypeInt64) content = std::to_string(v.getInt64());
-  if (type == XmlRpcValue::TypeDouble) content = PlainReal(comparable ? v.getDouble() + 0.0 : v.getDouble());
-  if (type == XmlRpcValue::TypeString) content = TarnXmlRpc::XmlRpcUtil::xmlEncode(v.getString());
-  if (type == XmlRpcValue::TypeBase64) content = PlainBase64(Text(v.getBinaryData()));
-  if (type == XmlRpcValue::TypeDateTime) {
-    std::tm t = v.getDateTime();
-    if (comparable) t.tm_mday = 0;
-    content = PlainTime(t);
-  }
-  if (type == XmlRpcValue::TypeArray) {
-    for (const XmlRpcValue& element : v.elements()) content += PlainXml(element, set, comparable);
-  }
-  if (type == XmlRpcValue::TypeStruct) {
-    for (const auto& [name, member] : v.members())
-      content += PlainMember(set, comparable ? "" : name, PlainXml(member, set, comparable));
-  }
-  return PlainXml(type, set, content);
-}
-
-/// What == says; no NaN equals another.
-inline bool PlainEqual(const XmlRpcValue& a, const XmlRpcValue& b) {
-  const std::string form = PlainXml(a, 0, true);
-  return form.find(">nan<") == std::string::npos && form == PlainXml(b, 0, true);
 }
 
 /// Numbers at random, the same for a seed; the one that is drawn after `before` others may be made another.
@@ -128,32 +96,53 @@ inline std::string RandomText(Random& random) {
   return out;
 }
 
-/// Of any type but invalid, `depth` levels at most.
-inline XmlRpcValue RandomValue(Random& random, int depth) {
-  const unsigned type = random() % (depth > 1 ? 9 : 7), parts = random() % (random() % 64 == 0 ? 120 : 4);
-  const auto number = static_cast<long long>((static_cast<unsigned long long>(random()) << random() % 33) * 2 - 1);
-  if (type == 0) return random() % 2 == 0;
-  if (type == 1) return static_cast<int>(number);
-  if (type == 2) return number;
-  const double real = static_cast<double>(number) / 1000;
-  if (type == 3) return random({0.0, -0.0, -1.5, 1e300, -1e-300, 123456789012345678.0, -std::nan(""), 1.0 / 3, real});
-  if (type == 4) return RandomText(random);
-  if (type == 5) {
-    const std::string text = RandomText(random);
-    return std::vector<char>(text.begin(), text.end());
-  }
+/// A value of any type but invalid. Its XML by tag set, the third time without what == does not look at: the day of the
+/// month, names of members, the sign of zero.
+struct Sample {
   XmlRpcValue value;
-  if (type == 6) {
-    std::tm& t = value.getDateTime();
-    for (int* field : {&t.tm_year, &t.tm_mon, &t.tm_mday, &t.tm_hour, &t.tm_min, &t.tm_sec}) {
-      *field = random({-10, 0, 7, 59, 1970, 2000000000});
-    }
-  } else if (type == 7) {
-    value.assertArray(static_cast<int>(parts));
-    for (unsigned i = 0; i < parts; ++i) value[static_cast<int>(i)] = RandomValue(random, depth - 1);
-  } else {
-    value.assertStruct();
-    for (unsigned i = 0; i < parts; ++i) value[RandomText(random)] = RandomValue(random, depth - 1);
+  std::string xml[3];
+
+  bool operator==(const Sample& other) const { return xml[2] == other.xml[2] && xml[2].find(">nan<") == xml[2].npos; }
+};
+
+inline Sample RandomSample(Random& random, int depth) {
+  const int kind = static_cast<int>(random() % 9) + 1, type = depth > 1 || kind % 9 < 7 ? kind : 9;
+  const auto number = static_cast<long long>((static_cast<unsigned long long>(random()) << random() % 33) * 2 - 1);
+  const double real = random({0.0, -0.0, -1.5, 1e300, -1e-300, 123456789012345678.0, -std::nan(""), 1.0 / 3,
+                              static_cast<double>(number) / 1000});
+  const std::string text = RandomText(random);
+  std::tm t = {};
+  for (int* field : {&t.tm_year, &t.tm_mon, &t.tm_mday, &t.tm_hour, &t.tm_min, &t.tm_sec}) {
+    *field = random({-10, 0, 7, 59, 1970, 2000000000});
   }
-  return value;
+  const std::pair<XmlRpcValue, std::string> scalars[] = {
+      {{}, ""},
+      {number % 4 > 0, number % 4 > 0 ? "1" : "0"},
+      {static_cast<int>(number), std::to_string(static_cast<int>(number))},
+      {real, PlainReal(real)},
+      {text, TarnXmlRpc::XmlRpcUtil::xmlEncode(text)},
+      {t, PlainTime(t)},
+      {std::vector<char>(text.begin(), text.end()), PlainBase64(text)},
+      {{}, ""},
+      {{}, ""},
+      {number, std::to_string(number)}};
+  auto [value, content] = scalars[type];
+  std::string contents[] = {content, content, content};
+  t.tm_mday = 0;
+  if (type == XmlRpcValue::TypeDateTime) contents[2] = PlainTime(t);
+  if (type == XmlRpcValue::TypeDouble) contents[2] = PlainReal(real + 0.0);
+  const bool isArray = type == XmlRpcValue::TypeArray, isStruct = type == XmlRpcValue::TypeStruct;
+  if (isArray) value.assertArray(0);
+  if (isStruct) value.assertStruct();
+  std::map<std::string, Sample> parts;
+  for (auto n = isArray || isStruct ? random() % (random() % 64 == 0 ? 120 : 4) : 0; n > 0; --n)
+    parts.emplace(RandomText(random), RandomSample(random, depth - 1));
+  for (const auto& [name, part] : parts) {
+    (isArray ? value[value.size()] : value[name]) = part.value;
+    for (int form = 0; form < 3; ++form)
+      contents[form] += isArray ? part.xml[form] : PlainMember(form, form == 2 ? "" : name, part.xml[form]);
+  }
+  Sample sample = {value, {}};
+  for (int form = 0; form < 3; ++form) sample.xml[form] = PlainXml(type, form, contents[form]);
+  return sample;
 }
