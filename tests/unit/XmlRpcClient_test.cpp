@@ -127,9 +127,9 @@ TEST(Bindings, GetReadsWhateverIsNoStringAsEmptyAndAddressesNeverShrink) {
   RPCConf::SetNetwork::CParams params;
   for (const int count : {0, -1}) params.SetSize_DNSAddresses(count);
   EXPECT_FALSE(params.hasMember("DNSAddresses"));
-  for (const int count : {2, 1}) params.SetSize_DNSAddresses(count);
+  for (const int count : {2, 3}) params.SetSize_DNSAddresses(count);
   params["DNSAddresses"][0] = "8.8.8.8";
-  params.SetSize_DNSAddresses(3);
+  params.SetSize_DNSAddresses(1);
   EXPECT_EQ(params["DNSAddresses"].toXml(1), "<va><ar><da><va>8.8.8.8</va><va></va><va></va></da></ar></va>");
 }
 

@@ -261,13 +261,16 @@ TEST(XmlRpcValue, IsAccessedWrittenAndReadAsItsTypeAlone) {
   samples[V::TypeArray][0] = samples[V::TypeStruct]["n"] = "x";
   // What is reserved for the content: texts twice, parts with their own, around each member's value a little more.
   const int contents[][2] = {{256, 256}, {0, 0}, {0, 0}, {0, 0}, {2, 2}, {0, 0}, {6, 6}, {20, 14}, {55, 37}, {0, 0}};
+  const auto& looked = std::as_const(samples);
+  EXPECT_TRUE(looked[V::TypeBoolean].getBool() && looked[V::TypeInt].getInt() == 7 &&
+              looked[V::TypeDouble].getDouble() == 1.5 && looked[V::TypeInt64].getInt64() == 7);
   for (int type = 0; type <= 9; ++type) {
-    const V& sample = samples[type];
+    const V &sample = samples[type], empty = Empty(type);
     ASSERT_EQ(type, sample.getType());
-    EXPECT_EQ(0, Empty(type).size());
-    EXPECT_EQ(type == V::TypeBase64 ? "" : typeError, Thrown([&] { sample.getBinaryData(); }));
-    EXPECT_EQ(type == V::TypeArray ? "" : all[V::TypeArray].error, Thrown([&] { sample.elements(); }));
-    EXPECT_EQ(type == V::TypeStruct ? "" : all[V::TypeStruct].error, Thrown([&] { sample.members(); }));
+    EXPECT_EQ(0, empty.size());
+    EXPECT_EQ(type == V::TypeBase64 ? "" : typeError, Thrown([&] { empty.getBinaryData(); }));
+    EXPECT_EQ(type == V::TypeArray ? "" : all[V::TypeArray].error, Thrown([&] { empty.elements(); }));
+    EXPECT_EQ(type == V::TypeStruct ? "" : all[V::TypeStruct].error, Thrown([&] { empty.members(); }));
     for (int as = 1; as <= 9; ++as) {
       const std::string error = type == as ? "" : all[as].error;
       V changed = sample;
