@@ -40,7 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Require(success != expected.empty() && offset == at, "verdict or offset", xml);
   Require(value.toXml(0) == expected, "value", xml);
   XmlRpcValue again;
-  again.fromXml(expected, &(at = 0));
+  at = 0;
+  again.fromXml(expected, &at);
   Require(value.toXmlSize(0) == again.toXmlSize(0), "an element without a type, which is not written", xml);
   return 0;
 }
