@@ -13,7 +13,7 @@ std::string HttpAnswer(const std::string& method) {
   if (method.empty()) return "";
   TarnXmlRpc::XmlRpcValue members;
   members["MethodID"] = method;
-  const int code = std::atoi(method.c_str());
+  const int code = static_cast<int>(std::strtol(method.c_str(), nullptr, 10));
   if (code != 0) members["faultCode"] = code;
   if (method == "odd") members["faultCode"] = method;
   if (members.hasMember("faultCode")) members["faultString"] = "refused";
