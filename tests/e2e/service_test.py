@@ -120,9 +120,12 @@ class Service(DeviceTest):
 class Alone(DeviceTest):
     with_service = False
 
+    def assert_changes(self, *fields):
+        self.assertEqual(self.ask(request(*fields), "ipv4", 5), ACK)
+        self.assertIn("224.0.0.0", self.device.run("ip", "route"), "it went away with the address")
+
     def test_static_address(self):
-        """The answer leaves by a route that went away with the old address."""
-        self.assertEqual(self.ask(request("SETIPADDRESS!", "10.1.2.3", "255.255.0.0", "10.1.0.1"), "ipv4"), ACK)
+        self.assert_changes("SETIPADDRESS!", "10.1.2.3", "255.255.0.0", "10.1.0.1")
         self.assertEqual(self.ask(IDENT), self.fallback_record("10.1.2.3", "255.255.0.0", "10.1.0.1"))
 
     def test_lease(self):
@@ -130,7 +133,7 @@ class Alone(DeviceTest):
         host = self.net.host("server", "192.168.1.4/24")
         testnet.start_udhcpd(host, self.net.folder, "192.168.1.40", "192.168.1.40", "option router 192.168.1.4",
                              "option dns 192.168.1.54", "option broadcast 192.168.1.127")
-        self.assertEqual(self.ask(request("SETDHCPMODE!", "0"), "ipv4", 5), ACK)
+        self.assert_changes("SETDHCPMODE!", "0")
         self.assertEqual(self.ask(IDENT), self.fallback_record("192.168.1.40", gateway="192.168.1.4"))
         self.assertIn('"broadcast": "192.168.1.127"', json.dumps(self.device.interface()))
         self.assertEqual(pathlib.Path("/etc/resolf.conf").read_text("ascii"), "nameserver 192.168.1.54\n")
