@@ -469,7 +469,7 @@ TEST(XmlRpcValue, LosesNothingWhereMemoryRunsOut) {
   EXPECT_EQ(value, result);
 }
 
-TEST(XmlRpcValue, NumbersAreWrittenAsPrintfDoes) {
+TEST(XmlRpcValue, NumbersAreWrittenAsPrintfDoesAndReadExactly) {
   std::mt19937_64 random(1);
   for (int i = 0; i < 100000; ++i) {
     const std::uint64_t bits = random();
@@ -479,8 +479,14 @@ TEST(XmlRpcValue, NumbersAreWrittenAsPrintfDoes) {
     const double decimal = static_cast<double>(bits >> random() % 60) / std::pow(10, random() % 14);
     const double tie = std::ldexp(static_cast<double>(bits >> 40), -static_cast<int>(random() % 40));
     const double power = std::nextafter(std::pow(10, static_cast<int>(random() % 24) - 6), static_cast<double>(i % 2));
-    for (const double number : {any, plain, -decimal, tie, power})
+    for (const double number : {any, plain, -decimal, tie, power}) {
       ASSERT_EQ("<va><do>" + PlainReal(number) + "</do></va>", XmlRpcValue(number).toXml(1));
+      char exact[64];
+      std::snprintf(exact, sizeof exact, "<va><do>%.17g</do></va>", number);
+      XmlRpcValue read;
+      int offset = 0;
+      ASSERT_EQ(std::isfinite(number), read.fromXml(exact, &offset) && read == number) << exact;
+    }
     const int whole = static_cast<int>(bits) >> random() % 32;
     ASSERT_EQ("<va><i4>" + std::to_string(whole) + "</i4></va>", XmlRpcValue(whole).toXml(1));
   }
