@@ -121,7 +121,7 @@ class Alone(DeviceTest):
     with_service = False
 
     def assert_changes(self, *fields):
-        self.assertEqual(self.ask(request(*fields), "ipv4", 5), ACK)
+        self.assertEqual(self.ask(request(*fields), seconds=5), ACK)
         self.assertIn("224.0.0.0", self.device.run("ip", "route"), "it went away with the address")
 
     def test_static_address(self):
