@@ -1,5 +1,6 @@
 #include "ddp/Upkeep.h"
 
+#include <net/if.h>
 #include <netinet/in.h>
 
 #include "ddp/DeviceService.h"
@@ -90,6 +91,20 @@ TEST_F(Upkeep, TriesClosedEndpointsAndTheServiceEvery5SecondsAndTellsAClosedOneO
     EXPECT_EQ(expected, Next(later, "lo", Upkeep_Retry)) << &expected - &std::get<2>(rows[0]);
   }
   for (const auto& endpoint : Server.GetEndpoints()) EXPECT_EQ(0, endpoint.error) << endpoint.port;
+}
+
+TEST_F(Upkeep, JoinsBothGroupsOnAnInterfaceThatMayHaveThem) {
+  Server.InitConnections();
+  const unsigned loopback = if_nametoindex("lo");
+  Server.LeaveGroup(AF_INET, loopback);
+  Server.LeaveGroup(AF_INET6, loopback);
+  for (const char* expected : {"+4 +6 ", "+4! +6! "}) {
+    log.clear();
+    EXPECT_TRUE(Server.JoinGroups(loopback));
+    EXPECT_EQ(expected, log);
+  }
+  EXPECT_TRUE(Server.LeaveGroup(AF_INET, loopback));
+  EXPECT_FALSE(Server.JoinGroups(999));
 }
 
 /// The system may choose for our end the very port that we connect to.
