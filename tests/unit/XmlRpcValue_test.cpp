@@ -266,21 +266,23 @@ TEST(XmlRpcValue, IsAccessedWrittenAndReadAsItsTypeAlone) {
               looked[V::TypeDouble].getDouble() == 1.5 && looked[V::TypeInt64].getInt64() == 7);
   for (int type = 0; type <= 9; ++type) {
     const V &sample = samples[type], empty = Empty(type);
+    const Functions& own = all[type];
     ASSERT_EQ(type, sample.getType());
     EXPECT_EQ(0, empty.size());
     EXPECT_EQ(type == V::TypeBase64 ? "" : typeError, Thrown([&] { empty.getBinaryData(); }));
     EXPECT_EQ(type == V::TypeArray ? "" : all[V::TypeArray].error, Thrown([&] { empty.elements(); }));
     EXPECT_EQ(type == V::TypeStruct ? "" : all[V::TypeStruct].error, Thrown([&] { empty.members(); }));
     for (int as = 1; as <= 9; ++as) {
-      const std::string error = type == as ? "" : all[as].error;
+      const Functions& other = all[as];
+      const std::string error = type == as ? "" : other.error;
       V changed = sample;
-      EXPECT_EQ(error, Thrown([&] { all[as].look(sample); })) << type << " as " << as;
-      EXPECT_EQ(type == 0 ? "" : error, Thrown([&] { all[as].change(changed); })) << type << " as " << as;
+      EXPECT_EQ(error, Thrown([&] { other.look(sample); })) << type << " as " << as;
+      EXPECT_EQ(type == 0 ? "" : error, Thrown([&] { other.change(changed); })) << type << " as " << as;
       EXPECT_EQ((type == 0 ? Empty(as) : sample).toXml(0), changed.toXml(0)) << type << " as " << as;
-      EXPECT_EQ(type == as ? sample.toXml(1) : "", (sample.*all[as].write)(1)) << type << " as " << as;
+      EXPECT_EQ(type == as ? sample.toXml(1) : "", (sample.*other.write)(1)) << type << " as " << as;
       for (const int set : {0, 1}) {
-        EXPECT_EQ(all[as].reserved[set] + (type == as ? contents[type][set] : 0), (sample.*all[as].size)(set)) << as;
-        EXPECT_EQ(all[type].reserved[set] + contents[type][set], sample.toXmlSize(set)) << type;
+        EXPECT_EQ(other.reserved[set] + (type == as ? contents[type][set] : 0), (sample.*other.size)(set)) << as;
+        EXPECT_EQ(own.reserved[set] + contents[type][set], sample.toXmlSize(set)) << type;
       }
     }
     if (type == 0) continue;
@@ -290,7 +292,7 @@ TEST(XmlRpcValue, IsAccessedWrittenAndReadAsItsTypeAlone) {
     V read;
     int offset = 0;
     ASSERT_TRUE(read.fromXml("<va></va>", &offset));  // so that it has the short tags
-    EXPECT_TRUE((read.*all[type].read)(xml, &(offset = start))) << xml;
+    EXPECT_TRUE((read.*own.read)(xml, &(offset = start))) << xml;
     EXPECT_EQ(end, offset) << xml;
     EXPECT_EQ(xml, read.toXml(read.getTagSet()));
     V taken = read, copy = std::move(taken);
@@ -299,7 +301,7 @@ TEST(XmlRpcValue, IsAccessedWrittenAndReadAsItsTypeAlone) {
     copy.invalidate();
     EXPECT_EQ(0, copy.getTagSet());
     for (const int outside : {-1, INT_MIN, 3, INT_MAX}) {
-      EXPECT_FALSE((read.*all[type].read)("x<", &(offset = outside)));
+      EXPECT_FALSE((read.*own.read)("x<", &(offset = outside)));
       EXPECT_EQ(outside, offset);
       EXPECT_FALSE(read.valid());
     }
