@@ -175,7 +175,7 @@ TEST(XmlRpcClientTransportHTTP, IsItsOwnPeerIfBothEndsAreOne) {
   Connected transport(0);
   unsigned short port = 0;
   transport.listener.GetPort(port);
-  for (const auto& [address, ownPort] : {std::pair(1U, 0), {0U, 1}, {0U, 0}}) {  // what is added to the peer's
+  for (const auto& [address, ownPort] : {std::pair(1U, 0U), {0U, 1U}, {0U, 0U}}) {  // what is added to the peer's
     EXPECT_EQ(0, transport.Connect());
     on_getsockname = [&, own = port + ownPort, host = INADDR_LOOPBACK + address](int, sockaddr* name, socklen_t*) {
       reinterpret_cast<sockaddr_in*>(name)->sin_port = htons(static_cast<std::uint16_t>(own));
