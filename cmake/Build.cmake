@@ -17,9 +17,6 @@ add_link_options(-Wl,--gc-sections)
 if(TARN_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
-  if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
-    add_compile_options(-Wno-maybe-uninitialized)  # which it sees in std::regex and elsewhere once code is instrumented
-  endif()
 elseif(NOT CMAKE_BUILD_TYPE MATCHES "^(Debug|MinSizeRel)$")
   # As distributions harden what they ship. A build's own flags (CXXFLAGS) come first and may take it back. Not what is to
   # be as small as it gets: there it would take 6 KB of 150.
