@@ -35,10 +35,14 @@ std::string Command_SetIPAddress(const std::string& a, const std::string& b, con
   done = a + '|' + b + '|' + c + '|' + d;
   return isAck ? "ACK\n" : "NACK\n";
 }
-int ul_RunCommand(const std::string& command) { return done += command, 0; }
+int ul_RunCommand(const std::string& command) {
+  done += command;
+  return 0;
+}
 bool CallDeviceService(const char* method, const TarnXmlRpc::XmlRpcValue& params, TarnXmlRpc::XmlRpcValue&,
                        AfterTimeout) {
-  return done = method + RPCItem::GetText(params, "Msg"), isAck;
+  done = method + RPCItem::GetText(params, "Msg");
+  return isAck;
 }
 AbsTime_US ul_GetAbsTime_US(bool) { return now; }
 void ul_MathAbsTime_NowAddParam_US(std::uint64_t us, AbsTime_US* time) { *time = now + us; }

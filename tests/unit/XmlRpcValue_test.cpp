@@ -262,8 +262,10 @@ TEST(XmlRpcValue, IsAccessedWrittenAndReadAsItsTypeAlone) {
   // What is reserved for the content: texts twice, parts with their own, around each member's value a little more.
   const int contents[][2] = {{256, 256}, {0, 0}, {0, 0}, {0, 0}, {2, 2}, {0, 0}, {6, 6}, {20, 14}, {55, 37}, {0, 0}};
   const auto& looked = std::as_const(samples);
-  EXPECT_TRUE(looked[V::TypeBoolean].getBool() && looked[V::TypeInt].getInt() == 7 &&
-              looked[V::TypeDouble].getDouble() == 1.5 && looked[V::TypeInt64].getInt64() == 7);
+  EXPECT_TRUE(looked[V::TypeBoolean].getBool());
+  EXPECT_EQ(7, looked[V::TypeInt].getInt());
+  EXPECT_EQ(1.5, looked[V::TypeDouble].getDouble());
+  EXPECT_EQ(7, looked[V::TypeInt64].getInt64());
   for (int type = 0; type <= 9; ++type) {
     const V &sample = samples[type], empty = Empty(type);
     const Functions& own = all[type];
