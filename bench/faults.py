@@ -230,7 +230,7 @@ def trickle(connection, _method):
 
 
 class Supervisor:
-    """Starts the daemon as the unit does: again 1 s after its end, however often, and ends one that is silent for the
+    """Starts the daemon as the unit does, but 1 s after its end, however often, and ends one that is silent for the
     watchdog's time. Notes when it did."""
 
     def __init__(self, b):
@@ -503,7 +503,7 @@ def _(b):
     sent = collections.Counter()
 
     def step():
-        flood.send(b"x\n"[:1])
+        flood.send(b"x")
         sent["all"] += 1
         time.sleep(0.0008)
     before = b.daemon.output().count("Received x")

@@ -35,7 +35,7 @@ Examples:
   tarnddp set-ip ff05 192.168.1.20/24 --gateway 192.168.1.1
   tarnddp scan --csv >plan.csv; tarnddp apply plan.csv
 
-Exit status: 0 done; 1 not, or not wholly, as asked; 2 wrong usage or refused; 3 no interface to send by; 130 interrupted.
+Exit status: 0 done; 1 not, or not wholly, as asked; 2 wrong usage, address or plan; 3 no interface to send by; 130 interrupted.
 )";
 
 void AddCommon(CLI::App& app, CommonOptions& options) {
