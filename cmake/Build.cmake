@@ -18,9 +18,14 @@ if(TARN_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
 elseif(NOT CMAKE_BUILD_TYPE MATCHES "^(Debug|MinSizeRel)$")
-  # As distributions harden what they ship. A build's own flags (CXXFLAGS) come first and may take it back. Not what is to
-  # be as small as it gets: there it would take 6 KB of 150.
-  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
+  # As distributions harden what they ship, but for what the build's own flags (CXXFLAGS) say of it: ours stand behind those
+  # and would win over a higher level, too. Not what is to be as small as it gets: there it would take 6 KB of 150.
+  if(NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE")
+    add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  endif()
+  if(NOT CMAKE_CXX_FLAGS MATCHES "stack-protector")
+    add_compile_options(-fstack-protector-strong)
+  endif()
 endif()
 if(NOT WIN32)
   add_link_options(-Wl,-z,relro -Wl,-z,now)
