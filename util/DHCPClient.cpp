@@ -15,7 +15,7 @@
 #include "base/ErrorText.h"
 #include "util/DHCPMessage.h"
 #include "util/EthernetCfg.h"
-#include "util/InterfaceName.h"
+#include "util/NameOrEmpty.h"
 #include "util/Shell.h"
 #include "util/_Others.h"
 #include "util/_Time.h"
@@ -57,7 +57,7 @@ bool ReadMac(const char* interface) {
   EthernetCfg_Final();
   if (macText[0] != '\0') return true;
   ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - ERROR: Could not read network settings of %s\n",
-              InterfaceName(interface));
+              NameOrEmpty(interface));
   return false;
 }
 
@@ -65,8 +65,7 @@ bool ReadMac(const char* interface) {
 void AddBroadcastRoute(const char* interface) {
   if (!SetRoute) return;
   try {
-    const std::string command =
-        "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(InterfaceName(interface));
+    const std::string command = "route add 255.255.255.255 netmask 0.0.0.0 dev " + ul_ShellWord(NameOrEmpty(interface));
     ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - %s\n", command.c_str());
     ul_RunRoute(command);
     ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - %s\n", command.c_str());
@@ -208,10 +207,10 @@ bool Apply(const char* interface, const Settings& settings, unsigned* leaseSecon
 }  // namespace
 
 bool ul_ConfigureNetworkWithDHCP(const char* interface, int attempts, unsigned* leaseSeconds) {
-  ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - DHCP request called for interface %s\n", InterfaceName(interface));
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - DHCP request called for interface %s\n", NameOrEmpty(interface));
   Call call;
   if (ReadMac(interface)) {
-    ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - HW address of %s is %s\n", InterfaceName(interface), macText);
+    ul_PrStdOut(nullptr, PR_TIME_ONLY, "DHCP Client - HW address of %s is %s\n", NameOrEmpty(interface), macText);
     AddBroadcastRoute(interface);
   } else {
     call.failed = true;

@@ -20,7 +20,7 @@
 #include "base/Descriptor.h"
 #include "base/ErrorText.h"
 #include "util/AddressText.h"
-#include "util/InterfaceName.h"
+#include "util/NameOrEmpty.h"
 #include "util/ResolverFile.h"
 #include "util/RouteSocket.h"
 #include "util/Shell.h"
@@ -37,7 +37,7 @@ char ifName[32];
 /// A request for `interface`, of whose name it holds 16 bytes; the kernel takes the last one for the terminating NUL.
 ifreq RequestFor(const char* interface) {
   ifreq request = {};
-  const char* const name = InterfaceName(interface);
+  const char* const name = NameOrEmpty(interface);
   std::memcpy(request.ifr_name, name, strnlen(name, sizeof(request.ifr_name)));
   return request;
 }
@@ -156,7 +156,7 @@ void RememberGateway(const char* gateway) {
 bool GetFlags(const char* interface, ifreq* request) {
   *request = RequestFor(interface);
   if (ioctl(skfd, SIOCGIFFLAGS, request) >= 0) return true;
-  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: %s: unknown interface: %s\n", InterfaceName(interface), ErrorText(errno));
+  ul_PrStdOut(nullptr, PR_TIME_ONLY, "Error: %s: unknown interface: %s\n", NameOrEmpty(interface), ErrorText(errno));
   return false;
 }
 
@@ -275,7 +275,7 @@ int get_gatewayip(char* gateway) {
 
 bool ul_GetMACAddressString(const char* interface, char* out, bool* hasAddress) {
   std::string output;
-  if (!ul_ReadCommand("ifconfig " + ul_ShellWord(InterfaceName(interface)), output)) return false;
+  if (!ul_ReadCommand("ifconfig " + ul_ShellWord(NameOrEmpty(interface)), output)) return false;
   const std::string label = "HWaddr ";
   const std::size_t at = output.find(label);
   if (at == std::string::npos) return false;
