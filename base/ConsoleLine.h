@@ -19,7 +19,7 @@
 /// The most that a pipe takes in one piece once poll() calls it writable (PIPE_BUF of Linux).
 inline constexpr std::size_t ConsoleLineLimit = 4096;
 
-/// How many lines ConsoleLine() has dropped in this process.
+/// How many lines ConsoleLine() has dropped in this process, but for what a terminal took in part or not.
 inline std::atomic<unsigned> ConsoleLinesDropped{0};
 
 /// What standard output and error are, for ConsoleLine() to know; while unknown it asks at each line. Nowhere is

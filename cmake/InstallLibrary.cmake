@@ -15,6 +15,7 @@ install(FILES
   xmlrpc/XmlRpcValue.h xmlrpc/XmlTags.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn/xmlrpc COMPONENT library)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tarnxmlrpc COMPONENT library)
+install(FILES docs/library.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tarnxmlrpc/docs COMPONENT library)
 
 if(TARGET tarnxmlrpc_ini)
   list(APPEND libraries tarnxmlrpc_ini)

@@ -63,7 +63,7 @@ class SetNetwork {
     void Set_SubnetMask(const std::string& text) { (*this)[ItemName_SubnetMask()] = text; }
     void Set_GatewayAddress(const std::string& text) { (*this)[ItemName_GatewayAddress()] = text; }
     /// Makes the array at least `count` long, with empty texts behind those that are there; it never shrinks. 0 or less
-    /// adds nothing.
+    /// adds nothing. Throws -4304 too, if the member is no array.
     void SetSize_DNSAddresses(int count);
   };
 

@@ -6,7 +6,7 @@
 #include <charconv>
 #include <cstring>
 
-// Addresses as texts, without the printf machinery that inet_ntop() brings along for each.
+// Addresses as texts, without the printf that inet_ntop() goes through for each.
 
 /// Writes the dotted quad, at most INET_ADDRSTRLEN bytes with its NUL.
 inline void AddressText_Quad(in_addr address, char* text) {

@@ -2,7 +2,8 @@
 
 // The IPv4 settings of one network interface, read and changed through the kernel: interface ioctls (netdevice(7)), a
 // dump of the routing table (rtnetlink(7)), the command `route` and a resolver file. One thread at a time. Every use is
-// EthernetCfg_Init(), reads or writes, EthernetCfg_Final(). What fails is printed with ul_PrStdOut(); nothing throws.
+// EthernetCfg_Init(), reads or writes, EthernetCfg_Final(). What fails is printed with ul_PrStdOut(); nothing throws,
+// but for a read where memory runs out: std::bad_alloc.
 //
 // Texts are NUL-terminated; what is written goes into buffers of at least 128 bytes of the caller's. Addresses are
 // dotted quads. Of an interface name the first 15 bytes count, as the kernel reads no more.

@@ -19,5 +19,5 @@ int ul_RunRoute(const std::string& command);
 
 /// Runs `command` as ul_RunCommand() does and puts what it wrote to its standard output into `output`. False, `output`
 /// untouched, errno telling why, if it could not be started, is too long or finds no descriptor below 1024 free
-/// (EMFILE); its exit status does not matter.
+/// (EMFILE); its exit status does not matter. Where memory runs out it throws std::bad_alloc and loses descriptors.
 bool ul_ReadCommand(const std::string& command, std::string& output);

@@ -52,7 +52,7 @@ class XmlRpcClient {
   bool IsFault() const { return isFault; }
 
  protected:
-  std::string request;  // both are empty outside a call
+  std::string request;  // both are emptied by the end of each execute()
   std::string response;
   bool isFault = false;
   XmlRpcClientTransport* transport;

@@ -15,10 +15,14 @@ class XmlRpcClientTransport {
   XmlRpcClientTransport& operator=(const XmlRpcClientTransport&) = delete;
   virtual ~XmlRpcClientTransport() = default;
 
+  // A client calls execute() alone. The rest is for the transport's owner; one without a connection that lasts has
+  // nothing to do in it.
+
   /// Takes the server's address from a struct whose members the implementation names. Does not connect.
   virtual int SetCfg(XmlRpcValue& cfg) = 0;
   virtual int Connect() = 0;
   virtual int Disconnect() = 0;
+  /// 0 if connected, as far as that is known without asking the server.
   virtual int TestConnection() { return 0; }
 
   /// One exchange. After a failure `response` may hold a fault document that tells it to a client.

@@ -32,7 +32,8 @@ class XmlRpcClientTransportHTTP : public XmlRpcClientTransport {
   ~XmlRpcClientTransportHTTP() override = default;
 
   /// STATUS_BAD_CONFIGURATION unless `cfg` is a struct with a "Port" whose low 16 bits are not 0 and an "IP" that is
-  /// not empty. A failure keeps what was stored before it.
+  /// not empty. A failure keeps what was stored up to it: without a usable "IP" the new port stands beside the former
+  /// address, so configure again before Connect().
   int SetCfg(XmlRpcValue& cfg) override;
 
   /// 0 at once when connected. Else connects and blocks for as long as the system tries; STATUS_CONNECT_FAILED leaves

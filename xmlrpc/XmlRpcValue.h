@@ -117,8 +117,8 @@ class XmlRpcValue : public XmlTags {
   /// Members of a struct; 0 for every other type.
   int countMembers() const;
 
-  // Implicit conversion on access. The non-const forms give an invalid value the wanted type with empty storage and
-  // throw on any other mismatch; the const forms throw on every mismatch. The codes are in XmlRpcException.h.
+  // An invalid value takes a type on access: the non-const forms give it the wanted one with empty storage and throw on
+  // any other mismatch; the const forms throw on every mismatch. The codes are in XmlRpcException.h.
 
   void assertTypeOrInvalid(Type t);
   void assertTypeOrInvalid(Type t) const;
@@ -188,6 +188,7 @@ class XmlRpcValue : public XmlTags {
   /// Empty when this is no fault. Throws CODE_TYPE_ERROR when the text is there but no string.
   std::string GetFaultString();
 
+  // Do nothing; kept for programs that call them.
   bool Test() const { return true; }
   void Trace(const char*, const char*) const {}
 
@@ -239,7 +240,8 @@ class XmlRpcValue : public XmlTags {
   int structToXmlSize(int set) const;
 
   // INI text, rendered by the library itself; docs/library.md has the rules. Binary data has no INI form: it adds
-  // nothing and the result is false, while everything else is still rendered.
+  // nothing and the result is false, while everything else is still rendered. The first form appends to `blocks`, one
+  // for each section, and takes an invalid value for nothing (true); the second sets `out`, and is false for it.
 
   bool toINIFormat(std::vector<std::string>& blocks, const char* section, const char* key) const;
   bool toINIFormat(std::string& out, const char* section, const char* key);
