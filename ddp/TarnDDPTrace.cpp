@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <new>
 
 #include "base/Descriptor.h"
@@ -33,12 +34,20 @@ bool Exists(const char* path) {
 constexpr mode_t FIRST_DIRECTORY_MODE = 0007;
 constexpr mode_t FIRST_PIPE_MODE = 0002;
 
-/// The directory is everyone's, so that a link may stand where we made something a moment ago: it is not followed, or,
-/// where the C library cannot do without following, not as far as a look can tell.
-bool LetEveryoneIn(const char* path) {
-  if (fchmodat(AT_FDCWD, path, 0777, AT_SYMLINK_NOFOLLOW) == 0) return true;
+/// Lets everyone into what stands at `path`, if it is of that kind. By a descriptor, so that what is changed is what
+/// was looked at: the directory is everyone's, and anyone may put a link in its place. Where there is no /proc, by
+/// which alone the modes of such a descriptor are changed, what the path leads to is.
+bool LetEveryoneIn(const char* path, mode_t kind) {
+  constexpr mode_t EVERYTHING = 0777;
+  const int held = GateCloexec(open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat found = {};
-  return errno == EOPNOTSUPP && lstat(path, &found) == 0 && !S_ISLNK(found.st_mode) && chmod(path, 0777) == 0;
+  if (held < 0) return false;
+  char link[32];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", held);
+  const bool isDone = fstat(held, &found) == 0 && (found.st_mode & S_IFMT) == kind &&
+                      (chmod(link, EVERYTHING) == 0 || (errno == ENOENT && chmod(path, EVERYTHING) == 0));
+  close(held);
+  return isDone;
 }
 
 /// Whether a start of ours made `path` and ended, or failed, before it set the modes: the first ones are there, as they
@@ -54,14 +63,14 @@ void MakeDirectory(TracePipe::Failures& failures) {
   const bool exists = Exists(DIRECTORY);
   if (!exists) failures.noDirectory = mkdir(DIRECTORY, FIRST_DIRECTORY_MODE) != 0;
   if (exists && !IsHalfMade(DIRECTORY, S_IFDIR, FIRST_DIRECTORY_MODE)) return;
-  failures.noDirectoryModes = !LetEveryoneIn(DIRECTORY);
+  failures.noDirectoryModes = !LetEveryoneIn(DIRECTORY, S_IFDIR);
 }
 
 void MakePipe(TracePipe::Failures& failures) {
   const bool exists = Exists(PIPE);
   if (!exists) failures.noPipe = mkfifo(PIPE, FIRST_PIPE_MODE) != 0;
   if (exists && !IsHalfMade(PIPE, S_IFIFO, FIRST_PIPE_MODE)) return;
-  failures.noPipeModes = !LetEveryoneIn(PIPE);
+  failures.noPipeModes = !LetEveryoneIn(PIPE, S_IFIFO);
 }
 
 void Close(int& descriptor) {

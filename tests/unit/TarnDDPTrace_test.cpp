@@ -11,6 +11,7 @@ constexpr char NO_FOLDER_MODES[] = "Could not change access permissions of /tmp/
 constexpr char NO_PIPE[] = "Could not create FIFO\n\n";
 constexpr char NO_PIPE_MODES[] = "Could not change access permissions for fifoFTPR\n";
 constexpr char NOT_OPEN[] = "Error at open\n\n";
+constexpr char PIPE[] = "/tmp/tsl_app/FIFO_T_C2H_AET";
 
 /// $D and $P in the command are the folder and the pipe.
 void Shell(const std::string& command) {
@@ -22,7 +23,7 @@ std::string Opened(TracePipe& pipe, bool& isUsable) {
   testing::internal::CaptureStdout();
   isUsable = TarnDDPTrace_OpenPipe(pipe);
   std::ostringstream text(testing::internal::GetCapturedStdout(), std::ios::ate);
-  for (const char* const path : {"/tmp/tsl_app", "/tmp/tsl_app/FIFO_T_C2H_AET"}) {
+  for (const char* const path : {"/tmp/tsl_app", PIPE}) {
     struct stat found = {};
     lstat(path, &found) == 0 ? text << std::oct << (found.st_mode & 07777) << ' ' : text << "- ";
   }
@@ -31,17 +32,20 @@ std::string Opened(TracePipe& pipe, bool& isUsable) {
 
 }  // namespace
 
-/// As in a C library that cannot change modes without following links; end-to-end tests have the other kind. Or
-/// refused.
-extern "C" int fchmodat(int, const char*, mode_t, int flags) noexcept {
-  const bool isRefused = access("/tmp/refused", F_OK) == 0;
-  return errno = isRefused ? EPERM : flags == AT_SYMLINK_NOFOLLOW ? EOPNOTSUPP : EINVAL, -1;
+/// Refused, or without /proc; or, as anyone may do, after a link was put in the place of the pipe that was looked at.
+extern "C" int chmod(const char* path, mode_t mode) noexcept {
+  if (access("/tmp/refused", F_OK) == 0) return errno = EPERM, -1;
+  if (access("/tmp/no-proc", F_OK) == 0 && path[1] == 'p') return errno = ENOENT, -1;
+  if (access("/tmp/replaced", F_OK) == 0 && access(PIPE, F_OK) == 0) Shell("ln -sf /tmp/other $P");
+  return fchmodat(AT_FDCWD, path, mode, 0);
 }
 
 TEST(TracePipe, IsMadeForEveryoneAndLeftAsSomebodyMadeIt) {
   const std::string make = "mkdir $D; mkfifo $P; ", noPipe = NO_PIPE + (NO_PIPE_MODES + std::string(NOT_OPEN));
   const std::tuple<std::string, bool, std::string> rows[] = {
       {"true", true, "777 777 "},
+      {"touch /tmp/no-proc", true, "777 777 "},
+      {"touch /tmp/replaced", true, std::string(NOT_OPEN) + "777 777 "},
       {make + "chmod 0 $P; chmod 5 $D", true, "777 777 "},  // half-made by an earlier start
       {make + "chmod 2 $P; chmod 7 $D", true, "777 777 "},
       {make + "chmod 640 $P; chmod 750 $D", true, "750 640 "},
@@ -53,7 +57,7 @@ TEST(TracePipe, IsMadeForEveryoneAndLeftAsSomebodyMadeIt) {
       {"mkdir $D; ln -s nowhere $P", false, noPipe + "755 777 "},
       {"touch /tmp/refused", false, NO_FOLDER_MODES + (NO_PIPE_MODES + std::string("5 0 "))}};
   for (const auto& [prepare, isUsable, expected] : rows) {
-    Shell("umask 022; rm -rf /tmp/other /tmp/refused $D; " + prepare);
+    Shell("umask 022; rm -rf /tmp/other /tmp/refused /tmp/no-proc /tmp/replaced $D; touch /tmp/other; " + prepare);
     const int descriptors = CountDescriptors();
     TracePipe pipe;
     bool result = !isUsable;
@@ -63,6 +67,7 @@ TEST(TracePipe, IsMadeForEveryoneAndLeftAsSomebodyMadeIt) {
     EXPECT_EQ(expected.substr(expected.rfind('\n') + 1), Opened(pipe, result)) << prepare << ": told before";
     for (const int descriptor : {pipe.descriptor, pipe.watch}) close(descriptor);
     EXPECT_EQ(descriptors, CountDescriptors()) << prepare;
+    Shell("[ -p /tmp/other ] || [ $(stat -c %a /tmp/other) = 644 ]");
   }
   Shell("rm /tmp/refused");
   EXPECT_FALSE(Enabled) << "until it is switched on";
