@@ -107,6 +107,8 @@ class Unit(case.DeviceTest):
         self.device.set_address(f"{DEVICE}/24")
         RESOLVER_FILE.unlink()
         shutil.rmtree("/tmp/tsl_app")
+        os.symlink("/etc", "/tmp/tsl_app")
+        os.chown("/tmp/tsl_app", 1, 1, follow_symlinks=False)
         self.start_daemon(dropin)
         self.try_all("1.7")
         self.assertRaises(BlockingIOError, self.halts.recv, 1000)
