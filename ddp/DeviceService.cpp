@@ -49,7 +49,7 @@ bool TarnDDPCommand_Final() {
 
 bool CallDeviceService(const char* method, const TarnXmlRpc::XmlRpcValue& params, TarnXmlRpc::XmlRpcValue& results,
                        AfterTimeout afterTimeout) {
-  constexpr int STATUS_OUT_OF_STEP = -3405;
+  constexpr int STATUS_OUT_OF_STEP = -3405;  // no call here ends so, but a fault of the service may have it
   const unsigned owed = XmlRpcTransport.OwedResponses();
   try {
     const int status = XmlRpcClient.execute(method, params, results);

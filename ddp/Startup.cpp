@@ -72,10 +72,7 @@ void Startup_Prepare() {
 }
 
 void Startup_AddMulticastRoute(const char* interface) {
-  char command[1024];  // a longer one is cut
-  std::snprintf(command, sizeof command, "route add -net 224.0.0.0 netmask 224.0.0.0 %s\n",
-                ul_ShellWord(interface).c_str());
-  ul_RunRoute(command);
+  ul_RunRoute("route add -net 224.0.0.0 netmask 224.0.0.0 " + ul_ShellWord(interface) + "\n");
 }
 
 // Exits are immediate: nothing that is to be done or written at the end may be done in both processes.

@@ -17,8 +17,7 @@ inline constexpr char address_Broadcast[] = "255.255.255.255";
 inline constexpr char port_Broadcast[] = "5562";
 
 /// The UDP sockets on which requests arrive, and the memory of which of them and which sender the last one came from:
-/// every Send() goes there. Opens its sockets when it is made and never closes them, but for those that a repeated
-/// InitConnections() replaces.
+/// every Send() goes there. Opens its sockets when it is made and never closes them, but for those that it replaces.
 ///
 /// Receive() belongs to the main loop. Send() is called by the trace thread too, without a lock: a trace text may then
 /// go to the requester before or after, which is accepted.
