@@ -121,9 +121,8 @@ class Run {
       try {
         const Report report = SendOne(change, which + ": ");
         PrintReport(report, json);
-        if (StatusOf(report) == StatusDone) continue;
-        status = StatusNotDone;
-        stayed.insert(change.device->id);
+        if (StatusOf(report) != StatusDone) status = StatusNotDone;
+        tried.insert(change.device->id);
       } catch (const Interrupted&) {
         Say("interrupted at " + which + ", " + change.called + "; the same plan can be applied again");
         return false;
@@ -145,11 +144,19 @@ class Run {
     return notes;
   }
 
+  /// Who has its address now, or had it when last heard: a change may have failed, and a lease may bring any address.
+  /// One that is still to be changed does not count: where addresses go round, somebody has to begin.
+  std::string HolderOf(const PlannedChange& change) const {
+    if (change.step != Step::SetAddress) return {};
+    for (const Holder& holder : HoldersOf(change.address.address, *change.device, session.All(), {})) {
+      if (tried.count(holder.device) != 0) return holder.text;
+    }
+    return {};
+  }
+
   Report SendOne(const PlannedChange& change, const std::string& progress) {
-    for (const int holder : change.waitsFor) {
-      if (stayed.count(holder) == 0) continue;
-      const std::string words = "its new address may still be that of a device that did not change; nothing was sent";
-      return ReportOn(*change.device, {Result::Unchanged, words}, SettingsOf(change));
+    if (const std::string holder = HolderOf(change); !holder.empty()) {
+      return ReportOn(*change.device, {Result::Unchanged, holder + "; nothing was sent"}, SettingsOf(change));
     }
     if (auto report = Carry(session, *change.device, OrderFor(change), progress)) return *report;
     const std::string words = "nothing could be sent: " + session.Sockets().SendError();
@@ -161,7 +168,7 @@ class Run {
   bool json;
   int count = 0;
   int status = StatusDone;
-  std::set<int> stayed;  // Device::id of those that have not become what the plan says
+  std::set<int> tried;  // Device::id of those whose turn has been
 };
 
 int Refuse(const std::string& plan, const std::string& error) {
