@@ -124,7 +124,7 @@ class Checker {
     }
     bool isNamed = entry.change.mac.has_value();
     for (const Column column : {Serial, Name}) {
-      const std::string& cell = entry.cells[column];
+      const std::string cell = Cell(entry.cells[column]);  // it may be written by hand
       // Behind a MAC address they tell apart those that share it, and a name may have changed.
       if (cell.empty() || (isNamed && found.size() < 2)) continue;
       isNamed = true;

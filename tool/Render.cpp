@@ -176,11 +176,11 @@ std::vector<std::string> PlanRow(const Device& device) {
   const Facts facts = FactsOf(device.record);
   const Settings& settings = facts.settings;
   return {facts.mac.value_or(""),
-          ShownOr(facts.serial, ""),
-          ShownOr(facts.name, ""),
-          ShownOr(settings.address, ""),
+          Cell(ShownOr(facts.serial, "")),
+          Cell(ShownOr(facts.name, "")),
+          Cell(ShownOr(settings.address, "")),
           settings.prefix ? std::to_string(*settings.prefix) : "",
-          ShownOr(settings.gateway, ""),
+          Cell(ShownOr(settings.gateway, "")),
           "",
           !settings.dhcp   ? ""
           : *settings.dhcp ? "on"

@@ -32,7 +32,7 @@ std::vector<std::string> Table(const std::vector<Finding>& findings, int columns
 /// One JSON object without a line end, in ASCII alone. `event` and `time` are added if `event` is not empty.
 std::string Json(const Finding& finding, std::string_view event = {}, std::string_view time = {});
 
-/// The heading of a plan, and the row of a device in it, as fields.
+/// The heading of a plan, and the row of a device in it, as fields, none of which is a formula (Cell() of tool/Text.h).
 std::vector<std::string> PlanHeading();
 std::vector<std::string> PlanRow(const Device& device);
 

@@ -83,6 +83,19 @@ std::string Shown(std::string_view foreign) {
   return shown;
 }
 
+std::string Cell(std::string_view shown) {
+  constexpr std::string_view starts[] = {"=", "+", "-", "@", "＝", "＋", "－", "＠"};  // the last four are full-width
+  std::string cell;
+  bool isAtStart = true;
+  for (; !shown.empty(); shown.remove_prefix(1)) {
+    const auto begins = [shown](std::string_view start) { return shown.substr(0, start.size()) == start; };
+    if (isAtStart && std::any_of(std::begin(starts), std::end(starts), begins)) cell += '\'';
+    cell += shown.front();
+    isAtStart = shown.front() == ';' || (isAtStart && shown.front() == ' ');
+  }
+  return cell;
+}
+
 int Width(std::string_view shown) {
   int columns = 0;
   for (auto at = shown.begin(); at < shown.end();) columns += ColumnsOf(utf8::unchecked::next(at));

@@ -16,6 +16,10 @@ std::string Utf8(std::string_view foreign);
 /// the cursor, colour the line or turn its direction, and what is shown is one line.
 std::string Shown(std::string_view foreign);
 
+/// `shown` as a cell of a table that no spreadsheet takes for a formula: with a ' before what begins like one, at the
+/// start and behind a ";", at which some spreadsheets part cells too. A cell stays as it is.
+std::string Cell(std::string_view shown);
+
 /// How many columns of a terminal `shown` takes.
 int Width(std::string_view shown);
 

@@ -63,6 +63,15 @@ TEST(Plan, OfWhatWasHeardLeavesAllAlone) {
   EXPECT_EQ("2:alone 3:alone 4:alone 5:alone ", Check(text, devices));
 }
 
+TEST(Plan, HoldsNoFormula) {
+  std::vector<Device> devices = Bench();
+  Record& record = devices[0].record;
+  record.name = record.serial = record.address = record.gateway = "=1";
+  EXPECT_EQ((std::vector<std::string>{record.mac, "'=1", "'=1", "'=1", "24", "'=1", "", "off"}), PlanRow(devices[0]));
+  for (const std::string cell : {"'=1", "=1"})  // also as somebody writes it by hand
+    EXPECT_EQ("2:on ", Check("name,dhcp\n" + cell + ",on\n", devices)) << cell;
+}
+
 TEST(Plan, TellsDevicesWithOneMacApart) {
   std::vector<Device> devices = Bench();
   devices[1].record.mac = devices[0].record.mac;

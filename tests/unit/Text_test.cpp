@@ -28,6 +28,16 @@ TEST(Text, NothingThatDrivesATerminalIsShown) {
   }
 }
 
+TEST(Text, NoCellIsAFormula) {
+  const char* cases[][2] = {
+      {"=1", "'=1"}, {"+1", "'+1"},  {"-1", "'-1"},     {"@1", "'@1"},    {"  =1", "  '=1"},
+      {"'=", "'="},  {"a=-", "a=-"}, {"＝１", "'＝１"}, {"温度", "温度"}, {"a;=; @,=", "a;'=; '@,="}};
+  for (const auto& [text, cell] : cases) {
+    EXPECT_EQ(cell, Cell(text));
+    EXPECT_EQ(cell, Cell(cell));
+  }
+}
+
 TEST(Text, EveryCharacterTakesItsColumns) {
   std::ostringstream told;  // from which character on it is how many: none, one, two, or an escape's four for each byte
   int columns = 1;
