@@ -48,7 +48,9 @@ XmlReader::XmlReader(const std::string& xml)
             TagFinder(_text, Tags<1>::nameEnd)}}} {}
 
 bool XmlReader::readValue(XmlRpcValue& value, size_t& at) {
-  return run([](XmlReader& reader, Value* out, size_t& p) { return reader.value(out, p, 1); }, value, at);
+  if (run([](XmlReader& reader, Value* out, size_t& p) { return reader.value(out, p, 1); }, value, at)) return true;
+  value._tagSet = tagSetOfFailed(at);
+  return false;
 }
 
 bool XmlReader::readOfType(XmlRpcValue::Type type, XmlRpcValue& value, size_t& at, int set) {
@@ -82,6 +84,13 @@ bool XmlReader::run(const Read& read, XmlRpcValue& value, size_t& at) {
 [[gnu::always_inline]] inline int XmlReader::valueTagAt(size_t at) const {
   if (StandsAt(_text, at, Tags<0>::value)) return 0;
   return StandsAt(_text, at, Tags<1>::value) ? 1 : -1;
+}
+
+/// That of the start tag; a struct has lost it, as it was made and freed again.
+int XmlReader::tagSetOfFailed(size_t at) const {
+  at = SkipBlanks(_text, at);
+  if (valueTagAt(at) != 1) return 0;
+  return StandsAt(_text, SkipBlanks(_text, at + Tags<1>::value.size()), Value::XML_TAG_STRUCT[1]) ? 0 : 1;
 }
 
 void XmlReader::beginSurvey() {

@@ -24,7 +24,8 @@ class XmlReader {
   explicit XmlReader(const std::string& xml);
 
   // Each reads one thing from `at` on into `value`, which must be invalid. On failure, `at` is as it was and `value` is
-  // invalid. The second kind starts after the type's own tag and takes tags from set `set`.
+  // invalid, with the tag set of its start tag if that of a struct does not follow. The second kind starts after the
+  // type's own tag and takes tags from set `set`.
 
   bool readValue(XmlRpcValue& value, std::size_t& at);
   bool readOfType(XmlRpcValue::Type type, XmlRpcValue& value, std::size_t& at, int set);
@@ -46,6 +47,7 @@ class XmlReader {
   template <typename Read>
   bool run(const Read& read, XmlRpcValue& value, std::size_t& at);
   void beginSurvey();
+  int tagSetOfFailed(std::size_t at) const;
 
   int valueTagAt(std::size_t at) const;
   bool value(Value* out, std::size_t& at, int depth);

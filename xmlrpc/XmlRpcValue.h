@@ -109,7 +109,8 @@ class XmlRpcValue : public XmlTags {
 
   Type getType() const { return _type; }
   bool valid() const { return _type != TypeInvalid; }
-  /// The tag set the value was read in: 0 long, 1 short. 0 for a value built in memory.
+  /// The tag set the value was read in: 0 long, 1 short. 0 for a value built in memory. fromXml() leaves that of the
+  /// start tag on what it could not read, if it was no struct.
   int getTagSet() const { return _tagSet; }
 
   /// Bytes of binary data or text, elements of an array, members of a struct; 0 for every other type.
@@ -203,7 +204,9 @@ class XmlRpcValue : public XmlTags {
   bool fromXml(const std::string& xml, int* offset);
 
   // One type each. A writer on a value of another type gives an empty text; a reader starts after the type's tag,
-  // leaves the closing tags unread, uses this value's tag set and releases what the value held.
+  // leaves the closing tags unread, uses this value's tag set and takes the place of what the value held. On failure it
+  // leaves the value as it was, but for structFromXml(), which leaves it invalid; that one reads a struct without
+  // members where there is none.
 
   std::string boolToXml(int set) const;
   std::string intToXml(int set) const;
@@ -310,7 +313,7 @@ class XmlRpcValue : public XmlTags {
   int toXmlSizeOfType(Type type, int set) const;
   bool fromXmlOfType(Type type, const std::string& xml, int* offset);
   template <typename Read>
-  bool readFresh(const std::string& xml, int* offset, const Read& read);
+  bool readFresh(const std::string& xml, int* offset, bool keepsAtFailure, const Read& read);
 
   std::unique_ptr<std::vector<std::string>> _iniLines;  // of the last INI rendering; values that had none stay small
   std::int32_t _tagSet = 0;

@@ -71,30 +71,33 @@ int XmlRpcValue::binaryToXmlSize(int set) const { return toXmlSizeOfType(TypeBas
 int XmlRpcValue::arrayToXmlSize(int set) const { return toXmlSizeOfType(TypeArray, set); }
 int XmlRpcValue::structToXmlSize(int set) const { return toXmlSizeOfType(TypeStruct, set); }
 
-/// Runs `read` over a fresh value, so that `xml` may be a text in here and nothing half-read remains.
+/// Runs `read` over a fresh value, which takes this one's place, so that `xml` may be a text in here and nothing
+/// half-read remains; if `keepsAtFailure`, only where it succeeds.
 template <typename Read>
-bool XmlRpcValue::readFresh(const std::string& xml, int* offset, const Read& read) {
+bool XmlRpcValue::readFresh(const std::string& xml, int* offset, bool keepsAtFailure, const Read& read) {
   constexpr std::size_t longest = INT_MAX - 3;  // a NaN may move an offset three bytes on
-  XmlRpcValue before;
+  XmlRpcValue before, fresh;
   before.takeStorage(*this);
-  if (*offset < 0 || static_cast<std::size_t>(*offset) > xml.size() || xml.size() > longest) return false;
-  std::size_t at = static_cast<std::size_t>(*offset);
-  XmlRpcValue fresh;
-  XmlReader reader(xml);
-  if (!read(reader, fresh, at)) return false;
-  takeStorage(fresh);
-  *offset = static_cast<int>(at);
-  return true;
+  bool success = false;
+  if (*offset >= 0 && xml.size() <= longest) {
+    const std::size_t start = std::min(static_cast<std::size_t>(*offset), xml.size());  // there is nothing behind it
+    std::size_t at = start;
+    XmlReader reader(xml);
+    success = read(reader, fresh, at);
+    *offset += static_cast<int>(at - start);
+  }
+  takeStorage(success || !keepsAtFailure ? fresh : before);
+  return success;
 }
 
 bool XmlRpcValue::fromXml(const std::string& xml, int* offset) {
-  return readFresh(xml, offset,
+  return readFresh(xml, offset, false,
                    [](XmlReader& reader, XmlRpcValue& fresh, std::size_t& at) { return reader.readValue(fresh, at); });
 }
 
 bool XmlRpcValue::fromXmlOfType(Type type, const std::string& xml, int* offset) {
   const int set = _tagSet;
-  return readFresh(xml, offset, [=](XmlReader& reader, XmlRpcValue& fresh, std::size_t& at) {
+  return readFresh(xml, offset, type != TypeStruct, [=](XmlReader& reader, XmlRpcValue& fresh, std::size_t& at) {
     return reader.readOfType(type, fresh, at, set);
   });
 }

@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string expected = reader.read(at);
   if (reader.tooLong) return 0;
   Require(success != expected.empty() && offset == at, "verdict or offset", xml);
-  Require(value.toXml(0) == expected, "value", xml);
+  Require(value.toXml(0) == expected && value.getTagSet() == reader.tagSet, "value or tag set", xml);
   XmlRpcValue again;
   at = 0;
   again.fromXml(expected, &at);

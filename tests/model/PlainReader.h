@@ -14,6 +14,7 @@ class PlainReader {
   explicit PlainReader(const std::string& text, int values) : _xml(text), _budget(values) {}
 
   bool tooLong = false;  // the budget is used up: no verdict
+  int tagSet = 0;        // of the start tag of what was read, or failed to be; a struct that failed has none
 
   /// The value at `at`, in long tags; `at` is moved behind it. Empty, and nothing moved, if there is none.
   std::string read(int& at) {
@@ -35,10 +36,13 @@ class PlainReader {
     int end = at;
     const int set = isNext(XmlRpcValue::XML_TAG_VALUE, 1, end) ? 1 : 0;
     if (set == 0 && !isNext(XmlRpcValue::XML_TAG_VALUE, 0, end)) return "";
+    if (depth == 1) tagSet = set;
     _tooDeep = _tooDeep || depth > XmlRpcValue::MaximumDepth;
     const int type = _tooDeep || tooLong ? XmlRpcValue::TypeInvalid : typeAt(set, end);
     std::string content;
-    if (type == XmlRpcValue::TypeInvalid || !read(type, set, content, end, depth)) return "";
+    const bool isRead = type != XmlRpcValue::TypeInvalid && read(type, set, content, end, depth);
+    if (depth == 1 && type == XmlRpcValue::TypeStruct && !(isRead && !_tooDeep)) tagSet = 0;
+    if (!isRead) return "";
     Util::findTag(XmlRpcValue::XML_ENDTAG_VALUE[set], _xml, &end);
     at = end;
     return PlainXml(type, 0, content);
