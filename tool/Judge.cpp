@@ -80,11 +80,11 @@ bool IsDropped(IPv4 address, const std::string& interface, const Host& host) {
 }
 
 /// The command that gives this PC a way to the network of `address`, or, without a usable mask, to that address alone:
-/// the network may be on another interface as well.
+/// the network may be on another interface as well. Anybody can send a record, so no mask in one moves more than a /8.
 std::string RouteCommand(IPv4 address, const std::string& mask, const std::string& interface) {
   const std::optional<IPv4> number = ParseIPv4(mask);
   const int prefix = number ? PrefixOfMask(*number).value_or(32) : 32;
-  const int usable = prefix == 0 ? 32 : prefix;
+  const int usable = prefix < 8 ? 32 : prefix;
   return "ip route add " + IPv4Text(address & MaskOfPrefix(usable)) + "/" + std::to_string(usable) + " dev " +
          interface;
 }

@@ -74,6 +74,16 @@ TEST(Judge, NamesTheOneRouteThatHelps) {
     EXPECT_EQ(lines(c.general), ExplainFilters({}, host));
     EXPECT_EQ(lines(""), ExplainFilters(Judged(far, host), host));
   }
+  const char* masks[][2] = {{"255.0.0.0", "10.0.0.0/8"},
+                            {"254.0.0.0", "10.1.2.3/32"},
+                            {"0.0.0.0", "10.1.2.3/32"},
+                            {"255.0.255.0", "10.1.2.3/32"}};
+  for (const auto& [mask, network] : masks) {
+    Device device = {1, RecordOf("1", "1", "10.1.2.3"), {SourceOf("e", "fe80::1")}};
+    device.record.mask = mask;
+    EXPECT_EQ(lines("this PC drops what 10.1.2.3 sends to e" + dropped + network + " dev e"),
+              Judge({device}, HostWith(ReversePath::NeedsRouteHere, ""))[0].problems);
+  }
   // The network is on another interface too, which the routes prefer.
   Host host = HostWith(ReversePath::NeedsRouteHere, "");
   host.routeInterface = [](IPv4) { return "f"; };
