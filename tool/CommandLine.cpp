@@ -135,6 +135,7 @@ void Unescape(std::string& word) {
 template <typename Options>
 void Restore(Options&) {}
 void Restore(SendOptions& options) {
+  for (std::string& name : options.interfaces) Unescape(name);
   Unescape(options.device);
   Unescape(options.word);
   for (std::string& argument : options.arguments) Unescape(argument);

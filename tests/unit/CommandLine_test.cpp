@@ -36,9 +36,9 @@ TEST(CommandLine, WrongUsageIsToldApart) {
 
 TEST(CommandLine, WordsReachADeviceAsTheyAre) {
   const std::vector<std::string> words = {"[1,2]", "[]", "[", "\x01", "\x01[x]"};
-  const auto send =
-      std::get<SendOptions>(ReadCommandLine({"send", "[d]", "[w]", "[1,2]", "[]", "[", "\x01", "\x01[x]"}));
-  EXPECT_EQ("[d] [w]", send.device + " " + send.word);
+  const auto send = std::get<SendOptions>(
+      ReadCommandLine({"send", "--interface", "[i]", "[d]", "[w]", "[1,2]", "[]", "[", "\x01", "\x01[x]"}));
+  EXPECT_EQ("[i] [d] [w]", send.interfaces[0] + " " + send.device + " " + send.word);
   EXPECT_EQ(words, send.arguments);
   for (const char* state : {"on", "off"})
     EXPECT_EQ(state, std::string(std::get<DhcpOptions>(ReadCommandLine({"dhcp", "d", state})).on ? "on" : "off"));
