@@ -43,10 +43,10 @@ void Say(std::string_view text) {
 }
 
 void ShowStatus(std::string_view text) {
-  if (!IsErrorTerminal()) return;
-  const int columns = OutputTerminal().value_or(TerminalSize{80, 24}).columns;
+  const std::optional<TerminalSize> terminal = ErrorTerminal();
+  if (!terminal) return;
   std::string shown = Shown(text);
-  if (Width(shown) >= columns) shown = Fitted(shown, columns - 1);
+  if (Width(shown) >= terminal->columns) shown = Fitted(shown, terminal->columns - 1);
   if (shown == status) return;
   Write(stderr, "\r\x1b[K" + shown);
   status = shown;

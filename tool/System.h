@@ -78,14 +78,14 @@ void PrepareProcess();
 /// What of a receive buffer, as the socket option tells its size, is for what was asked for: Linux tells twice as much.
 int GrantedBuffer(int told);
 
-/// Columns and rows of the terminal that standard output is; nothing if it is none, or one that cannot move its cursor.
+/// Columns and rows of the terminal that standard output is, and standard error; nothing if it is none, or one that
+/// cannot move its cursor.
 struct TerminalSize {
   int columns = 0;
   int rows = 0;
 };
 std::optional<TerminalSize> OutputTerminal();
-/// Likewise for standard error.
-bool IsErrorTerminal();
+std::optional<TerminalSize> ErrorTerminal();
 bool IsInputTerminal();
 /// Whether standard output is a pipe that nobody reads any more; and whether `error`, the errno of a write to it, says
 /// so.

@@ -87,9 +87,12 @@ unsigned OutputInterface(const char* message, std::size_t length) {
   return 0;
 }
 
-bool IsFullTerminal(int descriptor) {
+std::optional<TerminalSize> TerminalOf(int descriptor) {
   const char* kind = std::getenv("TERM");
-  return isatty(descriptor) != 0 && (kind == nullptr || std::strcmp(kind, "dumb") != 0);
+  if (isatty(descriptor) == 0 || (kind != nullptr && std::strcmp(kind, "dumb") == 0)) return std::nullopt;
+  winsize size = {};
+  if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return TerminalSize{80, 24};
+  return TerminalSize{size.ws_col, size.ws_row};
 }
 
 volatile std::sig_atomic_t interrupts = 0;
@@ -243,14 +246,8 @@ void PrepareProcess() {
   std::signal(SIGPIPE, SIG_IGN);
 }
 
-std::optional<TerminalSize> OutputTerminal() {
-  winsize size = {};
-  if (!IsFullTerminal(STDOUT_FILENO)) return std::nullopt;
-  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return TerminalSize{80, 24};
-  return TerminalSize{size.ws_col, size.ws_row};
-}
-
-bool IsErrorTerminal() { return IsFullTerminal(STDERR_FILENO); }
+std::optional<TerminalSize> OutputTerminal() { return TerminalOf(STDOUT_FILENO); }
+std::optional<TerminalSize> ErrorTerminal() { return TerminalOf(STDERR_FILENO); }
 bool IsInputTerminal() { return isatty(STDIN_FILENO) != 0; }
 
 bool IsReaderGone() {

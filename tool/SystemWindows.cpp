@@ -113,8 +113,8 @@ class Console {
       if (stream.movesCursor) SetConsoleMode(stream.handle, stream.mode);
     if (codePage != 0) SetConsoleOutputCP(codePage);
   }
-  bool IsOutputFull() const { return streams[0].movesCursor; }
-  bool IsErrorFull() const { return streams[1].movesCursor; }
+  std::optional<TerminalSize> OutputSize() const { return streams[0].Size(); }
+  std::optional<TerminalSize> ErrorSize() const { return streams[1].Size(); }
 
  private:
   struct Stream {
@@ -123,6 +123,13 @@ class Console {
     DWORD mode = 0;
     bool isConsole = false;
     bool movesCursor = false;
+
+    std::optional<TerminalSize> Size() const {
+      if (!movesCursor) return std::nullopt;
+      CONSOLE_SCREEN_BUFFER_INFO info = {};
+      if (GetConsoleScreenBufferInfo(handle, &info) == 0) return TerminalSize{80, 24};
+      return TerminalSize{info.srWindow.Right - info.srWindow.Left + 1, info.srWindow.Bottom - info.srWindow.Top + 1};
+    }
   };
   std::array<Stream, 2> streams = {{{STD_OUTPUT_HANDLE}, {STD_ERROR_HANDLE}}};
   UINT codePage = 0;
@@ -136,7 +143,7 @@ BOOL WINAPI OnControl(DWORD event) {
   const bool isFirst = interrupts++ == 0;
   if (!isFirst || keepers == 0) {
     DWORD count = 0;
-    if (console.IsErrorFull()) WriteFile(GetStdHandle(STD_ERROR_HANDLE), "\n", 1, &count, nullptr);
+    if (console.ErrorSize()) WriteFile(GetStdHandle(STD_ERROR_HANDLE), "\n", 1, &count, nullptr);
     console.Restore();
     TerminateProcess(GetCurrentProcess(), StatusInterrupted);  // whatever the other threads hold
   }
@@ -254,14 +261,8 @@ void PrepareProcess() {
   std::atexit([] { console.Restore(); });
 }
 
-std::optional<TerminalSize> OutputTerminal() {
-  if (!console.IsOutputFull()) return std::nullopt;
-  CONSOLE_SCREEN_BUFFER_INFO info = {};
-  if (GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &info) == 0) return TerminalSize{80, 24};
-  return TerminalSize{info.srWindow.Right - info.srWindow.Left + 1, info.srWindow.Bottom - info.srWindow.Top + 1};
-}
-
-bool IsErrorTerminal() { return console.IsErrorFull(); }
+std::optional<TerminalSize> OutputTerminal() { return console.OutputSize(); }
+std::optional<TerminalSize> ErrorTerminal() { return console.ErrorSize(); }
 
 bool IsInputTerminal() {
   DWORD mode = 0;

@@ -123,6 +123,7 @@ class Found(unittest.TestCase):
         """The table fits, and nothing of how it grew stays behind."""
         plain, errors = (text.split("\n")[:-1] for text in Run(self.pc, "--time", "5").end()[1:])
         dumb = Terminal(self.pc, "--time", "5", columns=400, rows=50, env={**os.environ, "TERM": "dumb"})
+        errors_alone = Terminal(self.pc, "--time", "5", columns=30, rows=50, stdout=subprocess.DEVNULL)
         terminals = {columns: Terminal(self.pc, "--time", "5", columns=columns, rows=rows, **how) for columns, rows, how in (
             (200, 50, {}), (80, 24, {}), (60, 24, {"stderr": subprocess.DEVNULL}), (20, 24, {}))}
         for columns, terminal in terminals.items():
@@ -142,6 +143,8 @@ class Found(unittest.TestCase):
         status, lines = dumb.end()
         self.assertEqual((status, sorted(lines)), (0, sorted(line.rstrip() for line in (*plain, *errors))))
         self.assertNotIn(b"\x1b", dumb.raw)
+        self.assertEqual("".join(errors_alone.end()[1]).replace(" ", ""), "".join(errors).replace(" ", ""))
+        self.assertIn(b" so far", errors_alone.raw)
 
     def test_watch(self):
         """What comes, changes and goes: as lines, as JSON, and as a table in place."""
