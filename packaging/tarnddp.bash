@@ -1,6 +1,6 @@
 # Bash completion of tarnddp: commands, options, interfaces, files. Devices are not looked for: that would take seconds.
 _tarnddp() {
-  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} command=scan at
+  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} command=scan
   local common='--interface --time --help'
   COMPREPLY=()
   case $before in
@@ -9,11 +9,9 @@ _tarnddp() {
       return ;;
     --time | --expect | --gateway | --dns) return ;;
   esac
-  for ((at = 1; at < COMP_CWORD; at++)); do
-    case ${COMP_WORDS[at]} in
-      scan | set-ip | dhcp | apply | trace | halt | send) command=${COMP_WORDS[at]}; break ;;
-    esac
-  done
+  if ((COMP_CWORD > 1)); then   # the first word alone can be a command
+    case ${COMP_WORDS[1]} in set-ip | dhcp | apply | trace | halt | send) command=${COMP_WORDS[1]} ;; esac
+  fi
   local words
   case $command in
     scan) words="--expect --watch --json --csv $common" ;;
@@ -23,15 +21,15 @@ _tarnddp() {
     halt) words="--yes $common" ;;
     *) words=$common ;;
   esac
-  if ((at == COMP_CWORD)) && [[ $word != -* ]]; then
+  if ((COMP_CWORD == 1)) && [[ $word != -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W 'scan set-ip dhcp apply trace halt send' -- "$word")
     return
   fi
-  ((at < COMP_CWORD)) || words+=' --version'
+  ((COMP_CWORD > 1)) || words+=' --version'
   if [[ $word != -* && $command = apply ]]; then
     compopt -o filenames 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -f -- "$word")
-  elif [[ $word != -* && $command = dhcp ]] && ((COMP_CWORD > at + 1)); then
+  elif [[ $word != -* && $command = dhcp ]] && ((COMP_CWORD > 2)); then
     mapfile -t COMPREPLY < <(compgen -W 'on off' -- "$word")
   elif [[ $word = -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")

@@ -301,5 +301,22 @@ class Hostile(unittest.TestCase):
                 "5564, and UDP to the port 5563 of the group 224.0.5.128\n")))
 
 
+class Completion(unittest.TestCase):
+    def test_offers_what_the_tool_takes(self):
+        def offered(*words):
+            script = 'source "$0"; COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)); _tarnddp; echo "${COMPREPLY[@]}"'
+            place = pathlib.Path(__file__).resolve().parents[2] / "packaging/tarnddp.bash"
+            return subprocess.run(["bash", "-c", script, place, "tarnddp", *words], capture_output=True, text=True,
+                                  check=True).stdout.split()
+        commands = ["scan", "set-ip", "dhcp", "apply", "trace", "halt", "send"]
+        options = {command: re.findall(r"^ +(?:-h,)?(--[a-z-]+)", subprocess.run(
+            [TOOL, command, "--help"], capture_output=True, text=True, check=True).stdout, re.M) for command in commands}
+        for words, wanted in (
+                ("", commands), ("s", ["scan", "set-ip", "send"]), ("--json ", ()), ("--json set-ip --", options["scan"]),
+                ("--json dhcp d ", ()), ("dhcp d ", ["on", "off"]), ("dhcp ", ()), ("--", [*options["scan"], "--version"]),
+                *((f"{command} --", options[command]) for command in commands)):
+            self.assertEqual(sorted(offered(*words.split(" "))), sorted(wanted), words)
+
+
 if __name__ == "__main__":
     unittest.main(verbosity=2)
