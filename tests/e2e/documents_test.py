@@ -74,6 +74,11 @@ class Tree(unittest.TestCase):
                         wrong.append(f"{path}: {included}")
         self.assertEqual(wrong, [])
 
+    def test_each_table_of_commands_has_all_of_them(self):
+        daemon, *others = (set(re.findall(r'"([A-Z]+[!?])"', (DOCS.parent / path).read_text(encoding="utf-8"))) for path in (
+            "ddp/TarnDDPCommand.cpp", "tool/Change.cpp", "packaging/tarnddp.lua"))
+        self.assertEqual(others, [daemon, daemon])
+
     def test_the_sandbox_shows_nothing_of_the_machine(self):
         self.assertTrue(os.statvfs("/sys").f_flag & os.ST_RDONLY)
         self.assertLessEqual(set(os.listdir("/sys/class/net") if os.path.exists("/sys/class") else ()),
