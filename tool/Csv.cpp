@@ -12,15 +12,15 @@ constexpr std::string_view byteOrderMark = "\xef\xbb\xbf";
 
 class Reader {
  public:
-  explicit Reader(std::string_view text) : _text(text) {
-    if (_text.substr(0, byteOrderMark.size()) == byteOrderMark) _text.remove_prefix(byteOrderMark.size());
+  explicit Reader(std::string_view given) : text(given) {
+    if (text.substr(0, byteOrderMark.size()) == byteOrderMark) text.remove_prefix(byteOrderMark.size());
   }
 
-  bool AtEnd() const { return _at == _text.size(); }
+  bool AtEnd() const { return at == text.size(); }
 
   /// The next row. False if it is malformed: Error() tells.
   bool ReadRow(CsvRow& row) {
-    row.line = _line;
+    row.line = line;
     do {
       row.fields.emplace_back();
       if (!ReadField(row.fields.back())) return false;
@@ -29,57 +29,57 @@ class Reader {
     return true;
   }
 
-  const std::string& Error() const { return _error; }
+  const std::string& Error() const { return error; }
 
  private:
   bool ReadField(std::string& field) {
     if (Take('"')) return ReadQuoted(field);
-    const std::size_t end = std::min(_text.find_first_of(",\r\n", _at), _text.size());
-    field = _text.substr(_at, end - _at);
-    _at = end;
-    return field.find('"') == std::string::npos || Fail(_line, "a quote inside a field that does not begin with one");
+    const std::size_t end = std::min(text.find_first_of(",\r\n", at), text.size());
+    field = text.substr(at, end - at);
+    at = end;
+    return field.find('"') == std::string::npos || Fail(line, "a quote inside a field that does not begin with one");
   }
 
   bool ReadQuoted(std::string& field) {
-    const int begin = _line;
+    const int begin = line;
     for (;;) {
       if (AtEnd()) return Fail(begin, "a quoted field without end");
-      if (_text[_at] == '"') {
-        ++_at;
+      if (text[at] == '"') {
+        ++at;
         if (!Take('"')) break;
         field += '"';
-      } else if (const std::size_t start = _at; TakeLineEnd()) {
-        field += _text.substr(start, _at - start);
+      } else if (const std::size_t start = at; TakeLineEnd()) {
+        field += text.substr(start, at - start);
       } else {
-        field += _text[_at++];
+        field += text[at++];
       }
     }
-    return AtEnd() || std::string_view(",\r\n").find(_text[_at]) != std::string_view::npos ||
-           Fail(_line, "text after a quoted field");
+    return AtEnd() || std::string_view(",\r\n").find(text[at]) != std::string_view::npos ||
+           Fail(line, "text after a quoted field");
   }
 
   bool Take(char c) {
-    if (AtEnd() || _text[_at] != c) return false;
-    ++_at;
+    if (AtEnd() || text[at] != c) return false;
+    ++at;
     return true;
   }
 
   bool TakeLineEnd() {
     const bool carriageReturn = Take('\r');
     if (!Take('\n') && !carriageReturn) return false;
-    ++_line;
+    ++line;
     return true;
   }
 
-  bool Fail(int line, const char* what) {
-    _error = "line " + std::to_string(line) + ": " + what;
+  bool Fail(int where, const char* what) {
+    error = "line " + std::to_string(where) + ": " + what;
     return false;
   }
 
-  std::string_view _text;
-  std::size_t _at = 0;
-  int _line = 1;
-  std::string _error;
+  std::string_view text;
+  std::size_t at = 0;
+  int line = 1;
+  std::string error;
 };
 
 }  // namespace
