@@ -113,7 +113,7 @@ bool Devices::Add(const Answer& answer, int round) {
   ++lastAge;
   if (known == group.heard.end()) {
     // No device has so many addresses; without a bound, one that lies could keep this PC busy.
-    constexpr std::size_t most = 256;
+    constexpr std::size_t most = 64;
     if (group.heard.size() >= most) return false;
     group.heard.push_back({answer, round, lastAge, 0});
   } else {

@@ -9,13 +9,11 @@
 namespace tarnddp {
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr seconds acknowledgementTime{8};
 constexpr seconds resendTime{2};
-constexpr seconds roundTime{1};          // how long a device may take to answer once
-constexpr milliseconds settleTime{300};  // then its answers by the other ways are there, too
+constexpr seconds roundTime{1};  // how long a device may take to answer once
 
 bool IsFrom(const Device& device, const std::string& address) {
   return std::any_of(device.sources.begin(), device.sources.end(),
@@ -34,7 +32,7 @@ bool IsReply(const Datagram& datagram, const Device& device, const std::vector<D
 
 /// What came until now is no reply to what is sent next. Not for ever, whoever floods.
 void DropWhatCame(Network& network) {
-  const Time last = Clock::now() + settleTime;
+  const Time last = Clock::now() + Settling;
   while (Clock::now() < last && network.Receive(Time::min())) {
   }
   if (WasInterrupted()) throw Interrupted();
@@ -114,10 +112,12 @@ std::optional<Device> AskAgain(Session& session, const Device& device, bool alon
   const Time start = Clock::now();
   Time roundEnd = std::min(start + roundTime, end);
   Devices heard;
-  while (const auto datagram = network.Receive(roundEnd)) {
+  while (Clock::now() < roundEnd + Settling) {  // longer only under a flood
+    const auto datagram = network.Receive(roundEnd);
+    if (!datagram) break;
     const auto record = ReadRecord(datagram->bytes);
     if (!record || !IsSame(device, session.All(), {datagram->source, *record})) continue;
-    if (heard.Count() == 0) roundEnd = std::min(Clock::now() + settleTime, end);
+    if (heard.Count() == 0) roundEnd = std::min(Clock::now() + Settling, end);
     heard.Add({datagram->source, *record});
   }
   if (WasInterrupted()) throw Interrupted();

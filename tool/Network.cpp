@@ -288,6 +288,7 @@ std::optional<Datagram> Network::Await(Time deadline, const std::function<bool(c
   for (;;) {
     std::optional<Datagram> datagram = Receive(deadline);
     if (!datagram || matches(*datagram)) return datagram;
+    if (Clock::now() >= deadline + Settling) return std::nullopt;
   }
 }
 
@@ -299,7 +300,6 @@ bool Collect(Network& network, const Collection& how, Devices& devices, const st
   using std::chrono::milliseconds;
   constexpr std::array<milliseconds, 3> asks = {milliseconds(0), milliseconds(250), milliseconds(750)};
   constexpr milliseconds step(100);
-  constexpr milliseconds settling(300);
   const Time start = Clock::now();
   Time end = start + SecondsToDuration(how.seconds);
   bool isEnough = how.expect <= 0;
@@ -307,7 +307,7 @@ bool Collect(Network& network, const Collection& how, Devices& devices, const st
     const std::optional<Record> record = datagram ? ReadRecord(datagram->bytes) : std::nullopt;
     if (!record || !devices.Add({datagram->source, *record}) || isEnough || devices.Count() < how.expect) return;
     isEnough = true;
-    end = std::min(end, Clock::now() + settling);
+    end = std::min(end, Clock::now() + Settling);
   };
   bool sent = false;
   const auto* ask = asks.begin();
@@ -321,7 +321,7 @@ bool Collect(Network& network, const Collection& how, Devices& devices, const st
     if (onProgress) onProgress();
   }
   // What has come in by now counts, however long it takes to read, but no flood keeps us here.
-  const Time last = Clock::now() + settling;
+  const Time last = Clock::now() + Settling;
   while (Clock::now() < last) {
     const std::optional<Datagram> datagram = network.Receive(Time::min());
     if (!datagram) break;

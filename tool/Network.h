@@ -24,6 +24,10 @@ constexpr std::uint16_t PortBroadcast = 5562;
 constexpr std::uint16_t PortIPv4 = 5563;
 constexpr std::uint16_t PortIPv6 = 5564;
 
+/// How long answers by the other ways may take once the first has come, and how long, when a time is over, what came
+/// until then may take to be read: a flood would keep us for ever.
+constexpr std::chrono::milliseconds Settling{300};
+
 /// Something that came in. `source.way` is the socket that heard it: what was sent to an answering address by unicast
 /// is answered on the same way again. On Way::IPv4 (the group) requests and answers of others come too.
 struct Datagram {
@@ -75,9 +79,10 @@ class Network {
   /// The same by unicast to `port` of that address, whatever the way.
   bool SendToPort(const Source& to, std::uint16_t port, std::string_view datagram);
 
-  /// The next datagram; nothing when none came until `deadline` or, with a KeepOnInterrupt, after Ctrl-C.
+  /// The next datagram, also one that came before but is read after `deadline`; nothing when none came until then or,
+  /// with a KeepOnInterrupt, after Ctrl-C.
   std::optional<Datagram> Receive(Time deadline);
-  /// The next one that `matches`; what does not is dropped.
+  /// The next one that `matches`; what does not is dropped. A flood of those delays the end by Settling at most.
   std::optional<Datagram> Await(Time deadline, const std::function<bool(const Datagram&)>& matches);
 
  private:

@@ -1,5 +1,6 @@
 """Changing devices: what leaves the PC, what came of it, what is refused."""
 
+import itertools
 import json
 import pathlib
 import re
@@ -8,7 +9,7 @@ import threading
 import time
 import unittest
 
-from pc import DAEMON, IDENT, Fake, Run, Terminal, ddp_query, eventually, link_local, record, sent, testnet
+from pc import DAEMON, IDENT, LIMIT, Fake, Run, Terminal, ddp_query, eventually, link_local, record, sent, testnet
 
 MACS = [f"00:1b:c4:0a:12:{number:02x}" for number in range(16)]
 QUICK = ("--time", "1.2")
@@ -387,6 +388,22 @@ class Change(unittest.TestCase):
         self.assertEqual(self.run_all((*rows, ("scan",)))[1:] + self.run_all((("--watch",),), options=()),
                          [(3, "", "tarnddp: nothing could be sent: 255.255.255.255: Operation not permitted\n")] * 5)
         self.assertEqual(self.sent(), [])
+
+    def test_flood(self):
+        """One that never stops telling of devices, all with this MAC address, keeps no change from its end."""
+        told = threading.Event()
+        self.fake(1, lambda datagram: told.set() or b"ACK\n")
+        liar = self.net.host("liar", "192.168.1.99/24")
+        self.ready()
+        run = Run(self.pc, "set-ip", "Fake 1", "192.168.1.31/24", *QUICK)
+        told.wait(LIMIT)
+        end = time.monotonic() + LIMIT / 2
+        with liar.inside(), ddp_query.Caller("ipv4", testnet.INTERFACE) as caller:
+            for number in itertools.count():
+                if run.process.poll() is not None or time.monotonic() > end:
+                    break
+                caller.send(record(MACS[1], f"Liar {number}", str(number % 200)))
+        self.assertEqual(run.process.poll(), 1)
 
     def test_interrupt(self):
         """Ctrl-C while the answer to a change is awaited, and in the middle of a plan."""

@@ -91,7 +91,7 @@ TEST(Devices, StandInTheOrderThatAPersonExpects) {
   for (const Device& device : devices.All())
     order += device.record.name + '|' + std::to_string(device.sources.size()) + ' ';
   EXPECT_EQ(
-      "|1 Bench|1 Bench 2|1 Bench 02a|1 Bench 2b|1 Bench 10|1 Bench 11|1 Bench A|1 bench|1 liar|256 \xc3\xa4|1 |1 |1 ",
+      "|1 Bench|1 Bench 2|1 Bench 02a|1 Bench 2b|1 Bench 10|1 Bench 11|1 Bench A|1 bench|1 liar|64 \xc3\xa4|1 |1 |1 ",
       order);
   EXPECT_EQ("1.1.1.10", devices.All().back().record.address);
 }
