@@ -40,6 +40,7 @@ Session::Session(const CommonOptions& options) : network(options.interfaces) {
   }
   ShowStatus({});
   devices = heard.All();
+  neighbours = Neighbours();
 }
 
 std::optional<Device> Session::Find(const std::string& wanted) const {
@@ -79,16 +80,17 @@ std::vector<Interface> Session::HeardOn(const Device& device) const {
 }
 
 std::optional<std::string> Session::StrangerAt(IPv4 address) const {
-  std::optional<std::string> mac = NeighbourMac(address);
-  if (!mac) return std::nullopt;
+  const auto stranger = neighbours.find(address);
+  if (stranger == neighbours.end()) return std::nullopt;
   for (const Device& device : devices) {
     // A record may name another MAC address than that of the cable.
     for (const Source& source : device.sources) {
       const auto from = ParseIPv4(source.address);
-      if (from && NeighbourMac(*from) == mac) return std::nullopt;
+      const auto known = from ? neighbours.find(*from) : neighbours.end();
+      if (known != neighbours.end() && known->second == stranger->second) return std::nullopt;
     }
   }
-  return mac;
+  return stranger->second;
 }
 
 std::vector<IPv4> OwnAddresses() {

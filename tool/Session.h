@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,13 +30,14 @@ class Session {
   void Replace(const Device& device);
   /// The interfaces by which a device was heard.
   std::vector<Interface> HeardOn(const Device& device) const;
-  /// Whom the neighbour table has at `address`, by MAC address; nothing for one of the devices heard, as far as the
-  /// table can tell: of those it may remember what they had before.
+  /// Whom the neighbour table had at `address` after all were heard, by MAC address; nothing for one of the devices
+  /// heard, as far as the table can tell: of those it may remember what they had before.
   std::optional<std::string> StrangerAt(IPv4 address) const;
 
  private:
   Network network;
   std::vector<Device> devices;
+  std::map<IPv4, std::string> neighbours;
   int status = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,8 +49,8 @@ ReversePath ReversePathOf(const std::string& interface);
 /// The name of the interface by which this PC would send to `address`; empty without a route.
 std::string RouteInterface(IPv4 address);
 
-/// The MAC address, as "00:1b:c4:0a:ff:05", that the neighbour table has for `address`; nothing if it has none.
-std::optional<std::string> NeighbourMac(IPv4 address);
+/// The neighbour table: MAC addresses, as "00:1b:c4:0a:ff:05", of those with an IPv4 address.
+std::map<IPv4, std::string> Neighbours();
 
 /// A socket as the system names it.
 using SocketHandle = std::intptr_t;

@@ -189,19 +189,22 @@ std::string RouteInterface(IPv4 address) {
   return index != 0 && if_indextoname(index, name) != nullptr ? name : "";
 }
 
-std::optional<std::string> NeighbourMac(IPv4 address) {
+std::map<IPv4, std::string> Neighbours() {
   constexpr unsigned complete = 2;
+  std::map<IPv4, std::string> neighbours;
   std::ifstream table("/proc/net/arp");
   std::string line;
   std::getline(table, line);  // the headings
   while (std::getline(table, line)) {
     std::istringstream fields(line);
-    std::string neighbour, kind, mac;
+    std::string text, kind, macText;
     unsigned flags = 0;
-    fields >> neighbour >> kind >> std::hex >> flags >> mac;
-    if ((flags & complete) != 0 && ParseIPv4(neighbour) == address) return ParseMac(mac);
+    fields >> text >> kind >> std::hex >> flags >> macText;
+    const auto address = ParseIPv4(text);
+    const auto mac = ParseMac(macText);
+    if ((flags & complete) != 0 && address && mac) neighbours.emplace(*address, *mac);
   }
-  return std::nullopt;
+  return neighbours;
 }
 
 void IgnoreRefusals(SocketHandle /*socket*/) {}  // as a socket without a peer does anyway

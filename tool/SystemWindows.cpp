@@ -192,19 +192,21 @@ std::string RouteInterface(IPv4 address) {
   return {};
 }
 
-std::optional<std::string> NeighbourMac(IPv4 address) {
+std::map<IPv4, std::string> Neighbours() {
+  std::map<IPv4, std::string> neighbours;
   const std::vector<char> buffer = AskWithBuffer(
       [](char* to, ULONG* size) { return GetIpNetTable(reinterpret_cast<MIB_IPNETTABLE*>(to), size, FALSE); });
-  if (buffer.empty()) return std::nullopt;
+  if (buffer.empty()) return neighbours;
   const auto& table = *reinterpret_cast<const MIB_IPNETTABLE*>(buffer.data());
   for (const MIB_IPNETROW* row = table.table; row != table.table + table.dwNumEntries; ++row) {
     constexpr DWORD macLength = 6;
     const bool isKnown = row->dwType == MIB_IPNET_TYPE_DYNAMIC || row->dwType == MIB_IPNET_TYPE_STATIC;
-    if (ntohl(row->dwAddr) != address || !isKnown || row->dwPhysAddrLen != macLength) continue;
+    if (!isKnown || row->dwPhysAddrLen != macLength) continue;
     const BYTE* mac = row->bPhysAddr;
-    return Format("%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+    neighbours.emplace(ntohl(row->dwAddr),
+                       Format("%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]));
   }
-  return std::nullopt;
+  return neighbours;
 }
 
 void IgnoreRefusals(SocketHandle handle) {
