@@ -46,9 +46,11 @@ TEST(CTCP, EveryFailureKeepsItsReasonLosesNoDescriptorAndPrintsOnlyWhereItShould
   const Action nothing = [](CTCP&) { return 1; };
   const Action called = [&](CTCP& tcp) { return tcp.Call(LOOPBACK, serverPort); };
   const Action calledWithin = [&](CTCP& tcp) { return tcp.Call(LOOPBACK, serverPort, 2000); };
-  const Action awaited = [&](CTCP& tcp) {
-    return tcp.OpenPort(INADDR_LOOPBACK, 0, 2) && CTCP().Call(LOOPBACK, PortOf(tcp));
+  const auto awaitedBy = [](int connections) -> Action {
+    return
+        [=](CTCP& tcp) { return tcp.OpenPort(INADDR_LOOPBACK, 0, connections) && CTCP().Call(LOOPBACK, PortOf(tcp)); };
   };
+  const Action awaited = awaitedBy(2);
   const std::string why = ": Invalid cross-device link\n", keepalive = "CTCP::ActivateKeepalive(): setsockopt ",
                     accept = "CTCP::Accept(): accept" + why, noDelay = "CTCP::Accept(): setsockopt TCP_NODELAY" + why;
   const std::tuple<Action, Action, std::string> cases[] = {
@@ -60,6 +62,8 @@ TEST(CTCP, EveryFailureKeepsItsReasonLosesNoDescriptorAndPrintsOnlyWhereItShould
        "socket: 0\nNetOpenServerPort socket" + why + "setsockopt: 0\nbind: 0\nsetsockopt: 0\nlisten: 0\n"},
       {awaited, [](CTCP& tcp) { return tcp.Accept(); },
        "accept4: 0 listening\n" + accept + "setsockopt: 0 listening\n" + noDelay},
+      {awaitedBy(1), [](CTCP& tcp) { return tcp.Accept(); },  // which ends the listening
+       "accept4: 0\n" + accept + "setsockopt: 0\n" + noDelay},
       {awaited, [&](CTCP& tcp) { return tcp.Accept(descriptor, 2000) * 10 + descriptor; },
        "select: -1 listening\naccept4: -1 listening\n" + accept + "setsockopt: -1 listening\n" + noDelay},
       {called, [](CTCP& tcp) { return tcp.Send("x", 1); }, "send: 0 connected\nCTCP::Send()" + why},
@@ -133,6 +137,8 @@ TEST(CTCP, SocketsAreCloseOnExecHaveTheirOptionsAndTellWhoTheyAre) {
   EXPECT_TRUE(server.Accept(descriptor));
   EXPECT_EQ(" listening", StateOf(server));
   EXPECT_EQ(0, close(descriptor));
+  server.SetSocket(dup(clients[1].GetSocket()));
+  EXPECT_EQ(PortOf(clients[1]), PortOf(server)) << "its own end of the connection";
 }
 
 TEST(CTCP, ReceiveTellsItsOutcomesApart) {

@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "ddp/Print.h"
 #include "tests/unit/SystemCalls.h"
 
 namespace {
@@ -71,6 +72,14 @@ TEST(TracePipe, IsMadeForEveryoneAndLeftAsSomebodyMadeIt) {
   }
   Shell("rm /tmp/refused");
   EXPECT_FALSE(Enabled) << "until it is switched on";
+}
+
+TEST(Print, CutsALineAndEndsIt) {
+  for (const std::size_t size : {0U, 4095U, 4096U, 9999U}) {
+    testing::internal::CaptureStdout();
+    Print({std::string(size / 2, 'x'), std::string(size - size / 2, 'x')});
+    EXPECT_EQ(std::string(std::min<std::size_t>(size, 4095), 'x') + '\n', testing::internal::GetCapturedStdout());
+  }
 }
 
 /// What each step waits for, and for how many milliseconds; "new" in front where another pipe is open. Nothing is

@@ -84,13 +84,25 @@ TEST_F(Upkeep, TriesClosedEndpointsAndTheServiceEvery5SecondsAndTellsAClosedOneO
       {0, "5564 5562", "5564! 5562! +4! +6 "},  // at once, as the sockets are new
       {6, "5564 5562", "5564! 5562! -6! +6 " + away},
       {6, "", "5564 +6! 5562 +4! +6 " + away}};
-  Server.connectionsOpen = false;
-  EXPECT_NE(std::string::npos, Next(6, "lo", Upkeep_Attach).find(away));
-  for (const auto& [later, ports, expected] : rows) {
-    taken = ports;
-    EXPECT_EQ(expected, Next(later, "lo", Upkeep_Retry)) << &expected - &std::get<2>(rows[0]);
+  for (int times = 0; times < 2; ++times) {
+    Server.connectionsOpen = false;
+    EXPECT_NE(std::string::npos, Next(6, "lo", Upkeep_Attach).find(away));
+    for (const auto& [later, ports, expected] : rows) {
+      taken = ports;
+      EXPECT_EQ(expected, Next(later, "lo", Upkeep_Retry)) << &expected - &std::get<2>(rows[0]);
+    }
   }
   for (const auto& endpoint : Server.GetEndpoints()) EXPECT_EQ(0, endpoint.error) << endpoint.port;
+  // The same with the service there.
+  CTCP service;
+  service.OpenPort(0, 40009, 5);
+  TarnDDPCommand_Init("127.0.0.1", 40009, "lo");
+  Server.connectionsOpen = false;
+  taken = all;
+  int attempts = 0;
+  for (int second = 0; second < 12; ++second)
+    attempts += Next(1, "absent0", Upkeep_Retry).find("Failed to open") != std::string::npos ? 1 : 0;
+  EXPECT_EQ(2, attempts);
 }
 
 TEST_F(Upkeep, JoinsBothGroupsOnAnInterfaceThatMayHaveThem) {
@@ -105,6 +117,22 @@ TEST_F(Upkeep, JoinsBothGroupsOnAnInterfaceThatMayHaveThem) {
   }
   EXPECT_TRUE(Server.LeaveGroup(AF_INET, loopback));
   EXPECT_FALSE(Server.JoinGroups(999));
+}
+
+/// A reply that waits for its command, or trace text.
+TEST_F(Upkeep, TheLastRequesterIsReachedThroughTheSocketsThatReplaceOthers) {
+  const int requester = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in port = {};
+  port.sin_family = AF_INET;
+  port.sin_port = htons(5562);
+  char text[9] = "";
+  Server.InitConnections();
+  EXPECT_EQ(1, sendto(requester, "?", 1, 0, reinterpret_cast<const sockaddr*>(&port), sizeof port));
+  EXPECT_EQ("?", Server.Receive());
+  Server.InitConnections();
+  EXPECT_TRUE(Server.Send("answer"));
+  EXPECT_EQ(6, recv(requester, text, sizeof text, MSG_DONTWAIT));
+  close(requester);
 }
 
 /// The system may choose for our end the very port that we connect to.

@@ -35,6 +35,7 @@ struct FakeTransport : XmlRpcClientTransportHTTP {
 struct Client : XmlRpcClient {
   using XmlRpcClient::XmlRpcClient;
   std::string documents() const { return request + response; }
+  std::size_t room() const { return std::max(request.capacity(), response.capacity()); }
 };
 
 std::string Fault(const std::string& message, const XmlRpcValue& code) {
@@ -78,7 +79,7 @@ TEST(XmlRpcClient, HasAStatusForEachFormAndKeepsNothingOfACall) {
     std::string error;
     bool valid, isFault;
   } rows[] = {
-      {"<x><methodResponse> <params>\r\n<param>" + five, 0, {0, 0, 0, 0}, "", true, false},
+      {"<x><methodResponse> <params>\r\n<param>" + five + std::string(99999, ' '), 0, {0, 0, 0, 0}, "", true, false},
       {Fault("no", -4), 0, {0, 0, -4, -4}, "", true, true},
       {Fault("no", "4"), 0, {0, 0, thrown, thrown}, "", true, true},
       {"<methodResponse><params><fault>" + five, 0, {0, 0, 0, 0}, "", true, true},
@@ -108,6 +109,7 @@ TEST(XmlRpcClient, HasAStatusForEachFormAndKeepsNothingOfACall) {
       EXPECT_EQ(row.isFault, client.IsFault()) << row.answer;
       EXPECT_NE(std::string::npos, transport.sent.find("<methodName>m</methodName>"));
       EXPECT_EQ("", client.documents());
+      EXPECT_LE(client.room(), 65536U) << "more than that goes back";
       EXPECT_EQ(form == 1 || form == 2 ? 1U : 0U, transport.timeout);
       EXPECT_EQ(-9, forms[form](unconnected, nothing));
       EXPECT_FALSE(nothing.valid());

@@ -28,6 +28,7 @@ TEST(IniFile, HoldsScalarsBySectionAndGivesThemBackAsStrings) {
   value["nothing"] = -NAN;
   value["sub"]["inner"] = " a=b ";
   value["sub"]["deep"]["key"] = true;
+  std::ofstream(path) << std::string(999, 'x');
   ASSERT_TRUE(value.toINIFile(path));
   const std::string text = Text();
   EXPECT_EQ(text, "n = -5\nnothing = nan\nratio = 0.123457\n\n\n[deep]\nkey = true\n\n\n[sub]\ninner =  a=b \n");

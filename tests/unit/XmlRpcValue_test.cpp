@@ -196,17 +196,20 @@ TEST(XmlRpcValue, IsReadLikeTheModel) {
       {V::TypeBase64, {"Zm9v\nYmFy"}}};
   for (const std::size_t set : {0U, 1U}) {
     const std::string value = V::XML_TAG_VALUE[set],
-                      name = V::XML_TAG_NAME[set] + ("n" + std::string(V::XML_ENDTAG_NAME[set]));
+                      name = V::XML_TAG_NAME[set] + ("n" + std::string(V::XML_ENDTAG_NAME[set])),
+                      end = V::XML_ENDTAG_VALUE[set];
     for (const auto& [type, list] : texts) {
       for (const std::string& text : list) {
         const std::string xml = value + "<" + PLAIN_TAGS[type][set] + ">" + text + "<";
         for (std::size_t length = value.size(); length <= xml.size(); ++length) Check(xml.substr(0, length));
+        // Its end within what is as long as the end of the type's own tag, and behind that.
+        Check(xml + "/" + std::string(PLAIN_TAGS[type][set]).replace(0, end.size(), end) + ">" + end);
       }
     }
     // What a member's far name leads to is read twice, the second time deeper: it counts for the deepest level then
     // too.
     const std::string array = value + V::XML_TAG_ARRAY[set] + V::XML_TAG_DATA[set], member = V::XML_TAG_MEMBER[set],
-                      open = value + V::XML_TAG_STRUCT[set] + member, end = V::XML_ENDTAG_VALUE[set];
+                      open = value + V::XML_TAG_STRUCT[set] + member;
     for (std::size_t depth = 244; depth < 258; ++depth) {
       for (std::size_t levels = 0; levels < 8; ++levels) {
         const std::string start = Repeated(array, 2) + open + end + Repeated(array, depth),
