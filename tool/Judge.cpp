@@ -29,12 +29,6 @@ std::set<std::string> InterfacesOf(const Device& device) {
   return interfaces;
 }
 
-/// Without a usable MAC address the answers of one device over IPv6 and over IPv4 stand side by side.
-bool IsPerhapsSame(const Device& one, const Device& other) {
-  return one.record == other.record && !FactsOf(one.record).mac &&
-         (one.sources.front().way == Way::IPv6) != (other.sources.front().way == Way::IPv6);
-}
-
 std::string WithoutZone(const std::string& address) { return address.substr(0, address.find('%')); }
 
 const Interface* FindInterface(const Host& host, const std::string& name) {
@@ -119,8 +113,24 @@ void JudgeAlone(Finding& finding, const Host& host) {
   if (!dropped.empty()) finding.problems.push_back(dropped);
 }
 
-/// By what two devices must not share: the positions of the devices that have it.
-using Shared = std::map<std::string, std::set<std::size_t>>;
+/// Without a usable MAC address the answers of one device over IPv6 and over IPv4 stand side by side: what such a half
+/// tells, and whether over IPv6. Nothing for a device with a MAC address.
+using Half = std::optional<std::pair<Record, bool>>;
+
+Half HalfOf(const Device& device) {
+  if (FactsOf(device.record).mac) return std::nullopt;
+  return std::pair(device.record, device.sources.front().way == Way::IPv6);
+}
+
+Half OtherHalf(Half half) {
+  if (half) half->second = !half->second;
+  return half;
+}
+
+/// The positions of the devices that share something.
+using Sharing = std::map<Half, std::vector<std::size_t>>;
+/// By what two devices must not share.
+using Shared = std::map<std::string, Sharing>;
 
 std::string InterfacesText(const Device& device) {
   std::string text;
@@ -128,23 +138,39 @@ std::string InterfacesText(const Device& device) {
   return text;
 }
 
+/// With whom the device at `one` shares it: the first few, and how many more of the `count`.
+std::string OthersText(const std::vector<Finding>& findings, const Sharing& sharing, const Half& same, std::size_t one,
+                       std::size_t count) {
+  constexpr std::size_t most = 3;
+  std::string text;
+  std::size_t named = 0;
+  for (const auto& [half, positions] : sharing) {
+    if (half && half == same) continue;
+    for (auto other = positions.begin(); other != positions.end() && named < most; ++other) {
+      if (*other == one) continue;
+      const Device& device = findings[*other].device;
+      text += (named++ == 0 ? "" : ", ") + Calling(device) + " at " + device.sources.front().address;
+    }
+    if (named == most) break;
+  }
+  return count > most ? text + " and " + std::to_string(count - most) + " more" : text;
+}
+
+/// Takes a time that grows with the number of devices, not with its square: one that lies can be thousands.
 void JudgeShared(std::vector<Finding>& findings, const Shared& shared) {
-  constexpr std::size_t named = 3;
   for (const auto& [what, sharing] : shared) {
-    for (const std::size_t one : sharing) {
-      std::string others;
-      std::size_t count = 0;
-      for (const std::size_t other : sharing) {
-        const Device& device = findings[other].device;
-        if (other == one || IsPerhapsSame(device, findings[one].device)) continue;
-        if (++count > named) continue;
-        others += (count == 1 ? "" : ", ") + Calling(device) + " at " + device.sources.front().address;
-      }
+    std::size_t all = 0;
+    for (const auto& [half, positions] : sharing) all += positions.size();
+    for (const auto& [half, positions] : sharing) {
+      const Half same = OtherHalf(half);
+      const auto perhapsSame = half ? sharing.find(same) : sharing.end();
+      const std::size_t count = all - 1 - (perhapsSame == sharing.end() ? 0 : perhapsSame->second.size());
       if (count == 0) continue;
-      if (count > named) others += " and " + std::to_string(count - named) + " more";
-      std::string problem = "has " + what;
-      problem.append(" in common with ").append(others).append(", on ").append(InterfacesText(findings[one].device));
-      findings[one].problems.push_back(std::move(problem));
+      for (const std::size_t one : positions) {
+        findings[one].problems.push_back("has " + what + " in common with " +
+                                         OthersText(findings, sharing, same, one, count) + ", on " +
+                                         InterfacesText(findings[one].device));
+      }
     }
   }
 }
@@ -165,8 +191,11 @@ std::vector<Finding> Judge(const std::vector<Device>& devices, const Host& host)
   Shared shared;
   for (const Device& device : devices) {
     const std::optional<std::string> mac = FactsOf(device.record).mac;
-    if (mac) shared["the MAC address " + *mac].insert(findings.size());
-    for (const IPv4 address : AddressesOf(device)) shared["the address " + IPv4Text(address)].insert(findings.size());
+    const Half half = HalfOf(device);
+    if (mac) shared["the MAC address " + *mac][half].push_back(findings.size());
+    for (const IPv4 address : AddressesOf(device)) {
+      shared["the address " + IPv4Text(address)][half].push_back(findings.size());
+    }
     findings.push_back({device, {}});
   }
   for (Finding& finding : findings) JudgeAlone(finding, host);

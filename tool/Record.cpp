@@ -70,6 +70,7 @@ std::optional<int> PrefixOf(const std::string& mask) {
 }  // namespace
 
 bool Record::operator==(const Record& other) const { return Tie(*this) == Tie(other); }
+bool Record::operator<(const Record& other) const { return Tie(*this) < Tie(other); }
 bool Settings::operator==(const Settings& other) const { return Tie(*this) == Tie(other); }
 bool Facts::operator==(const Facts& other) const { return Tie(*this) == Tie(other); }
 

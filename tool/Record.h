@@ -14,6 +14,8 @@ struct Record {
 
   bool operator==(const Record& other) const;
   bool operator!=(const Record& other) const { return !(*this == other); }
+  /// Some order.
+  bool operator<(const Record& other) const;
 };
 
 /// Nothing if `datagram` is no identity record but another reply, a request or a trace line. A TAB inside a value stays

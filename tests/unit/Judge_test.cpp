@@ -44,7 +44,11 @@ TEST(Judge, NamesWhatIsSharedAndWhatContradicts) {
         "e fe80::6 1 1 10.0.0.5 E"},
        "has the MAC address " + m + common + "B" + at + "2%e, C" + at + "4%e, D" + at + "5%e and 1 more, on e"},
       // Without a MAC the two halves of one device stand side by side.
-      {{"e fe80::1 - 1 192.168.1.2", "e 192.168.1.2 - 1 192.168.1.2"}, ""}};
+      {{"e fe80::1 - 1 192.168.1.2", "e 192.168.1.2 - 1 192.168.1.2"}, ""},
+      {{"e fe80::1 - 1 192.168.1.2 A", "e 192.168.1.2 - 1 192.168.1.2 A", "e fe80::4 - 1 192.168.1.2 A",
+        "e fe80::5 - 2 192.168.1.2 B", "e fe80::6 1 6 192.168.1.2 C", "e fe80::7 7 7 192.168.1.2 D"},
+       "has the address 192.168.1.2" + common + "C" + at +
+           "6%e, D (00:1b:c4:00:00:07) at fe80::7%e, A (fe80::4%e) at fe80::4%e and 1 more, on e"}};
   for (const auto& c : cases) {
     const std::vector<Finding> found = Judged(c.answers, HostWith(ReversePath::Accepts, ""));
     EXPECT_EQ(c.problem.empty() ? 0U : 1U, found[0].problems.size()) << c.answers[0];
