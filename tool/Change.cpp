@@ -42,15 +42,10 @@ bool IsOneOf(const std::string& text, const std::vector<std::string>& texts) {
   return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-bool AnswersFrom(const Device& device, const std::string& address) {
-  return std::any_of(device.sources.begin(), device.sources.end(),
-                     [&](const Source& source) { return source.address == address; });
-}
-
 /// Whether another device answers from where `source` is, too.
 bool IsShared(const Source& source, const Device& device, const std::vector<Device>& devices) {
   return std::any_of(devices.begin(), devices.end(),
-                     [&](const Device& other) { return other.id != device.id && AnswersFrom(other, source.address); });
+                     [&](const Device& other) { return other.id != device.id && other.AnswersFrom(source.address); });
 }
 
 bool SameSettings(const Settings& one, const Settings& other) {
@@ -170,7 +165,7 @@ std::vector<Holder> HoldersOf(IPv4 address, const Device& own, const std::vector
     if (device.id == own.id) continue;
     if (facts.settings.address == text) {
       holders.push_back({device.id, text + " is the address of " + Calling(device)});
-    } else if (AnswersFrom(device, text)) {
+    } else if (device.AnswersFrom(text)) {
       holders.push_back({device.id, Calling(device) + " answers from " + text});
     }
   }
@@ -266,14 +261,12 @@ std::optional<Path> PathTo(const Device& device, const std::vector<Device>& devi
 }
 
 std::optional<std::string> FilterOf(const Device& device, const std::vector<Device>& devices, std::string& why) {
-  const auto mac = FactsOf(device.record).mac;
   // A field that a device does not take for a filter would be its first argument.
-  if (!mac || !TarnDDPCommand_IsMacAddress(device.record.mac)) {
+  if (!FactsOf(device.record).mac || !TarnDDPCommand_IsMacAddress(device.record.mac)) {
     why = "its record holds no usable MAC address";
     return std::nullopt;
   }
-  const auto hasIt = [&](const Device& other) { return other.id != device.id && FactsOf(other.record).mac == mac; };
-  if (std::any_of(devices.begin(), devices.end(), hasIt)) {
+  if (SharesMac(device, devices)) {
     why = "another device has the same MAC address";
     return std::nullopt;
   }

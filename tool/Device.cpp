@@ -53,13 +53,6 @@ bool IsBefore(const Device& one, const Device& other) {
   return std::tie(one.record.mac, one.id) < std::tie(other.record.mac, other.id);
 }
 
-std::string Lower(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return lower;
-}
-
 bool EndsIn(std::string_view text, std::string_view end) {
   return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
@@ -69,10 +62,12 @@ bool IsSame(const std::string& text, std::string_view wanted) {
   return !text.empty() && (text == wanted || Shown(text) == wanted);
 }
 
-bool AnswersFrom(const Device& device, const std::string& address) {
-  return std::any_of(device.sources.begin(), device.sources.end(), [&](const Source& source) {
-    return source.address == address || source.address.substr(0, source.address.find('%')) == address;
-  });
+/// Whether `address` is one of its senders', with its zone or without.
+bool AnswersFromAnyZone(const Device& device, const std::string& address) {
+  return device.AnswersFrom(address) ||
+         std::any_of(device.sources.begin(), device.sources.end(), [&](const Source& source) {
+           return source.address.substr(0, source.address.find('%')) == address;
+         });
 }
 
 }  // namespace
@@ -101,6 +96,17 @@ const Source* Device::SourceBy(Way way) const {
   const auto found =
       std::find_if(sources.begin(), sources.end(), [way](const Source& source) { return source.way == way; });
   return found == sources.end() ? nullptr : &*found;
+}
+
+bool Device::AnswersFrom(const std::string& address) const {
+  return std::any_of(sources.begin(), sources.end(), [&](const Source& source) { return source.address == address; });
+}
+
+bool SharesMac(const Device& device, const std::vector<Device>& devices) {
+  const std::optional<std::string> mac = FactsOf(device.record).mac;
+  return mac && std::any_of(devices.begin(), devices.end(), [&](const Device& other) {
+           return other.id != device.id && FactsOf(other.record).mac == mac;
+         });
 }
 
 bool Devices::Add(const Answer& answer, int round) {
@@ -223,7 +229,7 @@ std::vector<Device> FindDevice(const std::vector<Device>& devices, std::string_v
   if (!found.empty()) return found;
   const std::size_t zone = std::min(wanted.find('%'), wanted.size());  // an interface, whose letter case counts
   const std::string address = Lower(wanted.substr(0, zone)) + std::string(wanted.substr(zone));
-  found = those([&](const Device& device) { return AnswersFrom(device, address); });
+  found = those([&](const Device& device) { return AnswersFromAnyZone(device, address); });
   if (!found.empty()) return found;
   const std::optional<std::string> digits = MacDigits(wanted);
   return those([&](const Device& device) {

@@ -41,7 +41,12 @@ struct Device {
 
   /// The best source of `way`, or null.
   const Source* SourceBy(Way way) const;
+  /// Whether `address` is one of its senders', zone and all.
+  bool AnswersFrom(const std::string& address) const;
 };
+
+/// Whether another one of `devices` has the MAC address of `device`; never without a usable one.
+bool SharesMac(const Device& device, const std::vector<Device>& devices);
 
 /// All that has been heard, merged to devices: by MAC address; one without a usable MAC by where it answers from. One
 /// MAC with two link-local addresses on one interface, or with two serial numbers, is two devices.

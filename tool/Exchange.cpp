@@ -15,11 +15,6 @@ constexpr seconds acknowledgementTime{8};
 constexpr seconds resendTime{2};
 constexpr seconds roundTime{1};  // how long a device may take to answer once
 
-bool IsFrom(const Device& device, const std::string& address) {
-  return std::any_of(device.sources.begin(), device.sources.end(),
-                     [&](const Source& source) { return source.address == address; });
-}
-
 /// A reply to what went by `path`. Its IPv4 address may be a new one, but no other device's.
 bool IsReply(const Datagram& datagram, const Device& device, const std::vector<Device>& devices, const Path& path) {
   if (datagram.bytes != "ACK\n" && datagram.bytes != "NACK\n") return false;
@@ -27,7 +22,7 @@ bool IsReply(const Datagram& datagram, const Device& device, const std::vector<D
   const std::string& from = datagram.source.address;
   if (from == path.to.address || path.to.way == Way::IPv6) return from == path.to.address;
   return std::none_of(devices.begin(), devices.end(),
-                      [&](const Device& other) { return other.id != device.id && IsFrom(other, from); });
+                      [&](const Device& other) { return other.id != device.id && other.AnswersFrom(from); });
 }
 
 /// What came until now is no reply to what is sent next. Not for ever, whoever floods.
@@ -49,11 +44,8 @@ std::optional<Reply> AwaitReply(Network& network, Time deadline, const std::func
 bool IsSame(const Device& device, const std::vector<Device>& devices, const Answer& answer) {
   const Facts known = FactsOf(device.record), facts = FactsOf(answer.record);
   if (facts.mac != known.mac) return false;
-  const bool isShared = std::any_of(devices.begin(), devices.end(), [&](const Device& other) {
-    return other.id != device.id && FactsOf(other.record).mac == known.mac;
-  });
-  if (known.mac && !isShared) return true;
-  return IsFrom(device, answer.source.address) || (known.mac && known.serial && facts.serial == known.serial);
+  if (known.mac && !SharesMac(device, devices)) return true;
+  return device.AnswersFrom(answer.source.address) || (known.mac && known.serial && facts.serial == known.serial);
 }
 
 std::string LastSeen(const Device& device) {

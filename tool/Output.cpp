@@ -1,7 +1,5 @@
 #include "tool/Output.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -60,8 +58,7 @@ bool Confirm(std::string_view question) {
     Write(stderr, "\n");
     return false;
   }
-  std::transform(answer.begin(), answer.end(), answer.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  answer = Lower(answer);
   return answer == "y" || answer == "yes";
 }
 

@@ -20,11 +20,6 @@ std::string Trimmed(const std::string& text) {
   return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(" \t") + 1 - start);
 }
 
-std::string Lower(std::string text) {
-  for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  return text;
-}
-
 std::string AtLine(int line, const std::string& what) { return "line " + std::to_string(line) + ": " + what; }
 
 /// Which column each cell of the first row heads; PlanHeading().size() for an empty cell.
@@ -113,10 +108,8 @@ class Checker {
 
   std::string FindByCells(Entry& entry) const {
     if (!entry.cells[Mac].empty()) {
-      entry.change.mac = ParseMac(entry.cells[Mac]);
-      if (!entry.change.mac || entry.change.mac == "00:00:00:00:00:00") {
-        return '"' + Shown(entry.cells[Mac]) + "\" is no MAC address";
-      }
+      entry.change.mac = KnownMac(entry.cells[Mac]);
+      if (!entry.change.mac) return '"' + Shown(entry.cells[Mac]) + "\" is no MAC address";
     }
     std::vector<const Device*> found;
     for (const Device& device : devices) {

@@ -57,11 +57,6 @@ std::optional<std::string> Known(const std::string& text) {
   return text.empty() ? std::nullopt : std::optional<std::string>(text);
 }
 
-std::optional<std::string> KnownMac(const std::string& text) {
-  const std::optional<std::string> mac = ParseMac(text);
-  return mac == "00:00:00:00:00:00" ? std::nullopt : mac;
-}
-
 std::optional<int> PrefixOf(const std::string& mask) {
   const std::optional<IPv4> number = ParseIPv4(mask);
   return number ? PrefixOfMask(*number) : std::nullopt;
@@ -94,6 +89,11 @@ std::optional<Record> ReadRecord(std::string_view datagram) {
 
 bool IsServiceAway(const Record& record) {
   return record.serial == "000000" && record.firmware == "???" && record.type == "Tessel ???";
+}
+
+std::optional<std::string> KnownMac(std::string_view text) {
+  const std::optional<std::string> mac = ParseMac(text);
+  return mac == "00:00:00:00:00:00" ? std::nullopt : mac;
 }
 
 Facts FactsOf(const Record& record) {

@@ -48,4 +48,7 @@ struct Facts {
 
 Facts FactsOf(const Record& record);
 
+/// A MAC address in any spelling as "00:1b:c4:0a:ff:05"; nothing for one that no device has: zero, empty or malformed.
+std::optional<std::string> KnownMac(std::string_view text);
+
 }  // namespace tarnddp

@@ -96,6 +96,12 @@ std::string Cell(std::string_view shown) {
   return cell;
 }
 
+std::string Lower(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return lower;
+}
+
 int Width(std::string_view shown) {
   int columns = 0;
   for (auto at = shown.begin(); at < shown.end();) columns += ColumnsOf(utf8::unchecked::next(at));

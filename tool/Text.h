@@ -20,6 +20,9 @@ std::string Shown(std::string_view foreign);
 /// start and behind a ";", at which some spreadsheets part cells too. A cell stays as it is.
 std::string Cell(std::string_view shown);
 
+/// `text` with the letters A to Z small, every other byte as it is.
+std::string Lower(std::string_view text);
+
 /// How many columns of a terminal `shown` takes.
 int Width(std::string_view shown);
 
