@@ -1,5 +1,6 @@
 """What the daemon tells a supervisor (sd_notify(3)), as that hears it."""
 
+import contextlib
 import os
 import pathlib
 import socket
@@ -17,14 +18,19 @@ RESTORED = f"WATCHDOG_USEC={SECONDS}000000\nWATCHDOG=1"
 
 
 class Notify(DeviceTest):
-    def supervise(self, address, pid="WATCHDOG_PID=$$", **how):
-        """A daemon that is watched from `address`. The shell, whose process it becomes, tells the process meant."""
+    def supervise(self, address, pid="WATCHDOG_PID=$$", noise="", **how):
+        """A daemon that is watched from `address`, which has no room left if there is noise. The shell, whose process it
+        becomes, tells the process meant."""
         self.service.start()
         with self.device.inside():   # an abstract address belongs to a network
             self.supervisor = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.addCleanup(self.supervisor.close)
         self.supervisor.bind(address.replace("@", "\0"))
         self.supervisor.settimeout(3 * SECONDS)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as flood, contextlib.suppress(BlockingIOError):
+            flood.setblocking(False)
+            while noise:
+                flood.sendto(noise.encode("ascii"), address)
         return self.start_daemon(prefix=("sh", "-c", f'{pid} exec "$@"', "sh"), env={
             "NOTIFY_SOCKET": address, "WATCHDOG_USEC": f"{SECONDS}000000"}, **how)
 
@@ -66,17 +72,13 @@ class Notify(DeviceTest):
         address = str(pathlib.Path(self.net.folder, "notify"))
         reader, writer = os.pipe()
         self.addCleanup(os.close, reader)
-        self.supervise(address, pid="WATCHDOG_PID=1", stdout=writer)
+        self.supervise(address, pid="WATCHDOG_PID=1", noise="noise", stdout=writer)
         os.close(writer)
-        self.assertEqual(self.hear(), f"READY=1\n{UP}")
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as flood:
-            flood.setblocking(False)
-            with self.assertRaises(BlockingIOError):
-                while flood.sendto(b"noise", address):
-                    pass
-            for _ in range(70):   # more than a pipe holds
-                self.assertEqual(self.ask(b"DEVICEENABLEIDENT!\t" + 1000 * b"x" + b"\n"), ACK)
-        self.assertRegex(self.hear("noise"), UP[:-1] + "[1-9][0-9]*$")
+        self.assertTrue(eventually(lambda: self.ask(ENABLE) == ACK))
+        self.assertEqual(self.hear("noise"), f"READY=1\n{UP}")
+        for _ in range(70):   # more than a pipe holds
+            self.assertEqual(self.ask(b"DEVICEENABLEIDENT!\t" + 1000 * b"x" + b"\n"), ACK)
+        self.assertRegex(self.hear(), UP[:-1] + "[1-9][0-9]*$")
         self.supervisor.settimeout(7)   # longer than the lines are held back
         self.assertRaises(TimeoutError, self.hear)
         self.supervisor.close()

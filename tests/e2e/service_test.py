@@ -78,7 +78,7 @@ class Service(DeviceTest):
 
     def test_every_length_and_a_nul_at_every_place(self):
         """From 0 to 1500 bytes, of which those up to 1023 are taken, up to the first NUL. A refusal ends each handful."""
-        whole, least = ENABLE + 1500 * b"x", len(ENABLE) - 1
+        whole, least = request("DEVICEENABLEIDENT!", "") + 1500 * b"x", len(ENABLE)
         requests = [(whole[:size], least <= size < 1024) for size in range(1501)]
         requests += [(whole[:place] + b"\0" + whole[place + 1:1023], place >= least) for place in range(1023)]
         for way, caller in self.callers.items():

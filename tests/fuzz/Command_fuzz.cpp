@@ -94,7 +94,7 @@ std::string Datagram(Input& input) {
                   "DEVICEENABLEIDENT!|SYSTRACE!|systrace!|EXECUTECOMMAND!|show|DEVICEIDENT|"));
   for (unsigned left = input.Below(12); left > 0; --left) {
     const auto piece =
-        input.Piece("\t|-|+|\r|\n|\r\n|0|1|\t00:1b:c4:0a:ff:05|\t001bc40aff05|\t2|x| |00:1b:c4:0a:ff:05|||");
+        input.Piece("\t|-|+|\r|\n|\r\n|0|1|\t00:1b:c4:0a:ff:05|\t001bc40aff05|\t2|x| |00:1B:c4:0a:ff:05|||");
     text += piece.empty() ? input.Take(1) : piece;
   }
   return text;
