@@ -6,6 +6,7 @@ import json
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import time
 import unittest
@@ -150,9 +151,9 @@ class Found(unittest.TestCase):
     def test_watch(self):
         """What comes, changes and goes: as lines, as JSON, and as a table in place."""
         text, objects = Run(self.pc, "scan", "--watch"), Run(self.pc, "scan", "--json", "--watch")
-        problems = Run(self.pc, "scan", "--time", "5").end()[2]
         terminal = Terminal(self.pc, "--watch", columns=120)
-        terminal.wait_for("100005")
+        problems = Run(self.pc, "scan", "--time", "5").end()[2]
+        terminal.wait_for("100005")   # also after the first round, when what is said of it has been
         # Two go, so that only one of them has been heard changed before.
         self.devices[1].service.Set({"DeviceName": "Renamed"})
         terminal.wait_for("Renamed")
@@ -265,8 +266,9 @@ class Hostile(unittest.TestCase):
             self.assertEqual(done.returncode, status, closed)
 
     def test_interrupt(self):
-        """Ctrl-C while it listens, while nobody reads, while it watches."""
+        """Ctrl-C while it listens, while nobody reads, while it watches; in the background it is for others."""
         self.crowd()
+        background = Run(self.pc, "--time", "6", preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_IGN))
         scan, watch = Run(self.pc, "scan", "--time", "50"), Run(self.pc, "--watch")
         stuck = Run(self.pc, "scan", "--json", "--watch", pipesize=4096)
         terminal = Terminal(self.pc, "scan", "--time", "50", columns=100, rows=40)
@@ -274,9 +276,10 @@ class Hostile(unittest.TestCase):
         watch.process.stdout.readline()
         time.sleep(1)
         terminal.type(b"\x03")
-        for run in (scan, watch, stuck):
+        for run in (scan, watch, stuck, background):
             run.interrupt()
         self.assertEqual([run.process.wait(20) for run in (terminal, scan, watch, stuck)], [130] * 4)
+        self.assertEqual(background.end()[0], 0)
         terminal.end()
         self.assertEqual(terminal.raw[-1:], b"\n", "a prompt would stand behind what is shown")
 
