@@ -390,16 +390,20 @@ class Change(unittest.TestCase):
         plan.write_text(f"mac,dhcp\n{MACS[1]},on\n", encoding="utf-8")
         rows = (("dhcp", "Fake 1", "on"), ("trace", "Fake 1"), ("halt", "Fake 1", "--yes"), ("send", "Fake 1", "WORD"))
         self.pc.run("nft", "add table inet f; add chain inet f o { type filter hook output priority 0; }; "
+                    "add rule inet f o udp length 52 quota 99 bytes accept; "   # the first SETIPADDRESS!
                     f"add rule inet f o udp dport 5562-5564 udp length != {8 + len(IDENT)} drop")
         called, why = f"Fake 1 ({MACS[1]})", f": {link_local(MACS[1])}%eth0: Operation not permitted\n"
-        self.assertEqual(self.run_all(rows), [(3, "", f"tarnddp: nothing could be sent to {called}{why}")] * len(rows))
+        change = ("set-ip", "Fake 1", "192.168.1.31/24", "--gateway", "0.0.0.0", "--dns", "0.0.0.0")
+        self.assertEqual(self.run_all((*rows, change)), [
+            *[(3, "", f"tarnddp: nothing could be sent to {called}{why}")] * len(rows),
+            (1, f"{called}: unchanged: not acknowledged, and nothing has changed\n", "")])
         self.assertEqual(Run(self.pc, "apply", str(plan), "--yes", *QUICK).end(), (
             1, f"line 2: {called}: 192.168.1.91/24, no gateway -> DHCP on\n1 to be changed, 0 left alone\n"
             f"{called}: unchanged: nothing could be sent{why}", ""))
         self.pc.run("nft", "add rule inet f o udp dport 5562-5564 drop")
         self.assertEqual(self.run_all((*rows, ("scan",)))[1:] + self.run_all((("--watch",),), options=()),
                          [(3, "", "tarnddp: nothing could be sent: 255.255.255.255: Operation not permitted\n")] * 5)
-        self.assertEqual(self.sent(), [])
+        self.assertEqual(self.sent(), [("device 1", 5564, "SETIPADDRESS!", "192.168.1.31", "255.255.255.0")])
 
     def test_flood(self):
         """One that never stops telling of devices, all with this MAC address, keeps no change from its end."""
