@@ -120,11 +120,12 @@ class Service(DeviceTest):
 class Alone(DeviceTest):
     with_service = False
 
-    def assert_changes(self, *fields):
-        self.assertEqual(self.ask(request(*fields), seconds=5), ACK)
+    def assert_changes(self, *fields, answer=ACK):
+        self.assertEqual(self.ask(request(*fields), seconds=5), answer)
         self.assertIn("224.0.0.0", self.device.run("ip", "route"), "it went away with the address")
 
     def test_static_address(self):
+        self.assert_changes("SETIPADDRESS!", "224.1.2.3", "255.255.0.0", "", answer=NACK)   # the mask is changed
         self.assert_changes("SETIPADDRESS!", "10.1.2.3", "255.255.0.0", "10.1.0.1")
         self.assertEqual(self.ask(IDENT), self.fallback_record("10.1.2.3", "255.255.0.0", "10.1.0.1"))
 

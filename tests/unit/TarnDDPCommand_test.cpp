@@ -81,6 +81,7 @@ TEST(Command, DoesWithoutAServiceThatFailsAndLeavesOneThatIsOutOfStep) {
     });
     ASSERT_TRUE(TarnDDPCommand_Init("127.0.0.1", peer.port, "absent0"));
     EXPECT_EQ(500U, XmlRpcTransport.timeout);
+    EXPECT_EQ("absent0", sInterfaceName);
     if (row.isLate) {
       EXPECT_FALSE(IsServed(IDENT));
     }

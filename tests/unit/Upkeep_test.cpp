@@ -29,6 +29,10 @@ class Upkeep : public testing::Test, ReplacedCalls {
         log += std::string(isJoin ? "+" : "-") + (isIPv4 ? "4" : "6") + (result != 0 ? "! " : " ");
       return result;
     };
+    on_connect = [](int own, const sockaddr* address, socklen_t size) {
+      std::cout << "Connecting\n" << std::flush;
+      return real_connect(own, address, size);
+    };
     on_clock_gettime = [](clockid_t, timespec* time) { return *time = {seconds, 0}, 0; };
   }
 
@@ -69,7 +73,7 @@ TEST_F(Upkeep, JoinsWhereAMembershipIsMissingAndOnlyThere) {
 }
 
 TEST_F(Upkeep, TriesClosedEndpointsAndTheServiceEvery5SecondsAndTellsAClosedOneOnce) {
-  const std::string all = "5562 5563 5564", away = "Failed to attach to device API - APPTERM\n",
+  const std::string all = "5562 5563 5564", away = "Connecting\nConnecting\nFailed to attach to device API - APPTERM\n",
                     opened = away + "Successfully opened server conenctions\n",
                     failed = "5564! 5563! 5562! " + away + "Failed to open server connections\n";
   std::string told;
