@@ -19,8 +19,8 @@ RESTORED = f"WATCHDOG_USEC={SECONDS}000000\nWATCHDOG=1"
 
 class Notify(DeviceTest):
     def supervise(self, address, pid="WATCHDOG_PID=$$", noise="", **how):
-        """A daemon that is watched from `address`, which has no room left if there is noise. The shell, whose process it
-        becomes, tells the process meant."""
+        """A daemon that is watched from `address`, which is full if there is noise. The shell, whose process it becomes,
+        tells the process meant."""
         self.service.start()
         with self.device.inside():   # an abstract address belongs to a network
             self.supervisor = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
