@@ -259,18 +259,17 @@ class Change(unittest.TestCase):
         # A lease may take a while.
         leased = [record(MACS[9], "Fake 9", "99", "192.168.1.151", ASK="true")]
         late = self.fake(9, lambda datagram: threading.Timer(8, lambda: setattr(late, "records", leased)).start() or b"ACK\n")
-        # No device gets the address that another one keeps in spite of its plan, or that a lease has brought meanwhile.
+        # No device gets the address that a lease has brought another one meanwhile, or that its change has left it with.
         self.fake(10, lambda datagram: b"ACK\n")
         plan = pathlib.Path(self.net.folder, "plan.csv")
         plan.write_text("mac,address,prefix,dhcp\n" + "".join(f"{MACS[number]},{rest}\n" for number, rest in (
-            (2, "192.168.1.21,24,"), (1, ",,on"), (9, ",,on"), (10, "192.168.1.151,24,"))), encoding="utf-8")
+            (2, "192.168.1.100,24,"), (9, ",,on"), (10, "192.168.1.151,24,"))), encoding="utf-8")
         self.ready()
         status, out, _ = Run(self.pc, "apply", str(plan), "--yes", *QUICK).end()
         self.assertEqual((status, [line for line in out.splitlines() if re.search("changed:|done:", line)]), (1, [
-            f"Press 1 ({MACS[1]}): done: 192.168.1.21/24, no gateway, by DHCP",
-            f"{MACS[2]}: unchanged: 192.168.1.21 is the address of Press 1 ({MACS[1]}); nothing was sent",
             f"Fake 9 ({MACS[9]}): done: 192.168.1.151/24, no gateway, by DHCP",
-            f"Fake 10 ({MACS[10]}): unchanged: 192.168.1.151 is the address of Fake 9 ({MACS[9]}); nothing was sent"]))
+            f"Fake 10 ({MACS[10]}): unchanged: 192.168.1.151 is the address of Fake 9 ({MACS[9]}); nothing was sent",
+            f"{MACS[2]}: unchanged: 192.168.1.100 is the address of Fake 10 ({MACS[10]}); nothing was sent"]))
 
     def test_apply(self):
         for number, name in ((1, "Press 1"), (2, 'quo"te, \x1b[2J'), (3, "Third")):

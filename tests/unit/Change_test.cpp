@@ -64,6 +64,7 @@ TEST(StaticAddress, KeepsAGatewayThatIsOfUse) {
   } cases[] = {{"192.168.1.1", {}, "192.168.1.1"},
                {"192.168.2.1", {}, ""},
                {"192.168.1.255", {}, ""},
+               {"192.168.1.20", {}, ""},  // what the device itself is to have
                {"\x1b", {}, ""},
                {"192.168.1.1", 0, ""},
                {"192.168.1.1", 0xc0a802fe, "192.168.2.254"}};
@@ -156,7 +157,7 @@ TEST(Judgement, TellsWhatCameOfAChange) {
       {"on", one + "off", two + "off", ack, "different: DHCP is off with 2.2.2.2/24, gateway 1.1.1.9"},
       {"on", one + "-", two + "-", ack,
        "done: 2.2.2.2/24, gateway 1.1.1.9, as far as can be seen: without its service a device never shows DHCP"},
-      {"on", one + "-", one + "-", none, neither},
+      {"on", one + "- 3.3.3.3", one + "- 3.3.3.3", none, neither},
       {"on", one + "-", one + "-", nack, "refused: the device refused it"},
       {"on", one + "-", "", ack, "gone: " + gone},
       {"off", one + "on", one + "on", ack, unchanged},
