@@ -71,7 +71,7 @@ class Found(unittest.TestCase):
         wire = testnet.Wire(self.pc)
         runs = {words: Run(self.pc, *words.split()) for words in (
             "", "--time 6", "scan --time 6", "scan --json --time 6", "scan --csv",
-            "scan --expect 6 --json --interface eth0 --time 6", "scan --interface eth9", "scan --interface lo",
+            "scan --expect 6 --json --interface eth0 --time 6", "scan --interface eth9", "scan --interface eth0 --interface lo",
             "scan --interface eth0 --interface eth9", "--watch --interface eth9")}
         done = {words: run.end() for words, run in runs.items()}
         self.assertEqual(sent(wire), [])
@@ -273,7 +273,7 @@ class Hostile(unittest.TestCase):
         scan, watch = Run(self.pc, "scan", "--time", "50"), Run(self.pc, "--watch")
         stuck = Run(self.pc, "scan", "--json", "--watch", pipesize=4096)
         terminal = Terminal(self.pc, "scan", "--time", "50", columns=100, rows=40)
-        terminal.wait_for("02:00:00:00:03:")
+        terminal.wait_for("... and 63 more")
         watch.process.stdout.readline()
         time.sleep(1)
         terminal.type(b"\x03")

@@ -35,8 +35,9 @@ TEST(Record, TellsWhatIsKnown) {
     std::string datagram, told;
   } cases[] = {
       {RecordText("Tessel \?\?\?", "APPTERM", "000000", "\?\?\?", usual), mac + unknown + settings + "null,false"},
-      // Without the other two, one of those texts is the device's own.
-      {RecordText("T", "Bench", "000000", "4", usual), mac + R"("000000","Bench")" + rest},
+      // Two of those texts are no sign of it.
+      {RecordText("T", "Bench", "000000", "\?\?\?", usual),
+       mac + R"("000000","Bench","T","XT175012#","???",)" + settings + "true,true"},
       {RecordText("T", "", "7", "4", "\tASK:false\tIPA:\tSNM:255.0.255.0\tGWA:0.0.0.0\tMAA:00:00:00:00:00:00"),
        R"({null,"7","","T","XT175012#","4",null,null,null,false,true)"},
       {"SID:0\tASK:\tIPA:x\tSNM:\tGWA:\tMAA:00:1b:c4", R"({null,"","","","","","x",null,null,false,true)"},

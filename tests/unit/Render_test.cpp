@@ -21,13 +21,13 @@ const std::string m = "00:1b:c4:00:00:01";
 }  // namespace
 
 TEST(Render, TableFitsTheTerminal) {
-  const std::vector<Finding> findings{FindingOf(RecordOf(m, "314159", "192.168.1.20", "A name with \x1b in it")),
+  const std::vector<Finding> findings{FindingOf(RecordOf(m, "314159", "192.168.1.20", "Ä name with \x1b in it")),
                                       FindingOf(RecordOf("", "away", "10.0.0.1"))};
   EXPECT_EQ(
       (std::vector<std::string>{
           "NAME                    SERIAL  MAC                ADDRESS          DHCP  SERVICE  TYPE  MODEL      "
           "FIRMWARE  GATEWAY  VIA",
-          "A name with \\x1b in it  314159  00:1b:c4:00:00:01  192.168.1.20/24  off   yes      T     XT175012#  4  "
+          "Ä name with \\x1b in it  314159  00:1b:c4:00:00:01  192.168.1.20/24  off   yes      T     XT175012#  4  "
           "       -        eth0:ipv6,ipv4 eth1:ipv6",
           "-                       -       -                  10.0.0.1/24      -     away     -     -          -  "
           "       -        eth0:ipv6,ipv4 eth1:ipv6"}),
