@@ -19,9 +19,9 @@ class Service(DeviceTest):
         self.attach()
         descriptors = self.daemon.descriptors()
         fallback = self.fallback_record()
-        special = SERVICE_RECORD.replace(b"Bench 1", b"a <b> & 'c'").replace(b"ASK:false", b"ASK:true").replace(b"012#", b"005#")
+        special = SERVICE_RECORD.replace(b"Bench 1", b"a <b> & 'c'").replace(b"ASK:false", b"ASK:true").replace(b"012#", b"000#")
         for behaviour, facts, expected, is_kept in (
-                ({}, {"DeviceName": "a <b> & 'c'", "DHCPActive": 2, "SubModuleType": 5}, [special], True),
+                ({}, {"DeviceName": "a <b> & 'c'", "DHCPActive": 2, "SubModuleType": 0}, [special], True),
                 ({"fault": 4}, {}, [record("", "", "XT0000", *6 * [""])], True),
                 ({"slow": 0.7, "only": "RPCConf.GetNetwork"}, {}, [fallback], False),
                 ({"close": True}, {}, [SERVICE_RECORD, fallback], False)):

@@ -123,12 +123,12 @@ TEST_F(Upkeep, JoinsBothGroupsOnAnInterfaceThatMayHaveThem) {
   EXPECT_FALSE(Server.JoinGroups(999));
 }
 
-/// A reply that waits for its command, or trace text.
+/// A reply that waits for its command, or trace text; by IPv4 to the port of IPv6.
 TEST_F(Upkeep, TheLastRequesterIsReachedThroughTheSocketsThatReplaceOthers) {
   const int requester = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in port = {};
   port.sin_family = AF_INET;
-  port.sin_port = htons(5562);
+  port.sin_port = htons(5564);
   char text[9] = "";
   Server.InitConnections();
   EXPECT_EQ(1, sendto(requester, "?", 1, 0, reinterpret_cast<const sockaddr*>(&port), sizeof port));
