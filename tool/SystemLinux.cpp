@@ -109,7 +109,7 @@ std::string Local(const char* format, const std::timespec& now) {
   std::tm parts = {};
   char text[64] = "";
   localtime_r(&now.tv_sec, &parts);
-  std::strftime(text, sizeof text, format, &parts);
+  static_cast<void>(std::strftime(text, sizeof text, format, &parts));
   return text;
 }
 
@@ -246,7 +246,7 @@ void PrepareProcess() {
     // The lowest free number is this one. Writing to a closed stream stays an error: the device is opened to be read.
     if (open("/dev/null", O_RDONLY) != number) std::abort();
   }
-  std::signal(SIGPIPE, SIG_IGN);
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 }
 
 std::optional<TerminalSize> OutputTerminal() { return TerminalOf(STDOUT_FILENO); }
