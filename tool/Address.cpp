@@ -1,6 +1,7 @@
 #include "tool/Address.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <vector>
 
@@ -97,7 +98,8 @@ std::optional<std::string> ParseMac(std::string_view text) {
       if (group.size() == 1) group.insert(0, 1, '0');
     }
   }
-  if (groups.empty() || groups.size() > 6 || 12 % groups.size() != 0) return std::nullopt;
+  constexpr std::array<std::size_t, 4> counts = {1, 2, 3, 6};
+  if (std::count(counts.begin(), counts.end(), groups.size()) == 0) return std::nullopt;
   std::string mac;
   for (const std::string& group : groups) {
     if (group.size() != 12 / groups.size()) return std::nullopt;

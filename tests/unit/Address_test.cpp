@@ -27,7 +27,7 @@ TEST(Mac, AnyUsualSpellingIsOneAddress) {
   }
   for (const char* text :
        {"", "00:1b:c4:0a:ff", "00:1b:c4:0a:ff:05:06", "00:1b:c4:0a:ff:", ":1b:c4:0a:ff:05", "00:1b:c4:0a:ff:0g",
-        "00:1b-c4:0a:ff:05", "001b:c40aff05", "001bc40aff0", "00:1b:c4:0a:ff:005"}) {
+        "00:1b-c4:0a:ff:05", "001b:c40aff05", "001:bc4:0af:f05", "001bc40aff0", "00:1b:c4:0a:ff:005"}) {
     EXPECT_EQ(std::nullopt, ParseMac(text)) << text;
   }
 }
