@@ -37,18 +37,21 @@ const Interface* FindInterface(const Host& host, const std::string& name) {
   return found == host.interfaces.end() ? nullptr : &*found;
 }
 
-/// A daemon on this very PC is heard as well.
-bool IsThisPC(const Device& device, const Host& host) {
-  return std::any_of(device.sources.begin(), device.sources.end(), [&host](const Source& source) {
-    const Interface* interface = FindInterface(host, source.interface);
-    return interface != nullptr && source.way == Way::IPv6 && WithoutZone(source.address) == interface->linkLocal;
-  });
-}
-
 bool IsOwn(IPv4 address, const Host& host) {
   return std::any_of(host.interfaces.begin(), host.interfaces.end(), [address](const Interface& interface) {
     return std::any_of(interface.subnets.begin(), interface.subnets.end(),
                        [address](const Subnet& subnet) { return subnet.address == address; });
+  });
+}
+
+/// A daemon on this very PC is heard as well. No other device's answer comes from an address of this PC: the system
+/// drops it.
+bool IsThisPC(const Device& device, const Host& host) {
+  return std::any_of(device.sources.begin(), device.sources.end(), [&host](const Source& source) {
+    const std::optional<IPv4> address = ParseIPv4(source.address);
+    if (address) return IsOwn(*address, host);
+    const Interface* interface = FindInterface(host, source.interface);
+    return interface != nullptr && WithoutZone(source.address) == interface->linkLocal;
   });
 }
 
@@ -103,7 +106,9 @@ void JudgeAlone(Finding& finding, const Host& host) {
   std::set<std::string> told;
   for (const Source& source : device.sources) {
     if (source.way == Way::IPv6 || ParseIPv4(source.address) == named || !told.insert(source.address).second) continue;
-    finding.problems.push_back("its record names the address " + Shown(device.record.address) +
+    const std::string& address = device.record.address;
+    finding.problems.push_back("its record names " +
+                               (address.empty() ? "no address" : "the address " + Shown(address)) +
                                ", but it answers from " + source.address);
   }
   if (named && IsOwn(*named, host) && !IsThisPC(device, host)) {

@@ -34,12 +34,14 @@ TEST(Judge, NamesWhatIsSharedAndWhatContradicts) {
   } cases[] = {
       {{"e fe80::1 1 1 192.168.1.2", "e 192.168.1.2 1 1 192.168.1.2"}, ""},
       {{"e 192.168.1.9 1 1 192.168.1.2"}, "its record names the address 192.168.1.2, but it answers from 192.168.1.9"},
+      {{"e 192.168.1.9 1 1"}, "its record names no address, but it answers from 192.168.1.9"},
       {{"e fe80::1 1 1 10.0.0.1 A", "f fe80::2 2 2 10.0.0.1 B"},
        "has the address 10.0.0.1" + common + "B (00:1b:c4:00:00:02) at fe80::2%f, on e"},
       {{"e fe80::1 1 1 0.0.0.0 A", "e fe80::2 1 2 0.0.0.0 B"},
        "has the MAC address " + m + common + "B" + at + "2%e, on e"},
       {{"e fe80::1 1 1 192.168.1.3"}, "this PC has its address 192.168.1.3 as well"},
       {{"e fe80::3 1 1 192.168.1.3"}, ""},  // the daemon on this PC
+      {{"e 192.168.1.3 1 1 192.168.1.3"}, ""},
       {{"e fe80::1 1 1 10.0.0.1 A", "e fe80::2 1 1 10.0.0.2 B", "e fe80::4 1 1 10.0.0.3 C", "e fe80::5 1 1 10.0.0.4 D",
         "e fe80::6 1 1 10.0.0.5 E"},
        "has the MAC address " + m + common + "B" + at + "2%e, C" + at + "4%e, D" + at + "5%e and 1 more, on e"},
