@@ -350,8 +350,8 @@ std::string RestoringCommand(const std::string& argument, const Settings& before
   std::string command = "tarnddp set-ip " + argument + ' ' + IPv4Text(old.address) + '/' + prefix;
   if (old.gateway) {
     command += " --gateway " + IPv4Text(*old.gateway);
-  } else if (TargetOf(old, after).settings.gateway) {
-    command += " --gateway 0.0.0.0";  // without it the present one would be kept
+  } else if (after.dhcp.value_or(false) || TargetOf(old, after).settings.gateway) {
+    command += " --gateway 0.0.0.0";  // without it the present one would be kept, or the one that a lease brings
   }
   return UnwiseGateway(old).empty() ? command : command + " --force";
 }

@@ -59,6 +59,21 @@ Report ReportUnaddressed(const Device& device, const std::string& why) {
   return ReportOn(device, {Result::Unchanged, words}, FactsOf(device.record).settings);
 }
 
+/// Whether the settings are others than before, or may be. What no record shows cannot be brought back. A device that
+/// refuses keeps what came before the step that failed.
+bool IsWorthRestoring(const Report& report) {
+  const bool hasNewRecord = report.after && !(report.before == report.after);
+  switch (report.outcome.result) {
+    case Result::Unchanged:
+      return false;
+    case Result::Done:
+    case Result::Refused:
+      return hasNewRecord;
+    default:
+      return true;
+  }
+}
+
 /// Asks until the device is as `judge` wants it or the time is over; how it was heard last.
 std::optional<Device> LookAfter(Session& session, const Device& device, const Order& order, Reply reply) {
   const Seen before = SeenOf(device);
@@ -162,8 +177,7 @@ std::optional<Report> Carry(Session& session, const Device& device, const Order&
   Outcome outcome = order.judge(SeenOf(device), after, *reply);
   if (outcome.result == Result::Gone) outcome.words += LastSeen(device);
   Report report = ReportOn(device, outcome, after ? std::optional(after->settings) : std::nullopt);
-  const bool wasSo = outcome.result == Result::Done && report.before == report.after;  // but for what no record shows
-  if (outcome.result != Result::Unchanged && outcome.result != Result::Refused && !wasSo) {
+  if (IsWorthRestoring(report)) {
     report.restoring = RestoringCommand(ArgumentFor(device, session.All()), FactsOf(device.record).settings,
                                         after ? after->settings : order.planned);
   }

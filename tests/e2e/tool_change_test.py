@@ -94,7 +94,8 @@ class Change(unittest.TestCase):
         self.device(7, "192.168.1.27/24", "Stubborn").service.Behave({"fault": -17, "only": "RPCConf.SetNetwork"})
         self.device(8, "192.168.1.28/24", "Settled")
         self.fake(9, lambda datagram: None)
-        self.fake(10, lambda datagram: b"NACK\n")
+        half = record(MACS[10], "Fake 10", "910", "192.168.1.40")   # it changes before it refuses
+        torn = self.fake(10, lambda datagram: setattr(torn, "records", [half]) or b"NACK\n")
         self.fake(11, lambda datagram: b"ACK\n")
         leaving = self.fake(12, lambda datagram: leaving.records.clear() or b"ACK\n")
         self.fake(13, lambda datagram: b"ACK\n")
@@ -145,7 +146,8 @@ class Change(unittest.TestCase):
              told(4, "Twin", "planned: 192.168.77.34/24, gateway 192.168.77.2 (nothing was sent)"),
              "with 192.168.77.34/24 the device will be reachable over IPv4 from this PC through a router at best\n"),
             (("910", "192.168.1.40/24"), 1, six(10, "192.168.1.40", mask), told(
-                10, "Fake 10", "refused: the device refused it"), none),
+                10, "Fake 10", "refused: the device refused it, but its settings are now 192.168.1.40/24, no gateway",
+                "192.168.1.100/24"), none),
             (("911", "192.168.1.41/24"), 1, six(11, "192.168.1.41", mask), told(
                 11, "Fake 11", "unchanged: acknowledged, but nothing has changed"), none),
             (("912", "192.168.1.42/24"), 1, six(12, "192.168.1.42", mask), told(

@@ -184,6 +184,10 @@ TEST(Restoring, NamesTheCommandThatBringsTheOldSettingsBack) {
                {"$(halt)/8 - off", ""}};
   const Settings now = SeenAs("192.168.1.20/24 192.168.1.1 off").settings;
   for (const auto& c : cases) EXPECT_EQ(c.command, RestoringCommand("M", SeenAs(c.before).settings, now));
+  Settings leased;
+  leased.dhcp = true;  // with what gateway is not known
+  EXPECT_EQ("tarnddp set-ip M 10.0.0.1/8 --gateway 0.0.0.0",
+            RestoringCommand("M", SeenAs("10.0.0.1/8 - off").settings, leased));
 }
 
 TEST(Reachability, TakesBothEndsInOneNetwork) {
