@@ -33,8 +33,10 @@ RouteInfo RouteMessage_Read(const std::uint8_t* message, std::size_t size, Route
 
 /// Finds the default gateway in the messages of one or more datagrams: that of the first record whose destination in
 /// dotted form contains "0.0.0.0". That is a default route, but also a record left zero, whose gateway is 0.0.0.0, and
-/// a route to 10.0.0.0 or 20.0.0.0. The kernel dumps the main table first and in it the default route, so a default
-/// route is found where there is one; where there is none, the result is the gateway of such a route to 10.0.0.0 or
-/// else 0.0.0.0, by the first route of another table. False, `gateway` untouched, if there is nothing of the kind.
+/// a route to 10.0.0.0 or 20.0.0.0. Without policy routing the kernel dumps the main table first, before the local one,
+/// and in it the default route, so a default route is found where there is one; where there is none, the result is the
+/// gateway of such a route to 10.0.0.0 or else 0.0.0.0, by the first route of the local table. A further table may be
+/// dumped before the main one, and then the result is 0.0.0.0. False, `gateway` untouched, if there is nothing of the
+/// kind.
 bool RouteMessage_FindDefaultGateway(const std::uint8_t* messages, std::size_t size,
                                      RouteMessage_NameOfIndex nameOfIndex, in_addr* gateway);
