@@ -40,8 +40,12 @@ class Watcher {
     network = std::make_unique<Network>(options.interfaces);
     host = HostOf(*network);
     const std::vector<Unusable>& failures = network->Failures();
-    if (failures != told) TellInterfaces(*network);
+    if (failures != told) {
+      screen.Clear();
+      TellInterfaces(*network);
+    }
     told = failures;
+    isDirty = true;
   }
 
   void Listen(int round) {
@@ -100,9 +104,9 @@ class Watcher {
   /// What a scan says at its end, but for what is said of each device.
   void TellFirst() {
     screen.Clear();
+    isDirty = true;
     if (devices.Count() == 0) return TellProblems(*network, {}, false);
     TellLimits(*network, Judge(devices.All(), host));
-    isDirty = true;
   }
 
   ScanOptions options;

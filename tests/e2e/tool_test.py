@@ -266,6 +266,23 @@ class Hostile(unittest.TestCase):
             done = subprocess.run(["sh", "-c", f'exec "$0" --version {closed}', TOOL], capture_output=True, check=False)
             self.assertEqual(done.returncode, status, closed)
 
+    def test_watch_where_the_pc_changes(self):
+        """What is said of it stands above the table, and it goes on."""
+        pc = self.net.host("pc-moving", "192.168.1.5/24")
+        terminal = Terminal(pc, "--watch", columns=200)
+
+        def is_shown(*starts):
+            return eventually(lambda: [line.split()[0] for line in terminal.lines()][-len(starts):] == [*starts], 10)
+        terminal.wait_for("224.0.5.128")
+        self.assertTrue(is_shown("tarnddp:", "watching,"), terminal.lines())
+        self.fake([record("02:00:00:00:01:05", "Fake", address="192.168.1.99")])
+        terminal.wait_for("Fake")
+        pc.run("ip", "addr", "flush", "dev", "eth0")
+        terminal.wait_for("eth0 cannot be used")
+        self.assertTrue(is_shown("tarnddp:", "NAME", "Fake", "watching,"), terminal.lines())
+        terminal.type(b"\x03")
+        self.assertEqual(terminal.end()[0], 130)
+
     def test_interrupt(self):
         """Ctrl-C while it listens, while nobody reads, while it watches."""
         self.crowd()
