@@ -87,13 +87,13 @@ std::string RouteCommand(IPv4 address, const std::string& mask, const std::strin
 }
 
 /// Why no IPv4 answer of the device gets through on the interface where its IPv6 one does; empty if nothing speaks
-/// against it.
+/// against it, or one came, be it by another interface.
 std::string ExplainDropped(const Device& device, const Host& host) {
   const std::optional<IPv4> address = ParseIPv4(device.record.address);
   const Source* heard = device.SourceBy(Way::IPv6);
   if (!address || *address == 0 || IsOwn(*address, host) || heard == nullptr) return {};
   const Interface* interface = FindInterface(host, heard->interface);
-  if (interface == nullptr || interface->subnets.empty()) return {};
+  if (interface == nullptr || interface->subnets.empty() || device.AnswersFrom(IPv4Text(*address))) return {};
   if (!IsDropped(*address, interface->name, host)) return {};
   return "this PC drops what " + IPv4Text(*address) + " sends to " + interface->name +
          " (reverse-path filter, and no route back); as root: " +

@@ -98,4 +98,5 @@ TEST(Judge, NamesTheOneRouteThatHelps) {
   host.routeInterface = [](IPv4) { return "f"; };
   EXPECT_EQ(lines("this PC drops what 192.168.1.2 sends to e" + dropped + "192.168.1.2/32 dev e"),
             Judged(near, host)[0].problems);
+  EXPECT_EQ(lines(""), Judged({near[0], "f 192.168.1.2 1 1 192.168.1.2"}, host)[0].problems);  // heard by that one
 }
