@@ -64,14 +64,14 @@ int ReadNumber(const std::string& path) {
   return number;
 }
 
-/// The interface number in the kernel's answer to a question for a route; 0 if it has none.
-unsigned OutputInterface(const char* message, std::size_t length) {
+/// The interface number in the kernel's answer to a question for a route; 0 if it has none of `type`.
+unsigned OutputInterface(const char* message, std::size_t length, unsigned char type) {
   nlmsghdr header = {};
   rtmsg route = {};
   if (length < NLMSG_SPACE(sizeof route)) return 0;
   std::memcpy(&header, message, sizeof header);
   std::memcpy(&route, message + NLMSG_HDRLEN, sizeof route);
-  if (header.nlmsg_type != RTM_NEWROUTE || route.rtm_type != RTN_UNICAST) return 0;
+  if (header.nlmsg_type != RTM_NEWROUTE || route.rtm_type != type) return 0;
   length = std::min<std::size_t>(length, header.nlmsg_len);
   for (std::size_t at = NLMSG_SPACE(sizeof route); at + sizeof(rtattr) <= length;) {
     rtattr attribute = {};
@@ -85,6 +85,41 @@ unsigned OutputInterface(const char* message, std::size_t length) {
     at += RTA_ALIGN(attribute.rta_len);
   }
   return 0;
+}
+
+/// The interface number of the route of `type` to `address`, 0 without one; `flags` are RTM_F_...
+unsigned RouteIndex(IPv4 address, unsigned char type, unsigned flags) {
+  struct {
+    nlmsghdr header;
+    rtmsg route;
+    rtattr attribute;
+    std::uint32_t destination;
+  } question = {};
+  question.header.nlmsg_len = sizeof question;
+  question.header.nlmsg_type = RTM_GETROUTE;
+  question.header.nlmsg_flags = NLM_F_REQUEST;
+  question.route.rtm_family = AF_INET;
+  question.route.rtm_dst_len = 32;
+  question.route.rtm_flags = flags;
+  question.attribute.rta_type = RTA_DST;
+  question.attribute.rta_len = RTA_LENGTH(sizeof question.destination);
+  question.destination = htonl(address);
+  const int socketNumber = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+  if (socketNumber < 0) return 0;
+  std::array<char, 4096> answer = {};
+  ssize_t length = send(socketNumber, &question, sizeof question, 0);
+  if (length > 0) length = recv(socketNumber, answer.data(), answer.size(), 0);
+  close(socketNumber);
+  return length > 0 ? OutputInterface(answer.data(), static_cast<std::size_t>(length), type) : 0;
+}
+
+/// The number of the interface that an address is on. Its label is mostly the interface's name, or that with a colon
+/// and more ("eth0:1"), but can be any text: then the local route to the address tells it.
+unsigned IndexOf(const ifaddrs& entry) {
+  const std::string label = entry.ifa_name;
+  const unsigned index = if_nametoindex(label.substr(0, label.find(':')).c_str());
+  if (index != 0 || entry.ifa_addr == nullptr || entry.ifa_addr->sa_family != AF_INET) return index;
+  return RouteIndex(Number(entry.ifa_addr), RTN_LOCAL, RTM_F_FIB_MATCH);
 }
 
 std::optional<TerminalSize> TerminalOf(int descriptor) {
@@ -127,8 +162,7 @@ std::vector<Interface> ListInterfaces() {
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, freeifaddrs);
   std::map<unsigned, Interface> byIndex;
   for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-    // An IPv4 address may stand under a label, "eth0:1", of the interface.
-    const unsigned index = if_nametoindex(std::string(entry->ifa_name, std::strcspn(entry->ifa_name, ":")).c_str());
+    const unsigned index = IndexOf(*entry);
     char name[IF_NAMESIZE] = "";
     if (index == 0 || if_indextoname(index, name) == nullptr) continue;
     Interface& interface = byIndex[index];
@@ -164,28 +198,8 @@ ReversePath ReversePathOf(const std::string& interface) {
 }
 
 std::string RouteInterface(IPv4 address) {
-  struct {
-    nlmsghdr header;
-    rtmsg route;
-    rtattr attribute;
-    std::uint32_t destination;
-  } question = {};
-  question.header.nlmsg_len = sizeof question;
-  question.header.nlmsg_type = RTM_GETROUTE;
-  question.header.nlmsg_flags = NLM_F_REQUEST;
-  question.route.rtm_family = AF_INET;
-  question.route.rtm_dst_len = 32;
-  question.attribute.rta_type = RTA_DST;
-  question.attribute.rta_len = RTA_LENGTH(sizeof question.destination);
-  question.destination = htonl(address);
-  const int socketNumber = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-  if (socketNumber < 0) return {};
-  std::array<char, 4096> answer = {};
-  ssize_t length = send(socketNumber, &question, sizeof question, 0);
-  if (length > 0) length = recv(socketNumber, answer.data(), answer.size(), 0);
-  close(socketNumber);
   char name[IF_NAMESIZE] = "";
-  const unsigned index = length > 0 ? OutputInterface(answer.data(), static_cast<std::size_t>(length)) : 0;
+  const unsigned index = RouteIndex(address, RTN_UNICAST, 0);
   return index != 0 && if_indextoname(index, name) != nullptr ? name : "";
 }
 
