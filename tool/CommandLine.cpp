@@ -68,7 +68,10 @@ void Declare(CLI::App& app, ScanOptions& options) {
   app.add_option("--expect", options.expect,
                  "End as soon as N devices were heard; fewer is a failure (not with --watch)")
       ->type_name("N")
-      ->check(CLI::Range(1, 1000000));
+      ->check(CLI::Range(1, 1000000))
+      ->check([](const std::string& text) {  // CLI11 takes "010" for eight
+        return text.front() == '0' ? "begins with 0: " + text : std::string();
+      });
   CLI::Option* watch =
       app.add_flag("--watch", options.watch, "Ask every 2 s until Ctrl-C; tell what comes, changes and goes");
   CLI::Option* json = app.add_flag("--json", options.json, "Print one JSON object a line");
