@@ -96,8 +96,8 @@ Outcome Unchanged(Reply reply) {
           reply == Reply::Ack ? "acknowledged, but nothing has changed" : "not acknowledged, and nothing has changed"};
 }
 
-Outcome RefusedBy(const Seen& before, const std::optional<Seen>& after) {
-  Outcome outcome = {Result::Refused, "the device refused it"};
+Outcome RefusedBy(const Seen& before, const std::optional<Seen>& after, const char* words = "the device refused it") {
+  Outcome outcome = {Result::Refused, words};
   if (after && !IsAsBefore(*after, before)) outcome.words += ", but its settings are now " + InWords(after->settings);
   return outcome;
 }
@@ -313,6 +313,9 @@ Outcome JudgeStatic(const Settings& wanted, const Seen& before, const std::optio
 }
 
 Outcome JudgeDhcp(bool on, const Seen& before, const std::optional<Seen>& after, Reply reply) {
+  if (on && reply == Reply::Nack) {  // many a server first probes the address for longer than the daemon waits
+    return RefusedBy(before, after, "it got no lease within a second, and may get one at once if told again");
+  }
   if (reply == Reply::Nack) return RefusedBy(before, after);
   if (!after) return NotHeardAgain(reply);
   const std::string words = InWords(after->settings);
