@@ -20,7 +20,7 @@ bool IsOpen(const std::string& serial, const std::string& other) {
 /// Empty while the service is away: then the record does not tell it.
 std::string SerialOf(const Record& record) { return IsServiceAway(record) ? std::string() : record.serial; }
 
-/// Digit groups count by their value, so that "Bench 2" stands before "Bench 10".
+/// Digit groups count by their value, so that "Bench 2" stands before "Bench 10". No two texts stand side by side.
 bool IsBefore(std::string_view one, std::string_view other) {
   const auto isDigit = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; };
   std::size_t i = 0, j = 0;
@@ -42,7 +42,8 @@ bool IsBefore(std::string_view one, std::string_view other) {
       ++j;
     }
   }
-  return one.size() - i < other.size() - j;
+  const std::size_t left = one.size() - i, right = other.size() - j;
+  return left != right ? left < right : one < other;
 }
 
 bool IsBefore(const Device& one, const Device& other) {

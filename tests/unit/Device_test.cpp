@@ -77,12 +77,12 @@ TEST(Devices, KeepTheirNumberTheNewestRecordAndWhatCameSince) {
 }
 
 TEST(Devices, StandInTheOrderThatAPersonExpects) {
-  const char* names[] = {"",         "Bench",    "Bench 2", "Bench 02a", "Bench 2b",
-                         "Bench 10", "Bench 11", "Bench A", "bench",     "\xc3\xa4"};
+  const char* names[] = {"",         "Bench",   "Bench 2", "Bench 02a", "Bench 2b", "Bench 10",
+                         "Bench 11", "Bench A", "bench",   "\xc3\xa4",  "Bench 02"};
   Devices devices;
-  for (int i = 0; i < 10; ++i) {
-    const std::string place = std::to_string(i * 3 % 10);
-    devices.Add(AnswerOf("e fe80::" + place + " " + place + " 1 a " + names[i * 3 % 10]));
+  for (int i = 0; i < 11; ++i) {
+    const std::string place(1, "0123456789a"[i * 3 % 11]);
+    devices.Add(AnswerOf("e fe80::" + place + " " + place + " 1 a " + names[i * 3 % 11]));
   }
   for (const char* address : {"1.1.1.10", "1.1.1.9"})
     devices.Add(AnswerOf(std::string("e ") + address + " - away " + address));
@@ -91,7 +91,8 @@ TEST(Devices, StandInTheOrderThatAPersonExpects) {
   for (const Device& device : devices.All())
     order += device.record.name + '|' + std::to_string(device.sources.size()) + ' ';
   EXPECT_EQ(
-      "|1 Bench|1 Bench 2|1 Bench 02a|1 Bench 2b|1 Bench 10|1 Bench 11|1 Bench A|1 bench|1 liar|64 \xc3\xa4|1 |1 |1 ",
+      "|1 Bench|1 Bench 02|1 Bench 2|1 Bench 02a|1 Bench 2b|1 Bench 10|1 Bench 11|1 Bench A|1 bench|1 liar|64 "
+      "\xc3\xa4|1 |1 |1 ",
       order);
   EXPECT_EQ("1.1.1.10", devices.All().back().record.address);
 }
