@@ -101,13 +101,14 @@ class Run {
     Tell(std::to_string(count) + " to be changed, " + std::to_string(alone) + " left alone");
   }
 
-  /// Reports every line for which nothing is sent: all of them if `dryRun`. A person has seen that already.
+  /// Reports every line for which nothing is sent: all of them if `dryRun`. A person has seen that already, but for
+  /// what cannot be sent to a device alone: without a dry run its turn tells.
   void ReportUnsent(bool dryRun) {
     for (const PlannedChange& change : changes) {
       if (!dryRun && IsToBeDone(change)) continue;
       const Report report = ReportOn(session, change);
       if (StatusOf(report) != StatusDone) status = StatusNotDone;
-      if (json) PrintReport(report, json);
+      if (json || (IsToBeDone(change) && StatusOf(report) != StatusDone)) PrintReport(report, json);
     }
   }
 

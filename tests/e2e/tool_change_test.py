@@ -182,17 +182,18 @@ class Change(unittest.TestCase):
         for number in (3, 4):
             self.device(number, "192.168.1.23/24", "Twin")
         self.device(6, "192.168.1.26/24", "Old").host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
+        self.fake(5, lambda datagram: None, MACS[6])
         self.ready(1)
         folder = pathlib.Path(self.net.folder)
         good = f"mac,serial,name,address,prefix,gateway,dns,dhcp\n{MACS[1]},,,192.168.1.41,24,,,off\n"
-        for name, more in (("good", f"{MACS[6]},,,,,,,on\n"), ("taken", f"{MACS[2]},,,192.168.1.23,24,,,\n")):
+        for name, more in (("good", ",,Old,,,,,on\n"), ("taken", f"{MACS[2]},,,192.168.1.23,24,,,\n")):
             (folder / name).write_text(good + more, encoding="utf-8")
         self.pc.run("ip", "neigh", "add", "192.168.1.60", "lladdr", MACS[15], "dev", "eth0")   # what is no device
         new, path = "192.168.1.41/24", ("set-ip", "Press 1", "192.168.1.41/24")
         twins = '"Twin" means 2 devices; nothing was sent:\n' + "\n".join(
             f"  Twin ({MACS[number]}), serial number 10000{number}, at {link_local(MACS[number])}%eth0, 192.168.1.23"
             for number in (3, 4))
-        unknown = ("is none of the 5 devices heard (tarnddp scan shows them); nothing was sent\n"
+        unknown = ("is none of the 6 devices heard (tarnddp scan shows them); nothing was sent\n"
                    "end is used in part: it has no IPv6 link-local address\n"
                    "other is used in part: it has no IPv6 link-local address")
         nobody, forced = "nobody here can be asked; ", "; nothing was sent (--force does it all the same)"
@@ -237,6 +238,10 @@ class Change(unittest.TestCase):
         for (words, status, told), (got, out, err) in zip(rows, ended):
             with self.subTest(words):
                 self.assertEqual((got, out, err), (status, "", "".join(f"tarnddp: {line}\n" for line in told.splitlines())))
+        self.assertEqual(Run(self.pc, "apply", "good", "--dry-run", *QUICK, cwd=folder).end()[:2], (
+            1, f"{ended[-2][2].split('line 2: the')[0].replace('tarnddp: ', '')}2 to be changed, 0 left alone\n"
+            f"Old ({MACS[6]}): unchanged: it cannot be addressed alone (another device has the same MAC address), so nothing "
+            "was sent\n"))
         self.assertEqual(sent_all, [])
         self.pc.run("ip", "-4", "addr", "flush", "end")
         self.assertEqual(Run(self.pc, "scan", "--interface", "end").end(), (
