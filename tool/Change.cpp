@@ -344,19 +344,20 @@ std::string ArgumentFor(const Device& device, const std::vector<Device>& devices
   return device.sources.empty() ? "" : device.sources.front().address;
 }
 
-std::string RestoringCommand(const std::string& argument, const Settings& before, const Settings& after) {
+std::string RestoringCommand(const std::string& argument, const Settings& before, const Settings& after, bool isTaken,
+                             const std::vector<IPv4>& ownAddresses) {
   if (before.dhcp.value_or(false)) return "tarnddp dhcp " + argument + " on";
   StaticAddress old;
   const std::string prefix = before.prefix ? std::to_string(*before.prefix) : "";
-  if (!ReadStaticAddress(before.address.value_or(""), prefix, before.gateway.value_or(""), "", {}, old).empty())
-    return {};
+  const std::string address = before.address.value_or(""), gateway = before.gateway.value_or("");
+  if (!ReadStaticAddress(address, prefix, gateway, "", ownAddresses, old).empty()) return {};
   std::string command = "tarnddp set-ip " + argument + ' ' + IPv4Text(old.address) + '/' + prefix;
   if (old.gateway) {
     command += " --gateway " + IPv4Text(*old.gateway);
   } else if (after.dhcp.value_or(false) || TargetOf(old, after).settings.gateway) {
     command += " --gateway 0.0.0.0";  // without it the present one would be kept, or the one that a lease brings
   }
-  return UnwiseGateway(old).empty() ? command : command + " --force";
+  return UnwiseGateway(old).empty() && !isTaken ? command : command + " --force";
 }
 
 std::string ForwardedRequest(const std::string& word, const std::vector<std::string>& arguments, std::string& request) {

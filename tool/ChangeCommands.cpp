@@ -93,7 +93,7 @@ int Dhcp(const DhcpOptions& options) {
     return Finish(ReportOn(*device, {Result::Done, words}, before), options.json);
   }
   if (!options.on && !before.dhcp) {
-    const std::string help = RestoringCommand(ArgumentFor(*device, session.All()), before, {});
+    const std::string help = RestoringCommand(session, *device, {});
     Say(Calling(*device) + ": its service is away, and then a device that is told to switch DHCP off takes a lease; " +
         "nothing was sent" + (help.empty() ? "" : " (a fixed address ends DHCP: " + help + ")"));
     return StatusNotDone;

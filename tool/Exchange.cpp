@@ -135,6 +135,13 @@ std::optional<Device> AskAgain(Session& session, const Device& device, bool alon
   return again;
 }
 
+std::string RestoringCommand(const Session& session, const Device& device, const Settings& after) {
+  const Settings before = FactsOf(device.record).settings;
+  const auto address = ParseIPv4(before.address.value_or(""));
+  const bool isTaken = address && !HoldersOf(*address, device, session.All(), session.StrangerAt(*address)).empty();
+  return RestoringCommand(ArgumentFor(device, session.All()), before, after, isTaken, OwnAddresses());
+}
+
 Order StaticOrder(const Target& target) {
   Order order = {"SETIPADDRESS!", StaticFields(target), true, 5, target.settings, {}};
   order.judge = [wanted = target.settings](const Seen& before, const std::optional<Seen>& after, Reply reply) {
@@ -178,8 +185,7 @@ std::optional<Report> Carry(Session& session, const Device& device, const Order&
   if (outcome.result == Result::Gone) outcome.words += LastSeen(device);
   Report report = ReportOn(device, outcome, after ? std::optional(after->settings) : std::nullopt);
   if (IsWorthRestoring(report)) {
-    report.restoring = RestoringCommand(ArgumentFor(device, session.All()), FactsOf(device.record).settings,
-                                        after ? after->settings : order.planned);
+    report.restoring = RestoringCommand(session, device, after ? after->settings : order.planned);
   }
   if (again) session.Replace(*again);
   return report;

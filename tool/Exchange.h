@@ -31,6 +31,9 @@ Order DhcpOrder(bool on);
 /// status line. Throws Interrupted.
 std::optional<Report> Carry(Session& session, const Device& device, const Order& order, const std::string& progress);
 
+/// The command that brings the settings of `device` back once `after` is in force; empty if no command can.
+std::string RestoringCommand(const Session& session, const Device& device, const Settings& after);
+
 /// What Carry() would do.
 Report ReportPlanned(const Session& session, const Device& device, const Order& order);
 

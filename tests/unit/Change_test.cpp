@@ -183,13 +183,15 @@ TEST(Restoring, NamesTheCommandThatBringsTheOldSettingsBack) {
                {"10.0.0.1/8 - off", "tarnddp set-ip M 10.0.0.1/8"},
                {"192.168.1.10/24 - off", "tarnddp set-ip M 192.168.1.10/24 --gateway 0.0.0.0"},
                {"10.0.0.1/8 11.0.0.1 off", "tarnddp set-ip M 10.0.0.1/8 --gateway 11.0.0.1 --force"},
+               {"192.168.1.3/24 - off", ""},  // this PC has it
                {"$(halt)/8 - off", ""}};
   const Settings now = SeenAs("192.168.1.20/24 192.168.1.1 off").settings;
-  for (const auto& c : cases) EXPECT_EQ(c.command, RestoringCommand("M", SeenAs(c.before).settings, now));
+  for (const auto& c : cases)
+    EXPECT_EQ(c.command, RestoringCommand("M", SeenAs(c.before).settings, now, false, {0xc0a80103}));
   Settings leased;
   leased.dhcp = true;  // with what gateway is not known
   EXPECT_EQ("tarnddp set-ip M 10.0.0.1/8 --gateway 0.0.0.0",
-            RestoringCommand("M", SeenAs("10.0.0.1/8 - off").settings, leased));
+            RestoringCommand("M", SeenAs("10.0.0.1/8 - off").settings, leased, false, {}));
 }
 
 TEST(Reachability, TakesBothEndsInOneNetwork) {
