@@ -5,7 +5,7 @@ _tarnddp() {
   COMPREPLY=()
   case $before in
     --interface)
-      mapfile -t COMPREPLY < <(cd /sys/class/net 2>/dev/null && compgen -W "$(printf '%s ' *)" -- "$word")
+      mapfile -t COMPREPLY < <(cd /sys/class/net 2>/dev/null && compgen -d -- "$word")
       return ;;
     --time | --expect | --gateway | --dns) return ;;
   esac
