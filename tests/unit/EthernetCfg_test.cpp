@@ -65,13 +65,14 @@ TEST_F(Interface, ComesUpWhicheverCallFailsIfItCanAndLosesNoDescriptor) {
 TEST_F(Interface, SettingsAreReadAndWhatCannotBeReadIsLeftAlone) {
   char texts[5][128] = {"?", "?", "?", "?", "?"};
   const std::pair<const char*, std::string> rows[] = {
-      {"", "0 1 ? ? ? 0.0.0.0 ? "},  // the gateway is that of the local table
+      {"", "0 1 ? ? ? 0.0.0.0 ? "},                      // the gateway is that of the local table
+      {"far0", "0 1 ? ? ? 0.0.0.0 00:1b:c4:0a:ff:06 "},  // which has no address
       {"dev0", "1 1 192.168.77.2 255.255.255.0 192.168.77.255 192.168.77.1 00:1b:c4:0a:ff:05 "}};
   for (const auto& [interface, expected] : rows) {
     bool valid = false;
     EthernetCfg_Final();
     ASSERT_TRUE(EthernetCfg_Init(interface));
-    if (*interface != '\0') Run("ip route add default via 192.168.77.1");
+    Run(*interface == 'd' ? "ip route add default via 192.168.77.1" : "ip link set far0 address 00:1b:c4:0a:ff:06");
     std::string all =
         std::to_string(EthernetCfg_GetActSettings(texts[0], texts[1], texts[2], texts[3], nullptr, texts[4], &valid));
     all += (valid ? " 1 " : " 0 ");

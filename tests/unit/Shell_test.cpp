@@ -76,8 +76,8 @@ TEST(Shell, RouteAloneGetsTheLimitsForNameLookups) {
 
 TEST(Shell, ReaderThatStoppedIsNotWaitedForAndNoDescriptorIsLost) {
   const std::string noise = "echo noise >&2 && echo heard && exit 3";
-  int ends[2] = {}, saved[3] = {};
-  ASSERT_EQ(0, pipe(ends));
+  int ends[2] = {}, lost[2] = {}, saved[3] = {};
+  ASSERT_EQ(0, pipe(ends) + pipe(lost) + close(lost[0]));
   for (int stream = 0; stream < 3; ++stream)
     saved[stream] = real_fcntl(stream, F_DUPFD_CLOEXEC, reinterpret_cast<void*>(10));
   const auto restore = [&saved] {
@@ -86,18 +86,18 @@ TEST(Shell, ReaderThatStoppedIsNotWaitedForAndNoDescriptorIsLost) {
   const int before = CountDescriptors();
   alarm(60);  // a command that waits would wait for ever
   std::string text, all(100, '\0');
-  for (const bool isFull : {false, true}) {
+  for (const int full : {-1, ends[1], lost[1]}) {  // the last one has no reader at all
     fcntl(ends[1], F_SETFL, O_NONBLOCK);
-    while (isFull && write(ends[1], saved, sizeof saved) > 0) continue;
+    while (full == ends[1] && write(full, saved, sizeof saved) > 0) continue;
     fcntl(ends[1], F_SETFL, 0);
-    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) dup2(ends[1], stream);
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) dup2(full < 0 ? ends[1] : full, stream);
     const std::string results = RunThrice(noise, &text);
     const bool arePipes = lseek(STDOUT_FILENO, 0, SEEK_CUR) < 0 && lseek(STDERR_FILENO, 0, SEEK_CUR) < 0;
     restore();
     EXPECT_EQ("3 3 1", results);
     EXPECT_EQ("heard\n", text);
     EXPECT_TRUE(arePipes) << "as before";
-    if (!isFull) all.resize(static_cast<std::size_t>(read(ends[0], all.data(), all.size())));
+    if (full < 0) all.resize(static_cast<std::size_t>(read(ends[0], all.data(), all.size())));
   }
   EXPECT_EQ("noise\nheard\nnoise\nheard\nnoise\n", all);
   for (int stream = 0; stream < 3; ++stream) close(stream);
@@ -110,7 +110,7 @@ TEST(Shell, ReaderThatStoppedIsNotWaitedForAndNoDescriptorIsLost) {
   EXPECT_EQ(before, CountDescriptors());
   EXPECT_EQ("pipe2: 0\n", WithEachCallFailing([&text] { return std::to_string(ul_ReadCommand("exit", text)); }));
   alarm(0);
-  for (const int descriptor : {ends[0], ends[1], saved[0], saved[1], saved[2]}) close(descriptor);
+  for (const int descriptor : {ends[0], ends[1], lost[1], saved[0], saved[1], saved[2]}) close(descriptor);
 }
 
 TEST(Shell, SignalsDoNotEndTheWaitAndACommandThatCannotStartIsAFailure) {
