@@ -14,4 +14,5 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   foreach(file IN LISTS pages ITEMS ${doc}/changelog ${doc}/CHANGELOG.md)
     execute_process(COMMAND gzip -9nf ${file} COMMAND_ERROR_IS_FATAL ANY)
   endforeach()
+  execute_process(COMMAND chmod -R u=rwX,go=rX ${root} COMMAND_ERROR_IS_FATAL ANY)  # whatever the umask of who packs
 endforeach()

@@ -20,8 +20,8 @@ DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 PLACES = ("/usr", "/var")   # all that the packages and dpkg itself write, beside /etc
 
 
-def run(*words):
-    return subprocess.run(words, check=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True).stdout
+def run(*words, **options):
+    return subprocess.run(words, check=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **options).stdout
 
 
 def cover(place):
@@ -43,7 +43,7 @@ class Packages(DeviceTest):
     def setUpClass(cls):
         for place in PLACES:
             cover(place)
-        run("cpack", "--config", f"{BUILD}/CPackConfig.cmake", "-B", "/tmp/packages")
+        run("cpack", "--config", f"{BUILD}/CPackConfig.cmake", "-B", "/tmp/packages", umask=0o077)
         cls.packages = glob.glob("/tmp/packages/*.deb")
         cls.before = files()
         run("dpkg", "-i", *cls.packages)
@@ -69,7 +69,9 @@ class Packages(DeviceTest):
     def test_the_files_that_the_page_lists(self):
         listed = re.findall(r"^\| `(/usr/[^`]*)` \|", (DOCS / "deployment.md").read_text("utf-8"), re.M)
         daemon, = glob.glob("/tmp/packages/tarnddpd_*.deb")
-        packed = re.findall(r"^-.* \.(/\S*?)(?:\.gz)?$", run("dpkg-deb", "-c", daemon), re.M)
+        content = run("dpkg-deb", "-c", daemon)
+        self.assertEqual(set(re.findall(r"^\S+", content, re.M)), {"drwxr-xr-x", "-rwxr-xr-x", "-rw-r--r--"})
+        packed = re.findall(r"^-.* \.(/\S*?)(?:\.gz)?$", content, re.M)
         self.assertEqual(sorted(listed), sorted(path for path in packed if "/share/doc/" not in path))
         needed = {word.split()[0] for word in run("dpkg-deb", "-f", daemon, "Depends").split(",")}
         self.assertLessEqual(needed, {"libc6", "libgcc-s1", "libstdc++6", "net-tools"})
