@@ -14,7 +14,7 @@ from testnet import eventually
 DAEMON = os.path.abspath(sys.argv.pop(1)) if len(sys.argv) > 1 else sys.exit("usage: PROGRAM TARNDDPD [...]")
 DEVICE, PC = "192.168.1.2", "192.168.1.3"
 MAC = "00:1b:c4:0a:ff:05"   # as the service tells it
-FAULTS = os.path.join(os.path.dirname(DAEMON), "Faults.so")   # to preload
+FAULTS = os.path.relpath(os.path.join(os.path.dirname(DAEMON), "Faults.so"))   # to preload: LD_PRELOAD takes no blanks
 QUIET = 0.4   # seconds after which an answer that did not come counts as none
 FIFO = "/tmp/tsl_app/FIFO_T_C2H_AET"
 ACK, NACK = b"ACK\n", b"NACK\n"

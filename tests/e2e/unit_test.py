@@ -31,7 +31,7 @@ class UnderUnit(case.Daemon):
         self._output = pathlib.Path(net.folder, "output")
         self.unit = pathlib.Path(net.folder, "tarnddpd.service")
         text = (ROOT / "packaging" / "tarnddpd.service.in").read_text(encoding="utf-8")
-        self.unit.write_text(text.replace("@daemon_path@", DAEMON) + "".join(dropins), encoding="utf-8")
+        self.unit.write_text(text.replace("@daemon_path@", f'"{DAEMON}"') + "".join(dropins), encoding="utf-8")
         with open(self._output, "wb") as output:
             self.process = host.start(sys.executable, "-B", str(ROOT / "lab" / "unit.py"), str(self.unit), stdout=output,
                                       stderr=output, env={**os.environ, "PATH": f"/run/stub:{os.environ['PATH']}"})
