@@ -275,7 +275,8 @@ int get_gatewayip(char* gateway) {
 
 bool ul_GetMACAddressString(const char* interface, char* out, bool* hasAddress) {
   std::string output;
-  if (!ul_ReadCommand("ifconfig " + ul_ShellWord(NameOrEmpty(interface)), output)) return false;
+  if (!IsGiven(interface)) return false;  // without a name it shows all interfaces
+  if (!ul_ReadCommand("ifconfig " + ul_ShellWord(interface), output)) return false;
   const std::string label = "HWaddr ";
   const std::size_t at = output.find(label);
   if (at == std::string::npos) return false;

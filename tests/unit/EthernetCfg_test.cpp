@@ -117,7 +117,7 @@ TEST_F(Interface, OnlyOurOwnSocketIsClosedAndLongNamesAreCut) {
 
 TEST_F(Interface, MacAddressIsFoundInTheOutputOfIfconfig) {
   const std::string tooLong(1100, 'x');
-  Run("cd /tmp/first && echo 'echo \"$1  HWaddr $1 \"' >ifconfig && chmod +x *");
+  Run("cd /tmp/first && echo 'echo \"$1  HWaddr ${1-0:1:2:3:4:5} \"' >ifconfig && chmod +x *");
   const std::tuple<const char*, bool, const char*, bool> rows[] = {
       {"00:1B", false, "?", true},
       {nullptr, false, "?", true},
