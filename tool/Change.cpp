@@ -314,7 +314,10 @@ Outcome JudgeStatic(const Settings& wanted, const Seen& before, const std::optio
 
 Outcome JudgeDhcp(bool on, const Seen& before, const std::optional<Seen>& after, Reply reply) {
   if (on && reply == Reply::Nack) {  // many a server first probes the address for longer than the daemon waits
-    return RefusedBy(before, after, "it got no lease within a second, and may get one at once if told again");
+    return RefusedBy(before, after,
+                     before.settings.address == "0.0.0.0"
+                         ? "it cannot lease an address while it has none: set-ip gives it one first"
+                         : "it got no lease within a second, and may get one at once if told again");
   }
   if (reply == Reply::Nack) return RefusedBy(before, after);
   if (!after) return NotHeardAgain(reply);

@@ -74,6 +74,8 @@ bool IsWorthRestoring(const Report& report) {
   }
 }
 
+bool HasNoAddress(const Device& device) { return IsServiceAway(device.record) && device.record.address == "0.0.0.0"; }
+
 /// Asks until the device is as `judge` wants it or the time is over; how it was heard last.
 std::optional<Device> LookAfter(Session& session, const Device& device, const Order& order, Reply reply) {
   const Seen before = SeenOf(device);
@@ -175,6 +177,11 @@ std::optional<Report> Carry(Session& session, const Device& device, const Order&
   const std::optional<Path> path = PathTo(device, session.All(), why);
   if (!path) return ReportUnaddressed(device, why);
   ShowStatus(progress + Calling(device) + ": waiting for the acknowledgement");
+  if (order.planned.address && HasNoAddress(device)) {
+    std::vector<std::string> fields = order.fields;
+    fields[1].clear();  // a device sets no mask where there is no address yet: first the address with that of its class
+    if (!Exchange(session, device, *path, Request(*path, order.word, fields), order.resend)) return std::nullopt;
+  }
   const auto reply = Exchange(session, device, *path, Request(*path, order.word, order.fields), order.resend);
   if (!reply) return std::nullopt;
   ShowStatus(progress + Calling(device) + ": asking again");

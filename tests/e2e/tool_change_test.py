@@ -102,7 +102,8 @@ class Change(unittest.TestCase):
         leaving = self.fake(12, lambda datagram: leaving.records.clear() or b"ACK\n")
         self.fake(13, lambda datagram: b"ACK\n")
         self.fake(14, lambda datagram: b"ACK\n", MACS[13])
-        self.ready(2)
+        self.device(15, None)
+        self.ready(3)
 
         def six(number, *fields):
             return [(f"device {number}", 5564, "SETIPADDRESS!", *fields)]
@@ -131,6 +132,9 @@ class Change(unittest.TestCase):
              "gateway 10.0.0.1 is outside 192.168.1.0/24\n" + cleared),
             (("192.168.1.26", "192.168.1.36/24"), 0, [("192.168.1.26", 5562, "SETIPADDRESS!", MACS[6], "192.168.1.36", mask)],
              told(6, "", "done: 192.168.1.36/24, no gateway", "192.168.1.26/24"), none),
+            (("00:1b:c4:0a:12:0f", "192.168.1.45/25", "--gateway", "192.168.1.1"), 0,
+             six(15, "192.168.1.45", "", "192.168.1.1") + six(15, "192.168.1.45", "255.255.255.128", "192.168.1.1"), told(
+                15, "", "done: 192.168.1.45/25, gateway 192.168.1.1"), cleared),
             (("Stubborn", "192.168.1.37/24", "--gateway", "192.168.1.1"), 1, six(7, "192.168.1.37", mask, "192.168.1.1"), told(
                 7, "Stubborn", "different: it answers from 192.168.1.37 while its record shows 192.168.1.27 (its service "
                 "refused, so the interface alone was set), its gateway is none", "192.168.1.27/24"), cleared),

@@ -160,6 +160,8 @@ TEST(Judgement, TellsWhatCameOfAChange) {
       {"on", one + "- 3.3.3.3", one + "- 3.3.3.3", none, neither},
       {"on", one + "-", one + "-", nack,
        "refused: it got no lease within a second, and may get one at once if told again"},
+      {"on", "0.0.0.0/0 - -", "0.0.0.0/0 - -", nack,
+       "refused: it cannot lease an address while it has none: set-ip gives it one first"},
       {"off", one + "on", one + "on", nack, "refused: the device refused it"},
       {"on", one + "-", "", ack, "gone: " + gone},
       {"off", one + "on", one + "on", ack, unchanged},
