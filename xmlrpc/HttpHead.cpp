@@ -2,10 +2,10 @@
 
 #include <strings.h>
 
-#include <cstdlib>
 #include <string_view>
 
 #include "xmlrpc/Locale.h"
+#include "xmlrpc/XmlNumbers.h"
 
 namespace TarnXmlRpc {
 
@@ -53,7 +53,9 @@ bool HttpHead::findBody(const std::string& text) {
 HttpHead::State HttpHead::read(const std::string& text) {
   if (!findBody(text)) return State::Incomplete;
   if (_lengthStart == 0) return State::NoLength;
-  const long long number = strtoll_l(text.c_str() + _lengthStart, nullptr, 10, CLocale());
+  std::int64_t number = 0;
+  std::size_t at = _lengthStart;
+  if (!ScanInteger(text, at, number)) return State::NoLength;
   _contentLength = static_cast<std::int32_t>(static_cast<std::uint32_t>(number));
   return _contentLength < 1 ? State::NoLength : State::Complete;
 }
