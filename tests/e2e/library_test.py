@@ -48,10 +48,10 @@ class InstalledLibrary(unittest.TestCase):
         cls.address = "127.0.0.1", str(server.server_address[1])
 
     def build(self, source):
-        """Configures and builds the project in the folder source against the installed copy."""
+        """Configures and builds the project in the folder source, one of C++14, against the installed copy."""
         out = self.work / ("build-" + source.name)
         run("cmake", "-S", source, "-B", out, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={COMPILER}",
-            "-DCMAKE_CXX_FLAGS=" + " ".join(FLAGS))
+            "-DCMAKE_CXX_STANDARD=14", "-DCMAKE_CXX_FLAGS=" + " ".join([*FLAGS, "-Werror"]))
         run("cmake", "--build", out)
         return out / source.name
 
