@@ -161,7 +161,9 @@ class Change(unittest.TestCase):
                 f"({link_local(MACS[12])}%eth0)", "192.168.1.102/24"), none),
             (("Fake 13", "192.168.1.43/24"), 1, six(13, "192.168.1.43", mask), told(
                 13, "Fake 13", "unchanged: acknowledged, but nothing has changed"), none))
-        self.pc.run("ip", "neigh", "add", "192.168.1.32", "dev", "eth0", "nud", "failed")   # nobody has it
+        self.pc.run("sh", "-c", "ip neigh add 192.168.1.32 dev eth0 nud failed; "   # nobody has it
+                    f"ip neigh add 192.168.1.35 lladdr {MACS[5]} dev eth0; "   # the device itself had it
+                    f"ip neigh add 192.168.1.43 lladdr {MACS[14]} dev eth0")   # one whose record has another MAC had it
         ended = self.run_all([("set-ip", *words) for words, *_ in rows], 0.3, ())
         self.assertEqual(sorted(self.sent()), sorted(one for row in rows for one in row[2]))
         for (words, status, _, out, err), got in zip(rows, ended):
@@ -249,7 +251,7 @@ class Change(unittest.TestCase):
             "was sent\n"))
         self.assertEqual(sent_all, [])
         self.pc.run("ip", "-4", "addr", "flush", "end")
-        self.assertEqual(Run(self.pc, "scan", "--interface", "end").end(), (
+        self.assertEqual(Run(self.pc, "scan", "--interface", "eth0", "--interface", "end").end(), (
             3, "", "tarnddp: end cannot be used: it has no IPv6 link-local address, and it has no IPv4 address\n"))
 
     def test_dhcp(self):
@@ -403,6 +405,7 @@ class Change(unittest.TestCase):
         plan.write_text(f"mac,dhcp\n{MACS[1]},on\n", encoding="utf-8")
         rows = (("dhcp", "Fake 1", "on"), ("trace", "Fake 1"), ("halt", "Fake 1", "--yes"), ("send", "Fake 1", "WORD"))
         self.pc.run("nft", "add table inet f; add chain inet f o { type filter hook output priority 0; }; "
+                    "add rule inet f o udp dport 5562 drop; "   # one way, without which the others do
                     "add rule inet f o udp length 52 quota 99 bytes accept; "   # the first SETIPADDRESS!
                     f"add rule inet f o udp dport 5562-5564 udp length != {8 + len(IDENT)} drop")
         called, why = f"Fake 1 ({MACS[1]})", f": {link_local(MACS[1])}%eth0: Operation not permitted\n"

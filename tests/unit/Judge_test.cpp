@@ -93,6 +93,9 @@ TEST(Judge, NamesTheOneRouteThatHelps) {
     EXPECT_EQ(lines("this PC drops what 10.1.2.3 sends to e" + dropped + network + " dev e"),
               Judge({device}, HostWith(ReversePath::NeedsRouteHere, ""))[0].problems);
   }
+  Host two = HostWith(ReversePath::NeedsRouteHere, "");
+  two.interfaces.push_back({"f", 3, true, true, false, true, {{0xc0a80203, 24}}, ""});
+  EXPECT_NE(std::string::npos, ExplainFilters(Judged(far, two), two).at(0).find("default dev f"));
   // The network is on another interface too, which the routes prefer.
   Host host = HostWith(ReversePath::NeedsRouteHere, "");
   host.routeInterface = [](IPv4) { return "f"; };

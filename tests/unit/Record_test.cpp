@@ -40,7 +40,7 @@ TEST(Record, TellsWhatIsKnown) {
        mac + R"("000000","Bench","T","XT175012#","???",)" + settings + "true,true"},
       {RecordText("T", "", "7", "4", "\tASK:false\tIPA:\tSNM:255.0.255.0\tGWA:0.0.0.0\tMAA:00:00:00:00:00:00"),
        R"({null,"7","","T","XT175012#","4",null,null,null,false,true)"},
-      {"SID:0\tASK:\tIPA:x\tSNM:\tGWA:\tMAA:00:1b:c4", R"({null,"","","","","","x",null,null,false,true)"},
+      {"SID:0\tASK:\tASK:true\tIPA:x\tSNM:\tGWA:\tMAA:00:1b:c4", R"({null,"","","","","","x",null,null,false,true)"},
       // A TAB or a line end inside a value; a field that comes twice; one that nobody knows.
       {RecordText("T", "a\tb\r\nc:\tAB:C", "7", "4", usual), mac + R"("7","a\tb\r\nc:\tAB:C")" + rest},
       {RecordText("T", "Bench", "7", "4", usual + "\tIPA:9.9.9.9\tNEW:1"), mac + R"("7","Bench")" + rest},

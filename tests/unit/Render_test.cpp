@@ -32,6 +32,8 @@ TEST(Render, TableFitsTheTerminal) {
           "-                       -       -                  10.0.0.1/24      -     away     -     -          -  "
           "       -        eth0:ipv6,ipv4 eth1:ipv6"}),
       Table(findings, 0));
+  const std::string wide(60, 'n');  // what a pipe gets is not cut
+  EXPECT_EQ(0U, Table({FindingOf(RecordOf(m, "1", "10.0.0.1", wide))}, 0)[1].find(wide));
   const std::string full = Table(findings, 200)[0];
   for (int columns = 1; columns < 140; ++columns) {
     const std::vector<std::string> lines = Table(findings, columns);

@@ -30,8 +30,8 @@ TEST(Text, NothingThatDrivesATerminalIsShown) {
 
 TEST(Text, NoCellIsAFormula) {
   const char* cases[][2] = {
-      {"=1", "'=1"}, {"+1", "'+1"},  {"-1", "'-1"},     {"@1", "'@1"},    {"  =1", "  '=1"},
-      {"'=", "'="},  {"a=-", "a=-"}, {"＝１", "'＝１"}, {"温度", "温度"}, {"a;=; @,=", "a;'=; '@,="}};
+      {"=1", "'=1"}, {"+1", "'+1"},    {"-1", "'-1"},     {"@1", "'@1"},    {"  =1", "  '=1"},
+      {"'=", "'="},  {"a =-", "a =-"}, {"＝１", "'＝１"}, {"温度", "温度"}, {"a;=; @,=", "a;'=; '@,="}};
   for (const auto& [text, cell] : cases) {
     EXPECT_EQ(cell, Cell(text));
     EXPECT_EQ(cell, Cell(cell));
