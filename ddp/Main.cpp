@@ -65,7 +65,7 @@ void AnswerInstead(int argc, char** argv) {
   _exit(isTold ? EXIT_SUCCESS : EXIT_FAILURE);
 }
 
-#ifdef __GLIBC__
+#if defined(__GLIBC__) && !defined(__UCLIBC__)  // uClibc says that it is glibc, and calls these without arguments
 // glibc hands the command line to these as well: here nothing is open yet, as it is in main(), which `Server` precedes.
 [[gnu::constructor(101)]] void AnswerBeforeServerIsMade(int argc, char** argv) { AnswerInstead(argc, argv); }
 #endif

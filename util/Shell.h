@@ -13,8 +13,8 @@ std::string ul_ShellWord(const std::string& text);
 int ul_RunCommand(const std::string& command);
 
 /// The same for a command of route(8), which may have to look up a host name: in its environment alone, RES_OPTIONS and
-/// LOCALDOMAIN (resolv.conf(5)), where unset, make it wait 1 s for a name server and ask once. A terminal's interrupt
-/// reaches this process too while it waits.
+/// LOCALDOMAIN (resolv.conf(5)), where unset, make it wait 1 s for a name server and ask once, if its C library is
+/// glibc. A terminal's interrupt reaches this process too while it waits.
 int ul_RunRoute(const std::string& command);
 
 /// Runs `command` as ul_RunCommand() does and puts what it wrote to its standard output into `output`. False, `output`
