@@ -323,10 +323,11 @@ Outcome JudgeDhcp(bool on, const Seen& before, const std::optional<Seen>& after,
   if (!after) return NotHeardAgain(reply);
   const std::string words = InWords(after->settings);
   if (after->settings.dhcp == on) return {Result::Done, words + Doubt(reply)};
-  if (on && !after->settings.dhcp && reply == Reply::Ack) {
+  const bool isEverAway = !before.settings.dhcp && !after->settings.dhcp;  // one that was there may only be busy
+  if (on && isEverAway && reply == Reply::Ack) {
     return {Result::Done, words + ", as far as can be seen: without its service a device never shows DHCP"};
   }
-  if (IsAsBefore(*after, before) && (after->settings.dhcp || on)) return Unchanged(reply);
+  if (IsAsBefore(*after, before) && (after->settings.dhcp || isEverAway)) return Unchanged(reply);
   if (after->settings.dhcp)
     return {Result::Different, std::string("DHCP is ") + (on ? "off" : "on") + " with " + words};
   return {Result::Different, "its service is away now, so DHCP cannot be seen; it has " + words};

@@ -164,6 +164,8 @@ TEST(Judgement, TellsWhatCameOfAChange) {
        "refused: it cannot lease an address while it has none: set-ip gives it one first"},
       {"off", one + "on", one + "on", nack, "refused: the device refused it"},
       {"on", one + "-", "", ack, "gone: " + gone},
+      {"on", one + "off", two + "-", ack,
+       "different: its service is away now, so DHCP cannot be seen; it has 2.2.2.2/24, gateway 1.1.1.9"},
       {"off", one + "on", one + "on", ack, unchanged},
       {"off", one + "on", one + "-", ack,
        "different: its service is away now, so DHCP cannot be seen; it has 1.1.1.1/24, gateway 1.1.1.9"}};
