@@ -126,16 +126,19 @@ bool StillAnswers(Session& session, const Device& device) {
 /// The exit status after a halt was sent.
 int Halted(Session& session, const Device& device, Reply reply) {
   const std::string called = Calling(device);
-  if (reply == Reply::Ack) {
-    Print(called + ": halted\n");
-    return StatusDone;
+  const bool isAcknowledged = reply == Reply::Ack;  // also by a device whose daemon has no right to halt it
+  if (reply == Reply::Nack) {
+    Print(called + ": refused\n");
+    return StatusNotDone;
   }
-  if (reply == Reply::None && !StillAnswers(session, device)) {
-    Print(called + ": halted, as it seems: it did not acknowledge, but does not answer any more\n");
-    return StatusDone;
+  if (StillAnswers(session, device)) {
+    Print(called + (isAcknowledged ? ": acknowledged, but it still answers after 5 s\n"
+                                   : ": not acknowledged, and it still answers\n"));
+    return StatusNotDone;
   }
-  Print(called + (reply == Reply::Nack ? ": refused\n" : ": not acknowledged, and it still answers\n"));
-  return StatusNotDone;
+  Print(called + (isAcknowledged ? ": halted\n"
+                                 : ": halted, as it seems: it did not acknowledge, but does not answer any more\n"));
+  return StatusDone;
 }
 
 }  // namespace
