@@ -95,8 +95,8 @@ XmlRpcValue::XmlRpcValue(std::vector<char>&& value) : _type(TypeBase64) {
   _value.asBinary = new Binary(std::move(value));
 }
 
-XmlRpcValue::XmlRpcValue(const XmlRpcValue& other)
-    : XmlTags(), _tagSet(other._tagSet), _type(other._type), _value(other._value) {
+XmlRpcValue::XmlRpcValue(const XmlRpcValue& other) : XmlTags(), _tagSet(other._tagSet), _type(other._type) {
+  // Never as a whole as well: GCC then takes an int64 for the double in its place, of which the x87 changes some bits.
   withStored(_type, [&](auto member) { _value.*member = CopyOf(other._value.*member); });
 }
 
