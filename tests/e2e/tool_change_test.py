@@ -291,7 +291,8 @@ class Change(unittest.TestCase):
         for number, name in ((1, "Press 1"), (2, 'quo"te, \x1b[2J'), (3, "Third")):
             device = self.device(number, f"192.168.1.{20 + number}/24", name)
             device.host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
-        self.fake(4, lambda datagram: b"NACK\n")   # to what it hears that is for another one, too
+        self.fake(4, lambda datagram: b"NACK\n").records = [   # to what it hears that is for another one, too
+            record(MACS[4], "Fake 4", "94", "192.168.1.94", GWA=b"\xff")]
         self.ready(3)
         csv = Run(self.pc, "scan", "--csv", *QUICK).end()[1]
         plan = pathlib.Path(self.net.folder, "plan.csv")
@@ -329,7 +330,7 @@ class Change(unittest.TestCase):
         status, out, _ = Run(self.pc, "apply", str(plan), "--dry-run", "--json", *QUICK).end()
         self.assertEqual((status, [json.loads(line) for line in out.splitlines()]), (1, [
             {"mac": MACS[number], "result": result, "before": now, "after": now} for number, result, now in (
-                (4, "done", settings("192.168.1.94")), (1, "done", settings("192.168.1.22")),
+                (4, "done", settings("192.168.1.94", gateway="\u00ff")), (1, "done", settings("192.168.1.22")),
                 (3, "done", settings("192.168.1.23")), (2, "done", settings("192.168.1.21")), (9, "gone", None))]))
         self.assertEqual(self.sent(), [])
 
