@@ -7,7 +7,7 @@ import signal
 import unittest
 
 from case import DeviceTest, eventually, testnet
-from device import ACK, ENABLE, FIFO, IDENT, MAC, NACK, QUIET, SERVICE_RECORD, record, request
+from device import ACK, DEVICE, ENABLE, FIFO, IDENT, MAC, NACK, QUIET, SERVICE_RECORD, record, request
 
 LEASE = request("SETDHCPMODE!", "1")
 
@@ -138,6 +138,8 @@ class Alone(DeviceTest):
         self.assertEqual(self.ask(IDENT), self.fallback_record("192.168.1.40", gateway="192.168.1.4"))
         self.assertIn('"broadcast": "192.168.1.127"', json.dumps(self.device.interface()))
         self.assertEqual(pathlib.Path("/etc/resolf.conf").read_text("ascii"), "nameserver 192.168.1.54\n")
+        self.device.set_address(f"{DEVICE}/24")   # by another program; the routes are gone
+        self.assert_changes("SETDHCPMODE!", "1")
 
 
 if __name__ == "__main__":
