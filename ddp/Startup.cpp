@@ -23,12 +23,13 @@ void OpenStandardStreams() {
   }
 }
 
-/// A reader of our console that went away must not end us. Not SIG_IGN, which the commands that we run would inherit.
-void SurviveBrokenPipes() {
+/// A reader of our console that went away must not end us, nor a file that has reached the limit for files (ulimit -f).
+/// Not SIG_IGN, which the commands that we run would inherit.
+void SurviveFailedWrites() {
   struct sigaction action = {};
   action.sa_handler = [](int) {};
   action.sa_flags = SA_RESTART;
-  sigaction(SIGPIPE, &action, nullptr);
+  for (const int cause : {SIGPIPE, SIGXFSZ}) sigaction(cause, &action, nullptr);
 }
 
 /// What a huge answer took goes back to the system with it: the C library would otherwise learn from its size to keep
@@ -67,7 +68,7 @@ void Startup_Prepare() {
   Notify_Prepare();
   OpenStandardStreams();
   ConsoleSettle();
-  SurviveBrokenPipes();
+  SurviveFailedWrites();
   ReturnLargeBlocks();
 }
 
