@@ -107,7 +107,7 @@ struct Sample {
 
 inline Sample RandomSample(Random& random, int depth) {
   const int kind = static_cast<int>(random() % 9) + 1, type = depth > 1 || kind % 9 < 7 ? kind : 9;
-  const auto number = static_cast<long long>((static_cast<unsigned long long>(random()) << random() % 33) * 2 - 1);
+  const auto number = static_cast<long long>(static_cast<unsigned long long>(random()) << 32 | 1) >> random() % 64;
   const double real = random({0.0, -0.0, -1.5, 1e300, -1e-300, 123456789012345678.0, -std::nan(""), 1.0 / 3,
                               static_cast<double>(number) / 1000});
   const std::string text = RandomText(random);
