@@ -333,6 +333,10 @@ class Change(unittest.TestCase):
                 (4, "done", settings("192.168.1.94", gateway="\u00ff")), (1, "done", settings("192.168.1.22")),
                 (3, "done", settings("192.168.1.23")), (2, "done", settings("192.168.1.21")), (9, "gone", None))]))
         self.assertEqual(self.sent(), [])
+        trace = Run(self.pc, "trace", "Third", *QUICK)   # over IPv4, but at the port where it is obeyed
+        self.assertEqual(eventually(self.sent)[0][:3], ("192.168.1.23", 5564, "SYSTRACE!"))
+        trace.interrupt()
+        self.assertEqual(trace.end(), (130, "", ""))
 
     def test_trace(self):
         """Lines as they come, no reply among them; back after another took the route; off at the end."""

@@ -111,7 +111,9 @@ TEST(Plan, SaysWhatIsToBeDoneInWhichOrderOrWhatIsWrong) {
     for (const char* lines : c.lines)
       EXPECT_EQ(c.steps, Check(std::string("mac,Serial,address,prefix,gateway,dhcp\n") + lines)) << lines;
   }
-  EXPECT_EQ("2:alone ", Check("mac,address,prefix,dns\nM1,@11,24,@53\n"));
+  std::vector<Device> devices = Bench();
+  devices[0].record.gateway = "10.0.0.1";  // of no use, and kept all the same
+  EXPECT_EQ("2:alone ", Check("mac,address,prefix,dns\nM1,@11,24,@53\n", devices));
   // Of two lines for one device, the one that was changed is wrong.
   EXPECT_EQ("2! ", Check(CsvLine(PlanHeading()) + "M1,,,@21,24\n" + CsvLine(PlanRow(Bench()[0]))));
   for (const char* heading : {"", "mac,foo\n", "mac,mac\n", "M1,,,@21,24,,,\n"}) EXPECT_EQ("1! ", Check(heading));
