@@ -51,6 +51,8 @@ class Host:
         with self.inside():
             for place in ("default", "all"):   # an address serves at once instead of after a second of probing
                 pathlib.Path(f"/proc/sys/net/ipv6/conf/{place}/accept_dad").write_text("0", encoding="ascii")
+                # Whatever this machine has, which a new network begins with.
+                pathlib.Path(f"/proc/sys/net/ipv4/conf/{place}/rp_filter").write_text("0", encoding="ascii")
         self.run("ip", "link", "set", "lo", "up")
         self.plug_in(address)
 
