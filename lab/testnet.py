@@ -5,7 +5,9 @@ Works only inside scripts/sandbox, so that nothing on the real machine is touche
 
 import contextlib
 import ctypes
+import itertools
 import json
+import mmap
 import os
 import pathlib
 import shutil
@@ -22,7 +24,7 @@ LAB = pathlib.Path(__file__).resolve().parent
 INTERFACE = "eth0"
 PIPE = pathlib.Path("/tmp/tsl_app/FIFO_T_C2H_AET")
 _CLONE_NEWNET = 0x40000000
-_ETH_P_ALL, _SO_RCVBUFFORCE, _SO_TIMESTAMPNS = 3, 33, 35
+_ETH_P_ALL, _SOL_PACKET, _PACKET_RX_RING, _PACKET_STATISTICS = 3, 263, 5, 6
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
@@ -141,28 +143,37 @@ class Network:
 
 
 class Wire:
-    """What passes a host's eth0 from now on, by the kernel's own clock; looked at afterwards."""
+    """What passes a host's eth0 from now on, by the kernel's own clock; looked at afterwards. Kept in a ring that the
+    kernel fills: how much a socket's buffer holds is not for an ordinary user to say."""
+
+    _SLOT, _BLOCK, _COUNT = 2048, 1 << 16, 512   # bytes, of which a frame takes one slot whatever its length; blocks
 
     def __init__(self, host):
         with host.inside():
-            self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(_ETH_P_ALL))
-        with contextlib.suppress(PermissionError):   # who may not gets what there is
-            self._socket.setsockopt(socket.SOL_SOCKET, _SO_RCVBUFFORCE, 512 << 20)
-        self._socket.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
+            self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
+        slots = self._BLOCK * self._COUNT // self._SLOT
+        self._socket.setsockopt(_SOL_PACKET, _PACKET_RX_RING, struct.pack("4I", self._BLOCK, self._COUNT, self._SLOT, slots))
+        self._ring = mmap.mmap(self._socket.fileno(), self._BLOCK * self._COUNT)
+        self._places = itertools.cycle(range(0, len(self._ring), self._SLOT))
+        self._place = next(self._places)
         self._socket.bind((INTERFACE, _ETH_P_ALL))
-        self._socket.setblocking(False)
 
     def take(self):
         """What passed since the last look: milliseconds, whether the host sent it, the frame."""
         frames = []
-        with contextlib.suppress(BlockingIOError):
-            while True:
-                frame, control, _, address = self._socket.recvmsg(65536, 64)
-                seconds, nanoseconds = struct.unpack("qq", control[0][2])
-                frames.append((seconds * 1e3 + nanoseconds / 1e6, address[2] == socket.PACKET_OUTGOING, frame))
+        while (header := struct.unpack_from("L2I2H2I", self._ring, self._place))[0]:
+            _, _, length, begin, _, seconds, microseconds = header
+            kind = self._ring[self._place + 42]
+            frame = self._ring[self._place + begin:self._place + begin + length]
+            frames.append((seconds * 1e3 + microseconds / 1e3, kind == socket.PACKET_OUTGOING, frame))
+            struct.pack_into("L", self._ring, self._place, 0)
+            self._place = next(self._places)
+        if struct.unpack("2I", self._socket.getsockopt(_SOL_PACKET, _PACKET_STATISTICS, 8))[1]:
+            raise RuntimeError("more passed than was kept")
         return frames
 
     def close(self):
+        self._ring.close()
         self._socket.close()
 
 
