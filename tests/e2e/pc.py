@@ -58,7 +58,7 @@ class Terminal:
         self._master, slave = pty.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
         self.process = host.start("setsid", "--ctty", *ORDINARY, TOOL, *words, **{
-            "stdin": slave, "stdout": slave, "stderr": slave, **options})
+            "stdin": slave, "stdout": slave, "stderr": slave, "env": {**os.environ, "TERM": "linux"}, **options})
         os.close(slave)
         self.raw = b""
         self._reader = threading.Thread(target=self._read, daemon=True)
@@ -78,7 +78,7 @@ class Terminal:
 
     def lines(self):
         above = ["".join(line[column].data for column in range(self._screen.columns))
-                 for line in self._screen.history.top]
+                 for line in list(self._screen.history.top)]   # which grows meanwhile
         return [line.rstrip() for line in (*above, *self._screen.display) if line.strip()]
 
     def wait_for(self, text):
