@@ -2,6 +2,7 @@
 
 import pathlib
 import re
+import shlex
 import shutil
 import subprocess
 import sys
@@ -105,7 +106,7 @@ class InstalledLibrary(unittest.TestCase):
                                    check=True, env={"PATH": "/usr/bin:/bin", "PKG_CONFIG_LIBDIR": str(pkgconfig)}).stdout
             self.assertNotIn("simpleini", flags)
             for options in ["-fPIC", "-shared"], []:
-                run(COMPILER, "-std=c++17", *FLAGS, *options, SOURCE / "examples/call/main.cpp", *flags.split(), "-o",
+                run(COMPILER, "-std=c++17", *FLAGS, *options, SOURCE / "examples/call/main.cpp", *shlex.split(flags), "-o",
                     self.work / "program")
             self.assertIn("channel 7", run(self.work / "program", *self.address))
 
