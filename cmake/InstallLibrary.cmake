@@ -55,6 +55,9 @@ foreach(name tarnxmlrpc tarnxmlrpc-ini)
     install(CODE "
       set(pc_prefix ${pc_prefix})
       set(pc_include [[${pc_include}]])
+      foreach(path pc_prefix pc_include)
+        string(REPLACE [[ ]] [[\\ ]] \${path} \"\${\${path}}\")
+      endforeach()
       set(PROJECT_VERSION \"${PROJECT_VERSION}\")
       configure_file(\"${CMAKE_CURRENT_SOURCE_DIR}/cmake/${name}.pc.in\" \"${CMAKE_CURRENT_BINARY_DIR}/${name}.pc\" @ONLY)"
             COMPONENT library)

@@ -97,7 +97,7 @@ class InstalledLibrary(unittest.TestCase):
         moved = (self.work / "first").rename(self.work / "moved")
         out, libdir = self.work / "configured", "lib/arm/deep"
         run("cmake", "-S", SOURCE, "-B", out, f"-DCMAKE_INSTALL_LIBDIR={libdir}", "-DBUILD_TESTING=OFF",
-            f"-DCMAKE_INSTALL_INCLUDEDIR={self.work}/headers", f"-DCMAKE_CXX_COMPILER={COMPILER}")
+            f"-DCMAKE_INSTALL_INCLUDEDIR={self.work}/its headers", f"-DCMAKE_CXX_COMPILER={COMPILER}")
         for library in [*BUILD.glob("net/*.a"), *BUILD.glob("xmlrpc/**/*.a")]:  # built before, from the same sources
             shutil.copy(library, out / library.relative_to(BUILD))
         run("cmake", "--install", out, "--component", "library", "--prefix", self.work / "prefix")
