@@ -42,7 +42,7 @@ void Say(std::string_view text) {
 
 void ShowStatus(std::string_view text) {
   const std::optional<TerminalSize> terminal = ErrorTerminal();
-  if (!terminal) return;
+  if (!terminal || IsOutputPipe()) return;
   std::string shown = Shown(text);
   if (Width(shown) >= terminal->columns) shown = Fitted(shown, terminal->columns - 1);
   if (shown == status) return;

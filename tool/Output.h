@@ -24,7 +24,8 @@ bool IsOutputGood();
 void Say(std::string_view text);
 
 /// The status line, on standard error if that is a terminal, else nothing: `text` takes the place of the last one, cut
-/// to the width. It goes away by itself before anything else is printed; empty removes it.
+/// to the width. It goes away by itself before anything else is printed; empty removes it. Nothing either where results
+/// go into a pipe: what reads it may write to the same terminal, at any time.
 void ShowStatus(std::string_view text);
 
 /// Asks `question` ("Halt Bench 1?") on standard error and reads a line from standard input: true for "y" and "yes", in

@@ -88,6 +88,8 @@ struct TerminalSize {
 std::optional<TerminalSize> OutputTerminal();
 std::optional<TerminalSize> ErrorTerminal();
 bool IsInputTerminal();
+/// Whether standard output is a pipe.
+bool IsOutputPipe();
 /// Whether standard output is a pipe that nobody reads any more; and whether `error`, the errno of a write to it, says
 /// so.
 bool IsReaderGone();

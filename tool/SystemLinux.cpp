@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -266,6 +267,11 @@ void PrepareProcess() {
 std::optional<TerminalSize> OutputTerminal() { return TerminalOf(STDOUT_FILENO); }
 std::optional<TerminalSize> ErrorTerminal() { return TerminalOf(STDERR_FILENO); }
 bool IsInputTerminal() { return isatty(STDIN_FILENO) != 0; }
+
+bool IsOutputPipe() {
+  struct stat output = {};
+  return fstat(STDOUT_FILENO, &output) == 0 && S_ISFIFO(output.st_mode);
+}
 
 bool IsReaderGone() {
   pollfd output = {STDOUT_FILENO, 0, 0};

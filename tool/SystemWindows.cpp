@@ -271,19 +271,21 @@ bool IsInputTerminal() {
   return GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) != 0;
 }
 
+bool IsOutputPipe() { return GetFileType(GetStdHandle(STD_OUTPUT_HANDLE)) == FILE_TYPE_PIPE; }
+
 bool IsReaderGone() {
   constexpr ULONG closing = 4;  // FILE_PIPE_CLOSING_STATE, which only the headers for drivers have
   FILE_PIPE_LOCAL_INFORMATION pipe = {};
   HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
   IO_STATUS_BLOCK status = {};
-  if (GetFileType(output) != FILE_TYPE_PIPE) return false;
+  if (!IsOutputPipe()) return false;
   return NtQueryInformationFile(output, &status, &pipe, sizeof pipe, FilePipeLocalInformation) == 0 &&
          pipe.NamedPipeState == closing;
 }
 
 bool MeansReaderGone(int error) {
   // The C library knows no better word for what WriteFile() says then.
-  return error == EPIPE || (error == EINVAL && GetFileType(GetStdHandle(STD_OUTPUT_HANDLE)) == FILE_TYPE_PIPE);
+  return error == EPIPE || (error == EINVAL && IsOutputPipe());
 }
 
 void HandleInterrupts() { SetConsoleCtrlHandler(OnControl, TRUE); }

@@ -127,6 +127,7 @@ class Found(unittest.TestCase):
         plan = Terminal(self.pc, "--csv", columns=400)
         dumb = Terminal(self.pc, "--time", "5", columns=400, rows=50, env={**os.environ, "TERM": "dumb"})
         errors_alone = Terminal(self.pc, "--time", "5", columns=30, rows=50, stdout=subprocess.DEVNULL)
+        piped = Terminal(self.pc, "--json", stdout=subprocess.PIPE)   # perhaps to what writes to this terminal
         terminals = {columns: Terminal(self.pc, "--time", "5", columns=columns, rows=rows, **how) for columns, rows, how in (
             (200, 50, {}), (80, 24, {}), (60, 24, {"stderr": subprocess.DEVNULL}), (20, 24, {}))}
         for columns, terminal in terminals.items():
@@ -149,6 +150,8 @@ class Found(unittest.TestCase):
         self.assertNotIn(b"\x1b", dumb.raw)
         self.assertEqual("".join(errors_alone.end()[1]).replace(" ", ""), "".join(errors).replace(" ", ""))
         self.assertIn(b" so far", errors_alone.raw)
+        self.assertEqual(piped.end()[0], 0)
+        self.assertNotIn(b" so far", piped.raw)
 
     def test_watch(self):
         """What comes, changes and goes: as lines, as JSON, and as a table in place."""
