@@ -22,20 +22,22 @@ class Progress {
     const Time now = Clock::now();
     if (now < next) return;
     next = now + std::chrono::milliseconds(200);
-    if (isTable && heard.Count() > 0) screen.Show(Table(WithoutProblems(heard.All()), OutputTerminal()->columns));
+    if (isTable && heard.Count() > 0) screen.Show(Table(WithoutProblems(heard.All()), Columns()));
     const auto left = std::chrono::duration_cast<std::chrono::seconds>(end - now).count() + 1;
     ShowStatus(DevicesText(heard.Count()) + " so far, listening for another " + std::to_string(left) + " s");
   }
   void Finish(const std::vector<Finding>& findings) {
     ShowStatus({});
     if (isTable) {
-      screen.Finish(findings.empty() ? std::vector<std::string>() : Table(findings, OutputTerminal()->columns));
+      screen.Finish(findings.empty() ? std::vector<std::string>() : Table(findings, Columns()));
     } else if (!findings.empty()) {
       for (const std::string& line : Table(findings, 0)) Print(line + "\n");
     }
   }
 
  private:
+  /// The terminal may have been hung up since.
+  static int Columns() { return OutputTerminal().value_or(TerminalSize{80, 24}).columns; }
   static std::vector<Finding> WithoutProblems(const std::vector<Device>& devices) {
     std::vector<Finding> findings;
     findings.reserve(devices.size());
