@@ -10,10 +10,22 @@ namespace {
 
 constexpr std::string_view byteOrderMark = "\xef\xbb\xbf";
 
+/// What its first line has, the comma before all.
+char SeparatorOf(std::string_view text) {
+  text.remove_prefix(std::min(text.find_first_not_of("\r\n"), text.size()));
+  text = text.substr(0, text.find_first_of("\r\n"));
+  for (const char separator : {',', ';', '\t'}) {
+    if (text.find(separator) != std::string_view::npos) return separator;
+  }
+  return ',';
+}
+
 class Reader {
  public:
   explicit Reader(std::string_view given) : text(given) {
     if (text.substr(0, byteOrderMark.size()) == byteOrderMark) text.remove_prefix(byteOrderMark.size());
+    separator = SeparatorOf(text);
+    ends = {separator, '\r', '\n'};
   }
 
   bool AtEnd() const { return at == text.size(); }
@@ -24,7 +36,7 @@ class Reader {
     do {
       row.fields.emplace_back();
       if (!ReadField(row.fields.back())) return false;
-    } while (Take(','));
+    } while (Take(separator));
     TakeLineEnd();
     return true;
   }
@@ -34,7 +46,7 @@ class Reader {
  private:
   bool ReadField(std::string& field) {
     if (Take('"')) return ReadQuoted(field);
-    const std::size_t end = std::min(text.find_first_of(",\r\n", at), text.size());
+    const std::size_t end = std::min(text.find_first_of(ends, at), text.size());
     field = text.substr(at, end - at);
     at = end;
     return field.find('"') == std::string::npos || Fail(line, "a quote inside a field that does not begin with one");
@@ -54,8 +66,7 @@ class Reader {
         field += text[at++];
       }
     }
-    return AtEnd() || std::string_view(",\r\n").find(text[at]) != std::string_view::npos ||
-           Fail(line, "text after a quoted field");
+    return AtEnd() || ends.find(text[at]) != std::string::npos || Fail(line, "text after a quoted field");
   }
 
   bool Take(char c) {
@@ -77,6 +88,8 @@ class Reader {
   }
 
   std::string_view text;
+  char separator = ',';
+  std::string ends;  // of a field
   std::size_t at = 0;
   int line = 1;
   std::string error;

@@ -4,7 +4,8 @@
 #include <string_view>
 #include <vector>
 
-// Comma-separated values as RFC 4180 has them, both ways. Pure: any bytes.
+// Comma-separated values as RFC 4180 has them, both ways. Pure: any bytes. What is read may have semicolons instead, as
+// spreadsheets write them where numbers have a comma, or TABs: if the first line has no comma.
 
 namespace tarnddp {
 

@@ -117,7 +117,7 @@ class Checker {
     }
     bool isNamed = entry.change.mac.has_value();
     for (const Column column : {Serial, Name}) {
-      const std::string cell = Cell(entry.cells[column]);  // it may be written by hand
+      const std::string cell = Cell(Utf8(entry.cells[column]));  // it may be written by hand, and in Latin-1
       // Behind a MAC address they tell apart those that share it, and a name may have changed.
       if (cell.empty() || (isNamed && found.size() < 2)) continue;
       isNamed = true;
@@ -235,6 +235,9 @@ class Checker {
 
 std::string ReadPlan(std::string_view text, std::vector<PlanLine>& lines) {
   std::vector<CsvRow> rows;
+  for (const std::string_view mark : {"\xff\xfe", "\xfe\xff"}) {
+    if (text.substr(0, mark.size()) == mark) return AtLine(1, "the file is UTF-16, and a plan is UTF-8");
+  }
   if (std::string error = ParseCsv(text, rows); !error.empty()) return error;
   if (rows.empty()) return AtLine(1, "the file is empty");
   std::vector<std::size_t> columns;

@@ -68,8 +68,9 @@ TEST(Plan, HoldsNoFormula) {
   Record& record = devices[0].record;
   record.name = record.serial = record.address = record.gateway = "=1";
   EXPECT_EQ((std::vector<std::string>{record.mac, "'=1", "'=1", "'=1", "24", "'=1", "", "off"}), PlanRow(devices[0]));
-  for (const std::string cell : {"'=1", "=1"})  // also as somebody writes it by hand
-    EXPECT_EQ("2:on ", Check("name,dhcp\n" + cell + ",on\n", devices)) << cell;
+  record.serial = "\u00fc";
+  for (const std::string cell : {"'=1,", "=1,", ",\u00fc", ",\xfc"})  // also by hand, and in Latin-1
+    EXPECT_EQ("2:on ", Check("name,serial,dhcp\n" + cell + ",on\n", devices)) << cell;
 }
 
 TEST(Plan, TellsDevicesWithOneMacApart) {
@@ -114,8 +115,13 @@ TEST(Plan, SaysWhatIsToBeDoneInWhichOrderOrWhatIsWrong) {
   std::vector<Device> devices = Bench();
   devices[0].record.gateway = "10.0.0.1";  // of no use, and kept all the same
   EXPECT_EQ("2:alone ", Check("mac,address,prefix,dns\nM1,@11,24,@53\n", devices));
+  for (const char* text :
+       {"\nname;mac;dhcp\n\"a;b\";M1;on", "\nname\tmac\tdhcp\n;\tM1\ton", "\nmac,name,dhcp\nM1,;,on"})
+    EXPECT_EQ("3:on ", Check(text));
   // Of two lines for one device, the one that was changed is wrong.
   EXPECT_EQ("2! ", Check(CsvLine(PlanHeading()) + "M1,,,@21,24\n" + CsvLine(PlanRow(Bench()[0]))));
+  std::vector<PlanLine> none;
+  EXPECT_EQ("line 1: the file is UTF-16, and a plan is UTF-8", ReadPlan("\xff\xfem", none));
   for (const char* heading : {"", "mac,foo\n", "mac,mac\n", "M1,,,@21,24,,,\n"}) EXPECT_EQ("1! ", Check(heading));
 }
 
