@@ -324,7 +324,7 @@ class Hostile(unittest.TestCase):
         self.assertEqual(watch.end()[0], 1, "without anything to print")
         port = f"p-{self.pc.name}"
         self.addCleanup(subprocess.run, ["ip", "link", "set", port, "up"], check=True)
-        for state, link in (("up", ""), ("down", " (no link: is the cable plugged in?)")):
+        for state, link in (("down", " (no link: is the cable plugged in?)"), ("up", "")):
             subprocess.run(["ip", "link", "set", port, state], check=True)
             self.assertTrue(eventually(lambda: (self.pc.interface()["operstate"] == "UP") == (not link)))
             self.assertEqual(Run(self.pc, "scan", "--json", "--time", "1").end(), (1, "", (
