@@ -192,10 +192,15 @@ class Device:
         settings = [word for fact in facts or () for word in ("--set", fact)]
         self.service = None if facts is None else Service(self.host, "--interface", INTERFACE, *settings)
         os.makedirs(PIPE.parent, exist_ok=True)
-        self.daemon = self.host.start(
+        self._start = lambda: self.host.start(
             "unshare", "--mount", "sh", "-c", f'mount -t tmpfs pipe {PIPE.parent} && exec "$0" -nodaemon', daemon,
             env={**os.environ, "PATH": f"{halt.parent}:{os.environ['PATH']}"}, stdout=subprocess.DEVNULL,
             stderr=subprocess.DEVNULL)
+        self.daemon = self._start()
+
+    def restart(self):
+        self.host.stop(self.daemon)
+        self.daemon = self._start()
 
     def trace(self, text):
         """What a program of the device does that has something to tell."""

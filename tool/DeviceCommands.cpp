@@ -25,6 +25,8 @@ class Tracing {
   /// False if it could not be sent.
   bool Switch(bool on) {
     const std::string request = Request(path, "SYSTRACE!", {on ? "1" : "0"});
+    // A filter means nothing to a device that was started anew meanwhile, until it is asked who it is.
+    if (isHeard && !path.filter.empty()) network.SendToPort(path.to, PortIPv6, IdentityRequest);
     // Only what comes to this port may switch it, over IPv4, too.
     if (!network.SendToPort(path.to, PortIPv6, request)) return false;
     ++repliesDue;

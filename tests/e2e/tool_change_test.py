@@ -362,6 +362,26 @@ class Change(unittest.TestCase):
         self.assertEqual({one[:3] for one in said}, {("device 1", 5564, "SYSTRACE!")})
         self.assertRegex("".join(one[3] for one in said), "^1{2,5}0+$")
 
+    def test_trace_of_a_device_that_starts_anew(self):
+        """Also over IPv4, where a filter is sent along."""
+        devices = [self.device(number, f"192.168.1.2{number}/24", f"Press {number}") for number in (1, 2)]
+        devices[1].host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
+        self.ready(1)
+        files, runs = [pathlib.Path(self.net.folder, f"trace-{number}") for number in (1, 2)], []
+        for number, file in enumerate(files, 1):
+            with file.open("wb") as output:
+                runs.append(Run(self.pc, "trace", f"Press {number}", *QUICK, stdout=output))
+        for told in (b"before\n", b"after\n"):
+            with devices[0].telling(lambda _, text=told: text, 0.3), devices[1].telling(lambda _, text=told: text, 0.3):
+                eventually(lambda text=told: all(text in file.read_bytes() for file in files), 20)
+            self.assertEqual([set(file.read_bytes().split()) for file in files], [{b"before", told.strip()}] * 2)
+            if told == b"before\n":
+                for device in devices:
+                    device.restart()
+        for run in runs:
+            run.interrupt()
+            self.assertEqual(run.end(), (130, None, ""))
+
     def test_trace_pieces(self):
         """Lines that come in pieces, with other ends, and with a record among them; the last one has none."""
         pieces = iter([[b"ACK\n", b"a\r\nb", record(MACS[1]), b"c\r", b"\nACK\n", b"ACK\n", b"d", b"e\xff"]])
