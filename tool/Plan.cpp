@@ -96,12 +96,15 @@ class Checker {
     entry.change.mac = FactsOf(device.record).mac;
   }
 
-  /// The device whose row the line is, but for the name server, which no row of what was heard holds.
+  /// The device whose row the line is, but for the name server, which no row of what was heard holds, and for what is
+  /// only for the reader, which a spreadsheet may have spoilt.
   const Device* FindEqual(const PlanLine& line) const {
     for (const Device& device : devices) {
       std::vector<std::string> row = PlanRow(device);
       row[Dns] = line.fields[Dns];
       if (row == line.fields) return &device;
+      for (const Column column : {Serial, Name}) row[column] = line.fields[column];
+      if (row == line.fields && !row[Mac].empty() && !SharesMac(device, devices)) return &device;
     }
     return nullptr;
   }

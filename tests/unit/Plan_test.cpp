@@ -51,13 +51,15 @@ TEST(Plan, OfWhatWasHeardLeavesAllAlone) {
   std::vector<Device> devices = Bench();
   devices[0].record.name = "a,\"b\"\x1b\r\n";
   devices[1].record.address = "0.0.0.0";  // refused anywhere else
+  devices[1].record.dhcp = "false";
   devices[2].record.mac = "";
   devices.push_back(devices[0]);  // two devices that say the same
   devices.back().id = 4;
   std::string text = "\xef\xbb\xbf" + CsvLine(PlanHeading());
   for (const Device& device : devices) {
     std::vector<std::string> row = PlanRow(device);
-    row[6] = "192.168.1.53";  // the name server, which no record shows
+    row[6] = "192.168.1.53";                         // the name server, which no record shows
+    if (device.id == 2) row[1] = row[2] = "spoilt";  // by a spreadsheet, and of no use behind this MAC address
     text += CsvLine(row);
   }
   EXPECT_EQ("2:alone 3:alone 4:alone 5:alone ", Check(text, devices));
