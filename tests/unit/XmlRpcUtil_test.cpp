@@ -109,8 +109,8 @@ TEST(Log, NeverBlocksAndKeepsItsLineBreak) {
   int pipe[2] = {}, terminal[2] = {};
   ASSERT_EQ(0, pipe2(pipe, O_NONBLOCK));
   ASSERT_EQ(0, openpty(&terminal[0], &terminal[1], nullptr, nullptr, nullptr));
-  std::FILE* const console = stdout;  // where failures are told, so none till it is back
-  std::vector<char> buffer(10000);
+  std::FILE* const console = stdout;       // where failures are told, so none till it is back
+  static std::vector<char> buffer(10000);  // of streams that stay open
   std::vector<std::pair<std::string, std::string>> results;
   const auto open = [&](int descriptor) {
     stdout = fdopen(descriptor, "w");
@@ -141,7 +141,7 @@ TEST(Log, NeverBlocksAndKeepsItsLineBreak) {
   std::thread([&] { log("another thread has it", "another thread has it\n"); }).join();
   funlockfile(stdout);
   log("x", "kept x\n");
-  std::thread([&] { results.emplace_back("0", std::to_string(ftrylockfile(stdout))); }).join();
+  std::thread([&] { results.emplace_back("0", std::to_string(ftrylockfile(stdout))), funlockfile(stdout); }).join();
   open(terminal[1]);  // which poll() may call writable with too little room for what is pending
   for (int i = 0; i < 100; ++i) {
     std::printf("%s", most.substr(0, 3000).c_str());
