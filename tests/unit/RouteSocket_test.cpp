@@ -13,7 +13,7 @@ namespace {
 /// A message that comes from the kernel: a route by 10.9.9.9, the default one or (o) another, the end (e), an error
 /// (x).
 struct Message {
-  explicit Message(char what) : destination(inet_addr(what == 'o' ? "1.2.3.4" : "0.0.0.0")) {
+  explicit Message(char what) : destination(inet_addr(what == 'o' ? "10.128.0.0" : "0.0.0.0")) {
     header.nlmsg_type = what == 'e' ? NLMSG_DONE : what == 'x' ? NLMSG_ERROR : RTM_NEWROUTE;
   }
   nlmsghdr header = {sizeof(Message), 0, NLM_F_MULTI, 0, 0};

@@ -138,7 +138,7 @@ TEST(XmlRpcValue, IsPrintedInThreeForms) {
        " x, TypeDateTime, 05.02.1909 07:08:06\n|   90105T07:08:06|"
        "[S]\nk=05.02.1909 07:08:06 (DD.MM.YYYY HH:MM:SS)\n"},
       {std::vector<char>(), " x, TypeBase64, size = 0\n||no "},
-      {std::vector<char>{-128, 1}, " x, TypeBase64, size = 2, data = 0xffffff80, 0x01, \n|gAE=|no "},
+      {std::vector<char>{'\x80', 1}, " x, TypeBase64, size = 2, data = 0xffffff80, 0x01, \n|gAE=|no "},
       {array, " x, TypeArray, size = 2\n x[0], TypeInvalid\n x[1] = true, TypeBoolean\n|{,1}|[S]\nk|1|=1\n"},
       {structure,
        " x, TypeStruct, size = 5\n x[a.b] = \"x\", TypeString\n x[in], TypeStruct, size = 1\n"
