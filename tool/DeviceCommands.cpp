@@ -133,6 +133,7 @@ int Halted(Session& session, const Device& device, Reply reply) {
     Print(called + ": refused\n");
     return StatusNotDone;
   }
+  ShowStatus(called + ": asking again");
   if (StillAnswers(session, device)) {
     Print(called + (isAcknowledged ? ": acknowledged, but it still answers after 5 s\n"
                                    : ": not acknowledged, and it still answers\n"));

@@ -415,6 +415,7 @@ class Change(unittest.TestCase):
             status, lines = terminal.end()
             self.assertEqual((status, first.halted.exists()), (wanted, halted), lines)
             self.assertIn(b" so far", terminal.raw, "how many were heard while it asked")
+            self.assertEqual(b"asking again" in terminal.raw, halted)
         rows = {2: ("halted", 0), 4: ("halted, as it seems: it did not acknowledge, but does not answer any more", 0),
                 5: ("refused", 1), 6: ("not acknowledged, and it still answers", 1),
                 7: ("acknowledged, but it still answers after 5 s", 1)}
