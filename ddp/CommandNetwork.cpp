@@ -67,7 +67,7 @@ bool LeaseOnInterface() {
   constexpr int ATTEMPTS = 1;
   const NotifyLongStep step;
   unsigned leaseSeconds = 0;
-  // Broadcasts leave by it too, and whoever just changed the address has taken it away.
+  // The client's broadcasts leave by the multicast route, and whoever just changed the address has taken it away.
   EthernetCfg_AddMulticastRoute(sInterfaceName.c_str());
   const bool done = ul_ConfigureNetworkWithDHCP(sInterfaceName.c_str(), ATTEMPTS, &leaseSeconds);
   Upkeep_ExpectNetworkChange();

@@ -20,7 +20,8 @@ bool IsOpen(const std::string& serial, const std::string& other) {
 /// Empty while the service is away: then the record does not tell it.
 std::string SerialOf(const Record& record) { return IsServiceAway(record) ? std::string() : record.serial; }
 
-/// Digit groups count by their value, so that "Bench 2" stands before "Bench 10". No two texts stand side by side.
+/// Digit groups count by their value, so that "Bench 2" stands before "Bench 10". Of two different texts one is always
+/// before the other, as "Bench 02" is before "Bench 2".
 bool IsBefore(std::string_view one, std::string_view other) {
   const auto isDigit = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; };
   std::size_t i = 0, j = 0;
