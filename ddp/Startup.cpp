@@ -37,7 +37,7 @@ void SurviveFailedWrites() {
 void ReturnLargeBlocks() {
 #ifdef __GLIBC__
   constexpr int THRESHOLD = 65536;
-  mallopt(M_MMAP_THRESHOLD, THRESHOLD);
+  mallopt(M_MMAP_THRESHOLD, THRESHOLD);  // NOLINT(concurrency-mt-unsafe): there is one thread yet
 #endif
 }
 
