@@ -69,22 +69,20 @@ bool IsAsBefore(const Seen& after, const Seen& before) {
          });
 }
 
-std::string Text(const std::optional<std::string>& text, const char* none) { return text ? Shown(*text) : none; }
-
 /// In what a device differs from what was wanted of it.
 std::string Differences(const Seen& after, const Settings& wanted) {
   std::vector<std::string> found;
   const Settings& now = after.settings;
   for (const std::string& from : after.answering) {
     if (from == now.address) continue;
-    found.push_back("it answers from " + Shown(from) + " while its record shows " + Text(now.address, "no address"));
+    found.push_back("it answers from " + Shown(from) + " while its record shows " + ShownOr(now.address, "no address"));
     if (from == wanted.address) found.back() += " (its service refused, so the interface alone was set)";
   }
-  if (found.empty() && now.address != wanted.address) found.push_back("its address is " + Text(now.address, "none"));
+  if (found.empty() && now.address != wanted.address) found.push_back("its address is " + ShownOr(now.address, "none"));
   if (now.prefix != wanted.prefix) {
     found.push_back(now.prefix ? "its prefix length is " + std::to_string(*now.prefix) : "its mask has holes");
   }
-  if (now.gateway != wanted.gateway) found.push_back("its gateway is " + Text(now.gateway, "none"));
+  if (now.gateway != wanted.gateway) found.push_back("its gateway is " + ShownOr(now.gateway, "none"));
   if (now.dhcp.value_or(false)) found.emplace_back("DHCP is still on");
   std::string text;
   for (const std::string& one : found) text += (text.empty() ? "" : ", ") + one;
@@ -334,7 +332,7 @@ Outcome JudgeDhcp(bool on, const Seen& before, const std::optional<Seen>& after,
 }
 
 std::string InWords(const Settings& settings) {
-  std::string words = Text(settings.address, "no address");
+  std::string words = ShownOr(settings.address, "no address");
   if (settings.prefix) words += '/' + std::to_string(*settings.prefix);
   words += settings.gateway ? ", gateway " + Shown(*settings.gateway) : ", no gateway";
   return settings.dhcp.value_or(false) ? words + ", by DHCP" : words;

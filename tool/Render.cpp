@@ -12,10 +12,6 @@ namespace {
 
 constexpr const char* NotKnown = "-";
 
-std::string ShownOr(const std::optional<std::string>& text, const char* otherwise) {
-  return text ? Shown(*text) : otherwise;
-}
-
 /// "eth0:ipv6,broadcast eth1:ipv6"
 std::string Via(const Device& device) {
   std::vector<std::pair<std::string, std::string>> byInterface;

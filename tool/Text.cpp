@@ -83,6 +83,10 @@ std::string Shown(std::string_view foreign) {
   return shown;
 }
 
+std::string ShownOr(const std::optional<std::string>& foreign, const char* otherwise) {
+  return foreign ? Shown(*foreign) : otherwise;
+}
+
 std::string Cell(std::string_view shown) {
   constexpr std::string_view starts[] = {"=", "+", "-", "@", "＝", "＋", "－", "＠"};  // the last four are full-width
   std::string cell;

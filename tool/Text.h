@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,6 +16,8 @@ std::string Utf8(std::string_view foreign);
 /// characters, line and paragraph separators and direction marks as \xNN for each of their bytes. So no text can move
 /// the cursor, colour the line or turn its direction, and what is shown is one line.
 std::string Shown(std::string_view foreign);
+/// The same of a text that may be missing: then `otherwise`.
+std::string ShownOr(const std::optional<std::string>& foreign, const char* otherwise);
 
 /// `shown` as a cell of a table that no spreadsheet takes for a formula: with a ' before what begins like one, at the
 /// start and behind a ";", at which some spreadsheets part cells too. A cell stays as it is.
