@@ -65,6 +65,8 @@ std::string IPv4Text(IPv4 address) {
   return text;
 }
 
+std::string IPv4Text(IPv4 address, int prefix) { return IPv4Text(address) + '/' + std::to_string(prefix); }
+
 std::optional<int> ParsePrefix(std::string_view text) {
   const auto number = ParseSmallNumber(text, 32);
   return number ? std::optional(static_cast<int>(*number)) : std::nullopt;

@@ -16,6 +16,8 @@ using IPv4 = std::uint32_t;
 /// no sign, no blank, no shorter form.
 std::optional<IPv4> ParseIPv4(std::string_view text);
 std::string IPv4Text(IPv4 address);
+/// "10.0.0.1/8".
+std::string IPv4Text(IPv4 address, int prefix);
 
 /// A decimal number from 0 to 32 without leading zeros.
 std::optional<int> ParsePrefix(std::string_view text);

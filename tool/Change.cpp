@@ -132,7 +132,7 @@ std::string ReadStaticAddress(std::string_view address, std::string_view prefix,
   read.prefix = *length;
   const IPv4 mask = MaskOfPrefix(read.prefix);
   if (const std::string problem = HostProblem(read.address, read.address, mask); !problem.empty()) {
-    return IPv4Text(read.address) + '/' + std::to_string(read.prefix) + ' ' + problem;
+    return IPv4Text(read.address, read.prefix) + ' ' + problem;
   }
   if (std::find(ownAddresses.begin(), ownAddresses.end(), read.address) != ownAddresses.end()) {
     return IPv4Text(read.address) + " is an address of this PC";
@@ -147,8 +147,7 @@ std::string ReadStaticAddress(std::string_view address, std::string_view prefix,
 std::string UnwiseGateway(const StaticAddress& wanted) {
   const IPv4 mask = MaskOfPrefix(wanted.prefix);
   if (wanted.gateway.value_or(0) == 0 || InSameNetwork(*wanted.gateway, wanted.address, mask)) return {};
-  return "gateway " + IPv4Text(*wanted.gateway) + " is outside " + IPv4Text(wanted.address & mask) + '/' +
-         std::to_string(wanted.prefix);
+  return "gateway " + IPv4Text(*wanted.gateway) + " is outside " + IPv4Text(wanted.address & mask, wanted.prefix);
 }
 
 std::vector<Holder> HoldersOf(IPv4 address, const Device& own, const std::vector<Device>& devices,
@@ -189,8 +188,7 @@ Target TargetOf(const StaticAddress& wanted, const Settings& before) {
       target.notes.push_back("the gateway " + *target.settings.gateway + " is kept");
     } else {
       target.notes.push_back("the gateway " + Shown(*before.gateway) + " is of no use in " +
-                             IPv4Text(wanted.address & mask) + '/' + std::to_string(wanted.prefix) +
-                             ", so the device gets none");
+                             IPv4Text(wanted.address & mask, wanted.prefix) + ", so the device gets none");
     }
   } else {
     target.notes.emplace_back("the device has no gateway and gets none");
@@ -353,7 +351,7 @@ std::string RestoringCommand(const std::string& argument, const Settings& before
   const std::string prefix = before.prefix ? std::to_string(*before.prefix) : "";
   const std::string address = before.address.value_or(""), gateway = before.gateway.value_or("");
   if (!ReadStaticAddress(address, prefix, gateway, "", ownAddresses, old).empty()) return {};
-  std::string command = "tarnddp set-ip " + argument + ' ' + IPv4Text(old.address) + '/' + prefix;
+  std::string command = "tarnddp set-ip " + argument + ' ' + IPv4Text(old.address, old.prefix);
   if (old.gateway) {
     command += " --gateway " + IPv4Text(*old.gateway);
   } else if (after.dhcp.value_or(false) || TargetOf(old, after).settings.gateway) {

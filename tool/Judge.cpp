@@ -82,8 +82,7 @@ std::string RouteCommand(IPv4 address, const std::string& mask, const std::strin
   const std::optional<IPv4> number = ParseIPv4(mask);
   const int prefix = number ? PrefixOfMask(*number).value_or(32) : 32;
   const int usable = prefix < 8 ? 32 : prefix;
-  return "ip route add " + IPv4Text(address & MaskOfPrefix(usable)) + "/" + std::to_string(usable) + " dev " +
-         interface;
+  return "ip route add " + IPv4Text(address & MaskOfPrefix(usable), usable) + " dev " + interface;
 }
 
 /// Why no IPv4 answer of the device gets through on the interface where its IPv6 one does; empty if nothing speaks
@@ -184,7 +183,7 @@ std::string InterfaceText(const Interface& interface) {
   std::string text = interface.name;
   if (!interface.subnets.empty()) {
     const Subnet& subnet = interface.subnets.front();
-    text += " (" + IPv4Text(subnet.address) + "/" + std::to_string(subnet.prefix) + ")";
+    text += " (" + IPv4Text(subnet.address, subnet.prefix) + ")";
   }
   return interface.hasLink ? text : text + " (no link: is the cable plugged in?)";
 }
