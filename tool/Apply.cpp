@@ -16,6 +16,7 @@
 #include "tool/Report.h"
 #include "tool/Session.h"
 #include "tool/System.h"
+#include "tool/Text.h"
 
 namespace tarnddp {
 namespace {
@@ -50,9 +51,9 @@ std::string Planned(const PlannedChange& change) {
 
 /// "line 2" or "lines 2, 4"
 std::string LinesText(const std::vector<int>& lines) {
-  std::string text = lines.size() == 1 ? "line " : "lines ";
-  for (const int& line : lines) text += (&line == &lines.front() ? "" : ", ") + std::to_string(line);
-  return text;
+  std::string numbers;
+  for (const int line : lines) AppendItem(numbers, std::to_string(line));
+  return (lines.size() == 1 ? "line " : "lines ") + numbers;
 }
 
 /// What is known of a line that no change is sent for, or not yet.

@@ -85,7 +85,7 @@ std::string Differences(const Seen& after, const Settings& wanted) {
   if (now.gateway != wanted.gateway) found.push_back("its gateway is " + ShownOr(now.gateway, "none"));
   if (now.dhcp.value_or(false)) found.emplace_back("DHCP is still on");
   std::string text;
-  for (const std::string& one : found) text += (text.empty() ? "" : ", ") + one;
+  for (const std::string& one : found) AppendItem(text, one);
   return text;
 }
 

@@ -138,7 +138,7 @@ using Shared = std::map<std::string, Sharing>;
 
 std::string InterfacesText(const Device& device) {
   std::string text;
-  for (const std::string& interface : InterfacesOf(device)) text += (text.empty() ? "" : ", ") + interface;
+  for (const std::string& interface : InterfacesOf(device)) AppendItem(text, interface);
   return text;
 }
 
@@ -153,7 +153,8 @@ std::string OthersText(const std::vector<Finding>& findings, const Sharing& shar
     for (auto other = positions.begin(); other != positions.end() && named < most; ++other) {
       if (*other == one) continue;
       const Device& device = findings[*other].device;
-      text += (named++ == 0 ? "" : ", ") + Calling(device) + " at " + device.sources.front().address;
+      AppendItem(text, Calling(device) + " at " + device.sources.front().address);
+      ++named;
     }
     if (named == most) break;
   }
@@ -209,7 +210,7 @@ std::vector<Finding> Judge(const std::vector<Device>& devices, const Host& host)
 
 std::vector<std::string> ExplainSilence(const Host& host) {
   std::string where;
-  for (const Interface& interface : host.interfaces) where += (where.empty() ? "" : ", ") + InterfaceText(interface);
+  for (const Interface& interface : host.interfaces) AppendItem(where, InterfaceText(interface));
   return {
       "no device answered on " + where,
       "if one is there, a firewall of this PC may keep its answers out: they are UDP from the ports 5562 and 5564, and "

@@ -7,6 +7,8 @@
 #include <thread>
 #include <utility>
 
+#include "tool/Text.h"
+
 namespace tarnddp {
 namespace {
 
@@ -121,7 +123,7 @@ void Network::Sockets::Open(const Interface& interface) {
   links.pop_back();
   std::string reason;
   for (auto at = missing.begin() + static_cast<std::ptrdiff_t>(before); at != missing.end(); ++at) {
-    reason += (reason.empty() ? "" : ", and ") + at->reason;
+    AppendItem(reason, at->reason, ", and ");
   }
   missing.resize(before);
   failures.push_back({interface.name, interface.hasLink ? reason : "it has no link (is the cable plugged in?)"});

@@ -19,15 +19,11 @@ std::string Via(const Device& device) {
     auto at = std::find_if(byInterface.begin(), byInterface.end(),
                            [&source](const auto& entry) { return entry.first == source.interface; });
     if (at == byInterface.end()) at = byInterface.insert(at, {source.interface, ""});
-    const std::string way = std::string(at->second.empty() ? ":" : ",") + WayName(source.way);
-    if (at->second.find(way) == std::string::npos) at->second += way;
+    const char* const way = WayName(source.way);
+    if (at->second.find(way) == std::string::npos) AppendItem(at->second, way, ",");
   }
   std::string via;
-  for (const auto& [interface, ways] : byInterface) {
-    if (!via.empty()) via += ' ';
-    via += Shown(interface);
-    via += ways;
-  }
+  for (const auto& [interface, ways] : byInterface) AppendItem(via, Shown(interface) + ':' + ways, " ");
   return via;
 }
 
@@ -186,7 +182,7 @@ std::vector<std::string> PlanRow(const Device& device) {
 std::string DescribeChange(const Finding& before, const Finding& after) {
   const std::vector<std::string> old = Cells(before.device), now = Cells(after.device);
   std::string changes;
-  const auto tell = [&changes](const std::string& text) { changes += (changes.empty() ? "" : ", ") + text; };
+  const auto tell = [&changes](const std::string& text) { AppendItem(changes, text); };
   for (std::size_t column = 0; column < HeardBy; ++column) {
     if (old[column] != now[column]) tell(columnsOfTable[column].heading + (" " + old[column]) + " -> " + now[column]);
   }

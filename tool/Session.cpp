@@ -14,7 +14,7 @@ namespace {
 std::string WhereHeard(const Device& device) {
   std::string where;
   for (const Source& source : device.sources) {
-    if (where.find(source.address) == std::string::npos) where += (where.empty() ? "" : ", ") + source.address;
+    if (where.find(source.address) == std::string::npos) AppendItem(where, source.address);
   }
   return where;
 }

@@ -106,6 +106,11 @@ std::string Lower(std::string_view text) {
   return lower;
 }
 
+void AppendItem(std::string& list, std::string_view item, std::string_view separator) {
+  if (!list.empty()) list += separator;
+  list += item;
+}
+
 int Width(std::string_view shown) {
   int columns = 0;
   for (auto at = shown.begin(); at < shown.end();) columns += ColumnsOf(utf8::unchecked::next(at));

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-// Text from the network on its way to a person. Pure.
+// Text on its way to a person, that from the network above all. Pure.
 
 namespace tarnddp {
 
@@ -25,6 +25,9 @@ std::string Cell(std::string_view shown);
 
 /// `text` with the letters A to Z small, every other byte as it is.
 std::string Lower(std::string_view text);
+
+/// Adds `item` to the items in `list`, behind `separator` unless it is the first.
+void AppendItem(std::string& list, std::string_view item, std::string_view separator = ", ");
 
 /// How many columns of a terminal `shown` takes.
 int Width(std::string_view shown);
