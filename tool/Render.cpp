@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <utility>
 
+#include "tool/JsonText.h"
 #include "tool/Text.h"
 
 namespace tarnddp {
@@ -99,15 +99,6 @@ std::string Line(const std::vector<std::string>& row, const std::vector<int>& wi
   return line;
 }
 
-nlohmann::ordered_json Value(const std::optional<std::string>& text) {
-  return text ? nlohmann::ordered_json(Utf8(*text)) : nlohmann::ordered_json(nullptr);
-}
-
-template <typename T>
-nlohmann::ordered_json Value(const std::optional<T>& value) {
-  return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
-}
-
 }  // namespace
 
 std::string AddressText(const Settings& settings) {
@@ -135,16 +126,16 @@ std::vector<std::string> Table(const std::vector<Finding>& findings, int columns
 
 std::string Json(const Finding& finding, std::string_view event, std::string_view time) {
   const Facts facts = FactsOf(finding.device.record);
-  nlohmann::ordered_json object = {{"mac", Value(facts.mac)},
-                                   {"serial", Value(facts.serial)},
-                                   {"name", Value(facts.name)},
-                                   {"type", Value(facts.type)},
-                                   {"model", Value(facts.model)},
-                                   {"firmware", Value(facts.firmware)},
-                                   {"address", Value(facts.settings.address)},
-                                   {"prefix", Value(facts.settings.prefix)},
-                                   {"gateway", Value(facts.settings.gateway)},
-                                   {"dhcp", Value(facts.settings.dhcp)},
+  nlohmann::ordered_json object = {{"mac", JsonValue(facts.mac)},
+                                   {"serial", JsonValue(facts.serial)},
+                                   {"name", JsonValue(facts.name)},
+                                   {"type", JsonValue(facts.type)},
+                                   {"model", JsonValue(facts.model)},
+                                   {"firmware", JsonValue(facts.firmware)},
+                                   {"address", JsonValue(facts.settings.address)},
+                                   {"prefix", JsonValue(facts.settings.prefix)},
+                                   {"gateway", JsonValue(facts.settings.gateway)},
+                                   {"dhcp", JsonValue(facts.settings.dhcp)},
                                    {"service", facts.service},
                                    {"answers", nlohmann::ordered_json::array()},
                                    {"problems", nlohmann::ordered_json::array()}};
@@ -157,7 +148,7 @@ std::string Json(const Finding& finding, std::string_view event, std::string_vie
     object["event"] = event;
     object["time"] = time;
   }
-  return object.dump(-1, ' ', true);
+  return JsonText(object);
 }
 
 std::vector<std::string> PlanHeading() {

@@ -1,30 +1,20 @@
 #include "tool/Report.h"
 
-#include <nlohmann/json.hpp>
 #include <utility>
 
+#include "tool/JsonText.h"
 #include "tool/Output.h"
 #include "tool/Render.h"
-#include "tool/Text.h"
 
 namespace tarnddp {
 namespace {
 
-template <typename T>
-nlohmann::ordered_json Json(const std::optional<T>& value) {
-  return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
-}
-
-std::optional<std::string> AsUtf8(const std::optional<std::string>& text) {
-  return text ? std::optional(Utf8(*text)) : std::nullopt;
-}
-
 nlohmann::ordered_json SettingsJson(const std::optional<Settings>& settings) {
   if (!settings) return nullptr;
-  return {{"address", Json(AsUtf8(settings->address))},
-          {"prefix", Json(settings->prefix)},
-          {"gateway", Json(AsUtf8(settings->gateway))},
-          {"dhcp", Json(settings->dhcp)}};
+  return {{"address", JsonValue(settings->address)},
+          {"prefix", JsonValue(settings->prefix)},
+          {"gateway", JsonValue(settings->gateway)},
+          {"dhcp", JsonValue(settings->dhcp)}};
 }
 
 }  // namespace
@@ -42,11 +32,11 @@ void PrintReport(const Report& report, bool json) {
     if (!report.restoring.empty()) Print(restoring + '\n');
     return;
   }
-  const nlohmann::ordered_json object = {{"mac", Json(report.mac)},
+  const nlohmann::ordered_json object = {{"mac", JsonValue(report.mac)},
                                          {"result", ResultName(report.outcome.result)},
                                          {"before", SettingsJson(report.before)},
                                          {"after", SettingsJson(report.after)}};
-  Print(object.dump(-1, ' ', true) + '\n');
+  Print(JsonText(object) + '\n');
   Say(line);
   if (!report.restoring.empty()) Say(restoring);
 }
