@@ -22,22 +22,20 @@ class Progress {
     const Time now = Clock::now();
     if (now < next) return;
     next = now + std::chrono::milliseconds(200);
-    if (isTable && heard.Count() > 0) screen.Show(Table(WithoutProblems(heard.All()), Columns()));
+    if (isTable) screen.Show(TableForTerminal(WithoutProblems(heard.All())));
     const auto left = std::chrono::duration_cast<std::chrono::seconds>(end - now).count() + 1;
     ShowStatus(DevicesText(heard.Count()) + " so far, listening for another " + std::to_string(left) + " s");
   }
   void Finish(const std::vector<Finding>& findings) {
     ShowStatus({});
     if (isTable) {
-      screen.Finish(findings.empty() ? std::vector<std::string>() : Table(findings, Columns()));
+      screen.Finish(TableForTerminal(findings));
     } else if (!findings.empty()) {
       for (const std::string& line : Table(findings, 0)) Print(line + "\n");
     }
   }
 
  private:
-  /// The terminal may have been hung up since.
-  static int Columns() { return OutputTerminal().value_or(TerminalSize{80, 24}).columns; }
   static std::vector<Finding> WithoutProblems(const std::vector<Device>& devices) {
     std::vector<Finding> findings;
     findings.reserve(devices.size());
@@ -109,6 +107,11 @@ int ScanOnce(const ScanOptions& options) {
 Host HostOf(const Network& network) { return {network.Used(), ReversePathOf, RouteInterface}; }
 
 std::string DevicesText(int count) { return std::to_string(count) + (count == 1 ? " device" : " devices"); }
+
+std::vector<std::string> TableForTerminal(const std::vector<Finding>& findings) {
+  if (findings.empty()) return {};
+  return Table(findings, OutputTerminal().value_or(TerminalSize()).columns);
+}
 
 void TellInterfaces(const Network& network) {
   for (const Unusable& failure : network.Failures()) {

@@ -17,6 +17,9 @@ Host HostOf(const Network& network);
 /// "1 device", "3 devices".
 std::string DevicesText(int count);
 
+/// The table as wide as the terminal that standard output is, or was until it was hung up; no line without a device.
+std::vector<std::string> TableForTerminal(const std::vector<Finding>& findings);
+
 /// Says which interfaces cannot be used and why.
 void TellInterfaces(const Network& network);
 

@@ -8,7 +8,7 @@
 namespace tarnddp {
 
 void Screen::Show(const std::vector<std::string>& lines) {
-  const int rows = OutputTerminal().value_or(TerminalSize{80, 24}).rows;
+  const int rows = OutputTerminal().value_or(TerminalSize()).rows;
   const auto room = static_cast<std::size_t>(std::max(rows - 1, 2));  // the last is the status line's
   if (lines.size() <= room) return Replace(lines);
   std::vector<std::string> some(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(room - 1));

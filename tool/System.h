@@ -79,12 +79,13 @@ void PrepareProcess();
 /// What of a receive buffer, as the socket option tells its size, is for what was asked for: Linux tells twice as much.
 int GrantedBuffer(int told);
 
-/// Columns and rows of the terminal that standard output is, and standard error; nothing if it is none, or one that
-/// cannot move its cursor.
+/// In characters. By default that of a terminal which does not tell its size.
 struct TerminalSize {
-  int columns = 0;
-  int rows = 0;
+  int columns = 80;
+  int rows = 24;
 };
+/// The size of the terminal that standard output is, and standard error; nothing if it is none, or one that cannot move
+/// its cursor.
 std::optional<TerminalSize> OutputTerminal();
 std::optional<TerminalSize> ErrorTerminal();
 bool IsInputTerminal();

@@ -127,7 +127,7 @@ std::optional<TerminalSize> TerminalOf(int descriptor) {
   const char* kind = std::getenv("TERM");
   if (isatty(descriptor) == 0 || (kind != nullptr && std::strcmp(kind, "dumb") == 0)) return std::nullopt;
   winsize size = {};
-  if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return TerminalSize{80, 24};
+  if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return TerminalSize();
   return TerminalSize{size.ws_col, size.ws_row};
 }
 

@@ -127,7 +127,7 @@ class Console {
     std::optional<TerminalSize> Size() const {
       if (!movesCursor) return std::nullopt;
       CONSOLE_SCREEN_BUFFER_INFO info = {};
-      if (GetConsoleScreenBufferInfo(handle, &info) == 0) return TerminalSize{80, 24};
+      if (GetConsoleScreenBufferInfo(handle, &info) == 0) return TerminalSize();
       return TerminalSize{info.srWindow.Right - info.srWindow.Left + 1, info.srWindow.Bottom - info.srWindow.Top + 1};
     }
   };

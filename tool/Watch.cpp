@@ -69,7 +69,7 @@ class Watcher {
     const std::vector<Event> news = events.Take(findings, now);
     if (isTable) {
       TellNewProblems(news);
-      ShowTable(findings);
+      screen.Show(TableForTerminal(findings));
     } else {
       for (const Event& event : news) PrintEvent(event);
     }
@@ -84,11 +84,6 @@ class Watcher {
     for (const std::string& problem : event.finding.problems)
       if (event.change.empty()) line += "; " + problem;
     Print(Shown(line) + "\n");
-  }
-
-  void ShowTable(const std::vector<Finding>& findings) {
-    const int columns = OutputTerminal().value_or(TerminalSize{80, 24}).columns;
-    screen.Show(findings.empty() ? std::vector<std::string>() : Table(findings, columns));
   }
 
   /// Above the table: what is said once would be lost in what is printed again and again.
