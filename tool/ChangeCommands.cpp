@@ -62,9 +62,8 @@ int SetIP(const SetIPOptions& options) {
   }
   if (!PassesUnwise(Unwise(UnwiseGateway(wanted)), options.force)) return StatusUsage;
   Session session(options);
-  if (session.Status() != StatusDone) return session.Status();
   const auto device = session.Find(options.device);
-  if (!device) return StatusNotDone;
+  if (!device) return session.Status();
   const Seen before = SeenOf(*device);
   if (before.settings.dhcp && IsInForce(wanted, before)) {  // unknown while the service is away: then it is sent
     const std::string words = InWords(before.settings) + " already; nothing was sent";
@@ -84,9 +83,8 @@ int SetIP(const SetIPOptions& options) {
 
 int Dhcp(const DhcpOptions& options) {
   Session session(options);
-  if (session.Status() != StatusDone) return session.Status();
   const auto device = session.Find(options.device);
-  if (!device) return StatusNotDone;
+  if (!device) return session.Status();
   const Settings before = FactsOf(device->record).settings;
   if (before.dhcp == options.on) {
     const std::string words = std::string("DHCP is ") + (options.on ? "on" : "off") + " already; nothing was sent";

@@ -148,9 +148,8 @@ int Halted(Session& session, const Device& device, Reply reply) {
 
 int Trace(const TraceOptions& options) {
   Session session(options);
-  if (session.Status() != StatusDone) return session.Status();
   const auto device = session.Find(options.device);
-  if (!device) return StatusNotDone;
+  if (!device) return session.Status();
   const auto path = WayTo(session, *device);
   if (!path) return StatusNotDone;
   const KeepOnInterrupt keep;
@@ -166,9 +165,8 @@ int Halt(const HaltOptions& options) {
     return StatusUsage;
   }
   Session session(options);
-  if (session.Status() != StatusDone) return session.Status();
   const auto device = session.Find(options.device);
-  if (!device) return StatusNotDone;
+  if (!device) return session.Status();
   const auto path = WayTo(session, *device);
   if (!path) return StatusNotDone;
   if (!options.yes && !Confirm("Halt " + Calling(*device) + "? Only its power switch starts it again.")) {
@@ -195,9 +193,8 @@ int Send(const SendOptions& options) {
     return StatusUsage;
   }
   Session session(options);
-  if (session.Status() != StatusDone) return session.Status();
   const auto device = session.Find(options.device);
-  if (!device) return StatusNotDone;
+  if (!device) return session.Status();
   const std::string called = Calling(*device);
   const auto path = LinkLocalPath(*device, session.All());
   if (!path) {

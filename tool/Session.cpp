@@ -19,6 +19,14 @@ std::string WhereHeard(const Device& device) {
   return where;
 }
 
+void TellSeveral(const std::string& wanted, const std::vector<Device>& found) {
+  Say("\"" + Shown(wanted) + "\" means " + DevicesText(static_cast<int>(found.size())) + "; nothing was sent:");
+  for (const Device& device : found) {
+    const std::optional<std::string> serial = FactsOf(device.record).serial;
+    Say("  " + Calling(device) + (serial ? ", serial number " + Shown(*serial) : "") + ", at " + WhereHeard(device));
+  }
+}
+
 }  // namespace
 
 Session::Session(const CommonOptions& options) : network(options.interfaces) {
@@ -43,25 +51,27 @@ Session::Session(const CommonOptions& options) : network(options.interfaces) {
   neighbours = Neighbours();
 }
 
-std::optional<Device> Session::Find(const std::string& wanted) const {
+std::optional<Device> Session::Find(const std::string& wanted) {
+  if (status != StatusDone) return std::nullopt;
   const std::vector<Device> found = FindDevice(devices, wanted);
   if (found.size() == 1) return found[0];
+  status = StatusNotDone;
   if (found.empty()) {
-    const std::string heard = DevicesText(static_cast<int>(devices.size()));
-    Say("\"" + Shown(wanted) + "\" is none of the " + heard + " heard (tarnddp scan shows them); nothing was sent");
-    if (devices.empty()) {
-      TellProblems(network, {}, false);
-    } else {
-      TellLimits(network, Judge(devices, HostOf(network)));
-    }
-    return std::nullopt;
-  }
-  Say("\"" + Shown(wanted) + "\" means " + DevicesText(static_cast<int>(found.size())) + "; nothing was sent:");
-  for (const Device& device : found) {
-    const std::optional<std::string> serial = FactsOf(device.record).serial;
-    Say("  " + Calling(device) + (serial ? ", serial number " + Shown(*serial) : "") + ", at " + WhereHeard(device));
+    TellNobody(wanted);
+  } else {
+    TellSeveral(wanted, found);
   }
   return std::nullopt;
+}
+
+void Session::TellNobody(const std::string& wanted) const {
+  const std::string heard = DevicesText(static_cast<int>(devices.size()));
+  Say("\"" + Shown(wanted) + "\" is none of the " + heard + " heard (tarnddp scan shows them); nothing was sent");
+  if (devices.empty()) {
+    TellProblems(network, {}, false);
+  } else {
+    TellLimits(network, Judge(devices, HostOf(network)));
+  }
 }
 
 void Session::Replace(const Device& device) {

@@ -20,12 +20,13 @@ class Session {
  public:
   explicit Session(const CommonOptions& options);
 
-  /// StatusDone, or what the program ends with.
+  /// StatusDone, or what the program ends with: nothing could be asked, or Find() found nobody.
   int Status() const { return status; }
   Network& Sockets() { return network; }
   const std::vector<Device>& All() const { return devices; }
-  /// The one device that `wanted` means; nothing, after saying so, if there is none or more than one.
-  std::optional<Device> Find(const std::string& wanted) const;
+  /// The one device that `wanted` means. Nothing unless the status is StatusDone, nor, after saying so, if there is
+  /// none or more than one.
+  std::optional<Device> Find(const std::string& wanted);
   /// Takes the place of what was known of the device with its id.
   void Replace(const Device& device);
   /// The interfaces by which a device was heard.
@@ -35,6 +36,8 @@ class Session {
   std::optional<std::string> StrangerAt(IPv4 address) const;
 
  private:
+  void TellNobody(const std::string& wanted) const;
+
   Network network;
   std::vector<Device> devices;
   std::map<IPv4, std::string> neighbours;
