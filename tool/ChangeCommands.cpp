@@ -6,6 +6,7 @@
 #include "tool/Output.h"
 #include "tool/Render.h"
 #include "tool/Report.h"
+#include "tool/Scan.h"
 #include "tool/Session.h"
 
 // set-ip and dhcp.
@@ -25,8 +26,7 @@ int Execute(Session& session, const Device& device, const Order& order, bool dry
   try {
     const auto report = Carry(session, device, order, "");
     if (report) return Finish(*report, json);
-    Say("nothing could be sent to " + Calling(device) + ": " + session.Sockets().SendError());
-    return StatusNothingSent;
+    return TellNothingSent(session.Sockets(), Calling(device));
   } catch (const Interrupted&) {
     Say("interrupted while " + Calling(device) + " was changed; tarnddp scan shows what came of it");
     return StatusInterrupted;

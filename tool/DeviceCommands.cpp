@@ -6,6 +6,7 @@
 #include "tool/Exchange.h"
 #include "tool/Output.h"
 #include "tool/Render.h"
+#include "tool/Scan.h"
 #include "tool/Session.h"
 #include "tool/System.h"
 #include "tool/Text.h"
@@ -83,10 +84,7 @@ class Tracing {
 int Trace(Network& network, Tracing& tracing, const std::string& called) {
   constexpr seconds silence{2}, acknowledgementTime{8};
   const Time start = Clock::now();
-  if (!tracing.Switch(true)) {
-    Say("nothing could be sent to " + called + ": " + network.SendError());
-    return StatusNothingSent;
-  }
+  if (!tracing.Switch(true)) return TellNothingSent(network, called);
   ShowStatus("tracing " + called + "; Ctrl-C ends it");
   for (;;) {
     const auto isFrom = [&](const Datagram& datagram) { return tracing.IsFrom(datagram); };
@@ -178,8 +176,7 @@ int Halt(const HaltOptions& options) {
     ShowStatus(Calling(*device) + ": waiting for the acknowledgement");
     const auto reply = Exchange(session, *device, *path, Request(*path, "DEVICEREBOOT!", {}), false);
     if (reply) return Halted(session, *device, *reply);
-    Say("nothing could be sent to " + Calling(*device) + ": " + session.Sockets().SendError());
-    return StatusNothingSent;
+    return TellNothingSent(session.Sockets(), Calling(*device));
   } catch (const Interrupted&) {
     Say("interrupted while " + Calling(*device) + " was told to halt");
     return StatusInterrupted;
@@ -205,10 +202,7 @@ int Send(const SendOptions& options) {
     Say(called + ": its service is away, so nobody would get the word; nothing was sent");
     return StatusNotDone;
   }
-  if (!session.Sockets().Send(path->to, request)) {
-    Say("nothing could be sent to " + called + ": " + session.Sockets().SendError());
-    return StatusNothingSent;
-  }
+  if (!session.Sockets().Send(path->to, request)) return TellNothingSent(session.Sockets(), called);
   Print(called + ": passed on to its service, which does not answer this way\n");
   return StatusDone;
 }

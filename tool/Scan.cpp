@@ -81,8 +81,7 @@ int ScanOnce(const ScanOptions& options) {
   Devices devices;
   Progress progress(options, devices);
   if (!Collect(network, {options.seconds, options.expect}, devices, [&progress] { progress.Update(); })) {
-    Say("nothing could be sent: " + network.SendError());
-    return StatusNothingSent;
+    return TellNothingSent(network);
   }
   const std::vector<Finding> findings = Judge(devices.All(), HostOf(network));
   if (options.csv) {
@@ -117,6 +116,11 @@ void TellInterfaces(const Network& network) {
   for (const Unusable& failure : network.Failures()) {
     Say((failure.interface.empty() ? "" : failure.interface + " cannot be used: ") + failure.reason);
   }
+}
+
+int TellNothingSent(const Network& network, const std::string& called) {
+  Say("nothing could be sent" + (called.empty() ? "" : " to " + called) + ": " + network.SendError());
+  return StatusNothingSent;
 }
 
 void TellProblems(const Network& network, const std::vector<Finding>& findings, bool isEnough) {

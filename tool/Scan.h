@@ -23,6 +23,9 @@ std::vector<std::string> TableForTerminal(const std::vector<Finding>& findings);
 /// Says which interfaces cannot be used and why.
 void TellInterfaces(const Network& network);
 
+/// Says that nothing could be sent, to the device so called if any, and why. The exit status for that.
+int TellNothingSent(const Network& network, const std::string& called = {});
+
 /// Says what is wrong with the devices heard, what may have kept others from being heard, and, if there are none, what
 /// helps. `isEnough`: as many as were expected answered, so that only the devices themselves are spoken of.
 void TellProblems(const Network& network, const std::vector<Finding>& findings, bool isEnough);

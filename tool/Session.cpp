@@ -43,8 +43,7 @@ Session::Session(const CommonOptions& options) : network(options.interfaces) {
     ShowStatus("asking who is there: " + DevicesText(shown) + " so far");
   };
   if (!Collect(network, {options.seconds, 0}, heard, showProgress)) {
-    Say("nothing could be sent: " + network.SendError());
-    status = StatusNothingSent;
+    status = TellNothingSent(network);
   }
   ShowStatus({});
   devices = heard.All();

@@ -22,10 +22,7 @@ class Watcher {
       if (ListInterfaces() != interfaces) Open();
       if (devices.ForgetBefore(round - asksWithoutAnswer)) isDirty = true;
       const bool sent = network->SendToAll(IdentityRequest);
-      if (round == 1 && !sent) {
-        Say("nothing could be sent: " + network->SendError());
-        return StatusNothingSent;
-      }
+      if (round == 1 && !sent) return TellNothingSent(*network);
       Listen(round);
       if (round == 1) TellFirst();
     }
