@@ -56,6 +56,7 @@ class Checker {
     for (const PlanLine& line : lines) entries.push_back(Resolve(line));
     for (Entry& entry : entries) {
       if (!entry.isAsHeard && entry.error.empty()) entry.error = Decide(entry);
+      if (entry.error.empty()) entry.error = NameServerProblem(entry);
     }
     for (Entry& entry : entries) {
       if (!entry.isAsHeard && entry.error.empty()) entry.error = FindClash(entry);
@@ -171,6 +172,13 @@ class Checker {
     if (dhcp.empty()) asFarAsSaid.settings.dhcp.reset();
     if (!IsInForce(shown, asFarAsSaid)) change.step = Step::SetAddress;
     return {};
+  }
+
+  /// Also of a line by which none is sent.
+  static std::string NameServerProblem(const Entry& entry) {
+    const std::string& dns = entry.cells[Dns];
+    if (dns.empty() || Lower(entry.cells[Dhcp]) == "on" || ParseIPv4(dns)) return {};
+    return "name server \"" + Shown(dns) + "\" is no IPv4 address (four numbers up to 255, no leading zeros)";
   }
 
   static bool SameDevice(const PlannedChange& one, const PlannedChange& other) {

@@ -63,6 +63,8 @@ TEST(Plan, OfWhatWasHeardLeavesAllAlone) {
     text += CsvLine(row);
   }
   EXPECT_EQ("2:alone 3:alone 4:alone 5:alone ", Check(text, devices));
+  const std::string wrong = std::regex_replace(text, std::regex("\\.53"), ".530");
+  EXPECT_EQ("2! 3! 4! 5! 6! ", Check(wrong + "M9,,,,,,x,\r\nM8,,,,,,x,on\r\n", devices));
 }
 
 TEST(Plan, HoldsNoFormula) {
