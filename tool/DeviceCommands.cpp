@@ -90,11 +90,9 @@ int Trace(Network& network, Tracing& tracing, const std::string& called) {
     const auto isFrom = [&](const Datagram& datagram) { return tracing.IsFrom(datagram); };
     const auto datagram = network.Await(Clock::now() + silence, isFrom);
     if (WasInterrupted()) return StatusInterrupted;
-    if (datagram) {
-      tracing.Take(*datagram);
-      if (!IsOutputGood()) return StatusNotDone;
-      continue;
-    }
+    if (datagram) tracing.Take(*datagram);
+    if (!IsOutputGood() || IsReaderGone()) return StatusNotDone;
+    if (datagram) continue;
     if (!tracing.IsHeard() && Clock::now() >= start + acknowledgementTime) {
       Say(called + " did not acknowledge in 8 s");
       return StatusNotDone;

@@ -387,11 +387,13 @@ class Change(unittest.TestCase):
         self.fake(1, lambda datagram: next(pieces, None))
         self.ready()
         self.fake(2, lambda datagram: None)
-        trace, silent = (Run(self.pc, "trace", f"Fake {number}", *QUICK) for number in (1, 2))
+        trace, silent, unread = (Run(self.pc, "trace", f"Fake {number}", *QUICK) for number in (1, 2, 2))
+        unread.process.stdout.close()
         heard = trace.process.stdout.read(len("a\nbc\\x0d\nACK\nACK\nde."))
         time.sleep(10.5)   # it was acknowledged, and need not be again
         trace.interrupt()
         self.assertEqual(silent.end(), (1, "", f"tarnddp: Fake 2 ({MACS[2]}) did not acknowledge in 8 s\n"))
+        self.assertEqual(unread.end()[::2], (1, ""))
         self.assertEqual((heard, trace.end()), ("a\nbc\\x0d\nACK\nACK\nde\u00ff", (130, "\n", "")))
 
     def test_halt_and_send(self):
