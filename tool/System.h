@@ -97,7 +97,7 @@ bool IsReaderGone();
 bool MeansReaderGone(int error);
 
 /// Ctrl-C, and a request to end, ends the process at once with status 130, unless a KeepOnInterrupt lives: then
-/// WasInterrupted() says that it came, and the owner ends in order. The second one ends the process even so.
+/// WasInterrupted() says that it came, and the owner ends in order. One that comes later ends the process even so.
 void HandleInterrupts();
 bool WasInterrupted();
 class KeepOnInterrupt {

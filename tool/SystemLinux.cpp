@@ -15,6 +15,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -131,12 +132,22 @@ std::optional<TerminalSize> TerminalOf(int descriptor) {
   return TerminalSize{size.ws_col, size.ws_row};
 }
 
+std::int64_t Milliseconds() {
+  std::timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
 volatile std::sig_atomic_t interrupts = 0;
 volatile std::sig_atomic_t keepers = 0;
+std::int64_t firstInterrupt = 0;  // OnInterrupt()'s alone, which no signal interrupts
 
+/// A terminal that is closed tells so twice: its shell passes on what the system sends as well.
 void OnInterrupt(int /*signal*/) {
-  interrupts = interrupts + 1;
-  if (keepers > 0 && interrupts == 1) return;
+  constexpr int together = 500;
+  if (interrupts == 0) firstInterrupt = Milliseconds();
+  interrupts = 1;
+  if (keepers > 0 && Milliseconds() < firstInterrupt + together) return;
   if (isatty(STDERR_FILENO) != 0 && write(STDERR_FILENO, "\n", 1) < 0) _exit(StatusInterrupted);
   _exit(StatusInterrupted);
 }
@@ -287,6 +298,7 @@ void HandleInterrupts() {
     if (action.sa_handler == SIG_IGN) continue;  // started in the background, or with nohup
     action = {};
     action.sa_handler = OnInterrupt;
+    sigfillset(&action.sa_mask);
     sigaction(number, &action, nullptr);
   }
 }
