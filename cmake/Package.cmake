@@ -24,8 +24,8 @@ set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS net-tools)  # the command `route`
 set(CPACK_DEBIAN_DAEMON_DESCRIPTION "device discovery daemon for measurement devices
 Answers UDP broadcast and multicast requests of tools that do not know the
 device's address with one line of facts about it, and takes network settings
-from them. The daemon obeys whoever reaches its ports: read security.md of
-the documentation before it meets a network that is not yours.")
+from them. The daemon obeys whoever reaches its ports: read SECURITY in
+tarnddpd(8) before it meets a network that is not yours.")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/postinst ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/prerm
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/postrm)
