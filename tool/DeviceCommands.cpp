@@ -37,7 +37,7 @@ class Tracing {
   /// What has come from the device, if it is no reply.
   void Take(const Datagram& datagram) {
     isHeard = true;
-    if (repliesDue > 0 && datagram.bytes == "ACK\n") {
+    if (repliesDue > 0 && datagram.bytes == Acknowledgement) {
       --repliesDue;
       return;
     }
@@ -82,7 +82,7 @@ class Tracing {
 };
 
 int Trace(Network& network, Tracing& tracing, const std::string& called) {
-  constexpr seconds silence{2}, acknowledgementTime{8};
+  constexpr seconds silence{2};
   const Time start = Clock::now();
   if (!tracing.Switch(true)) return TellNothingSent(network, called);
   ShowStatus("tracing " + called + "; Ctrl-C ends it");
@@ -93,8 +93,8 @@ int Trace(Network& network, Tracing& tracing, const std::string& called) {
     if (datagram) tracing.Take(*datagram);
     if (!IsOutputGood() || IsReaderGone()) return StatusNotDone;
     if (datagram) continue;
-    if (!tracing.IsHeard() && Clock::now() >= start + acknowledgementTime) {
-      Say(called + " did not acknowledge in 8 s");
+    if (!tracing.IsHeard() && Clock::now() >= start + AcknowledgementTime) {
+      Say(called + " did not acknowledge in " + std::to_string(AcknowledgementTime.count()) + " s");
       return StatusNotDone;
     }
     // Whoever asks the device for anything takes the lines over, so they are asked back.

@@ -11,13 +11,12 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr seconds acknowledgementTime{8};
 constexpr seconds resendTime{2};
 constexpr seconds roundTime{1};  // how long a device may take to answer once
 
 /// A reply to what went by `path`. Its IPv4 address may be a new one, but no other device's.
 bool IsReply(const Datagram& datagram, const Device& device, const std::vector<Device>& devices, const Path& path) {
-  if (datagram.bytes != "ACK\n" && datagram.bytes != "NACK\n") return false;
+  if (datagram.bytes != Acknowledgement && datagram.bytes != Refusal) return false;
   if (datagram.source.way != path.to.way) return false;
   const std::string& from = datagram.source.address;
   if (from == path.to.address || path.to.way == Way::IPv6) return from == path.to.address;
@@ -37,7 +36,7 @@ std::optional<Reply> AwaitReply(Network& network, Time deadline, const std::func
   const auto datagram = network.Await(deadline, matches);
   if (WasInterrupted()) throw Interrupted();
   if (!datagram) return std::nullopt;
-  return datagram->bytes == "ACK\n" ? Reply::Ack : Reply::Nack;
+  return datagram->bytes == Acknowledgement ? Reply::Ack : Reply::Nack;
 }
 
 /// Whether an answer is this device's. One that shares its MAC address is known by its serial number or where it is.
@@ -105,7 +104,7 @@ std::optional<Reply> Exchange(Session& session, const Device& device, const Path
     if (const auto reply = AwaitReply(network, start + resendTime, matches)) return reply;
     network.Send(path.to, request);  // a failure is silence, too: a device that has moved is out of reach
   }
-  return AwaitReply(network, start + acknowledgementTime, matches).value_or(Reply::None);
+  return AwaitReply(network, start + AcknowledgementTime, matches).value_or(Reply::None);
 }
 
 std::optional<Device> AskAgain(Session& session, const Device& device, bool alone, Time end) {

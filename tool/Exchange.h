@@ -37,8 +37,8 @@ std::string RestoringCommand(const Session& session, const Device& device, const
 /// What Carry() would do.
 Report ReportPlanned(const Session& session, const Device& device, const Order& order);
 
-/// Sends a request and waits for its reply, 8 s at most. Nothing, with Network::SendError(), if it could not be sent.
-/// Throws Interrupted.
+/// Sends a request and waits for its reply, AcknowledgementTime at most. Nothing, with Network::SendError(), if it
+/// could not be sent. Throws Interrupted.
 std::optional<Reply> Exchange(Session& session, const Device& device, const Path& path, const std::string& request,
                               bool resend);
 

@@ -93,6 +93,12 @@ class Network {
 /// The request for an identity record, with its line end.
 constexpr const char* IdentityRequest = "DEVICEIDENT?\r\n";
 
+/// What a device answers to any other request: it obeyed, or it did not.
+constexpr const char* Acknowledgement = "ACK\n";
+constexpr const char* Refusal = "NACK\n";
+/// How long that answer is awaited.
+constexpr std::chrono::seconds AcknowledgementTime{8};
+
 struct Collection {
   double seconds = 2;  ///< how long answers are collected
   int expect = 0;      ///< ends 0.3 s after so many devices; 0: the whole time
