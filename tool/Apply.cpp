@@ -44,11 +44,6 @@ Order OrderFor(const PlannedChange& change) {
   return change.step == Step::SetAddress ? StaticOrder(TargetOf(change)) : DhcpOrder(change.step == Step::DhcpOn);
 }
 
-std::string Planned(const PlannedChange& change) {
-  if (change.step == Step::SetAddress) return InWords(TargetOf(change).settings);
-  return change.step == Step::DhcpOn ? "DHCP on" : "DHCP off";
-}
-
 /// "line 2" or "lines 2, 4"
 std::string LinesText(const std::vector<int>& lines) {
   std::string numbers;
@@ -92,7 +87,7 @@ class Run {
       if (change.step == Step::LeftAlone) {
         ++alone;
       } else if (IsToBeDone(change)) {
-        Tell(line + InWords(SettingsOf(change)) + " -> " + Planned(change));
+        Tell(line + InWords(SettingsOf(change)) + " -> " + PlannedText(OrderFor(change)));
         for (const std::string& note : NotesOn(change)) notes[note].push_back(change.line);
       } else {
         Tell(line + ReportOn(session, change).outcome.words);

@@ -161,14 +161,16 @@ Order DhcpOrder(bool on) {
   return order;
 }
 
+std::string PlannedText(const Order& order) {
+  if (order.planned.address) return InWords(order.planned);
+  return order.planned.dhcp == true ? "DHCP on" : "DHCP off";
+}
+
 Report ReportPlanned(const Session& session, const Device& device, const Order& order) {
   std::string why;
   const std::optional<Path> path = PathTo(device, session.All(), why);
   if (!path) return ReportUnaddressed(device, why);
-  const std::string words = order.planned.address        ? InWords(order.planned)
-                            : order.planned.dhcp == true ? "DHCP on"
-                                                         : "DHCP off";
-  return ReportOn(device, {Result::Planned, words + " (nothing was sent)"}, order.planned);
+  return ReportOn(device, {Result::Planned, PlannedText(order) + " (nothing was sent)"}, order.planned);
 }
 
 std::optional<Report> Carry(Session& session, const Device& device, const Order& order, const std::string& progress) {

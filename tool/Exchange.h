@@ -25,6 +25,8 @@ struct Order {
 
 Order StaticOrder(const Target& target);
 Order DhcpOrder(bool on);
+/// What it leads to, in words: "192.168.1.20/24, no gateway" or "DHCP on".
+std::string PlannedText(const Order& order);
 
 /// Sends `order` to `device` alone and reports what came of it; nothing, with Network::SendError(), if it could not be
 /// sent. A device that cannot be addressed alone gets nothing and is unchanged. `progress` ("3 of 10: ") leads the
