@@ -361,14 +361,15 @@ std::string RestoringCommand(const std::string& argument, const Settings& before
 }
 
 std::string ForwardedRequest(const std::string& word, const std::vector<std::string>& arguments, std::string& request) {
+  constexpr std::size_t longest = 1023;
   static constexpr std::array<std::string_view, 9> ownWords = {
       "DEVICEIDENT?", "DEVICEIDENTEXT?",     "SETIPADDRESS!",      "SETDHCPMODE!",   "DEVICEREBOOT!",
       "SYSTRACE!",    "DEVICEDISABLEIDENT!", "DEVICEENABLEIDENT!", "EXECUTECOMMAND!"};
-  std::string upper = word;
-  for (char& c : upper) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   if (word.empty()) return "an empty word means nothing to a device";
-  if (std::find(ownWords.begin(), ownWords.end(), upper) != ownWords.end()) {
-    return upper + " is a word of the discovery protocol itself and never reaches the device's service";
+  const auto* const own =
+      std::find_if(ownWords.begin(), ownWords.end(), [&](std::string_view one) { return Lower(one) == Lower(word); });
+  if (own != ownWords.end()) {
+    return std::string(*own) + " is a word of the discovery protocol itself and never reaches the device's service";
   }
   if (!arguments.empty() && TarnDDPCommand_IsMacAddress(arguments[0])) {
     return "a first argument like \"" + Shown(arguments[0]) + "\" would be taken for the MAC address of a device";
@@ -381,8 +382,9 @@ std::string ForwardedRequest(const std::string& word, const std::vector<std::str
     }
   }
   std::string built = Request({}, word, arguments);
-  if (built.size() > 1023) {
-    return std::to_string(built.size()) + " bytes with their separators and line end: a device takes at most 1023";
+  if (built.size() > longest) {
+    return std::to_string(built.size()) + " bytes with their separators and line end: a device takes at most " +
+           std::to_string(longest);
   }
   request = std::move(built);
   return {};
