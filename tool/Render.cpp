@@ -12,6 +12,11 @@ namespace {
 
 constexpr const char* NotKnown = "-";
 
+std::string OnOffOr(const std::optional<bool>& isOn, const char* otherwise) {
+  if (!isOn) return otherwise;
+  return *isOn ? "on" : "off";
+}
+
 /// "eth0:ipv6,broadcast eth1:ipv6"
 std::string Via(const Device& device) {
   std::vector<std::pair<std::string, std::string>> byInterface;
@@ -39,10 +44,7 @@ const Column columnsOfTable[] = {
     {"SERIAL", [](const Device&, const Facts& f) { return ShownOr(f.serial, NotKnown); }},
     {"MAC", [](const Device&, const Facts& f) { return f.mac.value_or(NotKnown); }},
     {"ADDRESS", [](const Device&, const Facts& f) { return AddressText(f.settings); }},
-    {"DHCP",
-     [](const Device&, const Facts& f) {
-       return std::string(!f.settings.dhcp ? NotKnown : *f.settings.dhcp ? "on" : "off");
-     }},
+    {"DHCP", [](const Device&, const Facts& f) { return OnOffOr(f.settings.dhcp, NotKnown); }},
     {"SERVICE", [](const Device&, const Facts& f) { return std::string(f.service ? "yes" : "away"); }},
     {"TYPE", [](const Device&, const Facts& f) { return ShownOr(f.type, NotKnown); }},
     {"MODEL", [](const Device&, const Facts& f) { return ShownOr(f.model, NotKnown); }},
@@ -165,9 +167,7 @@ std::vector<std::string> PlanRow(const Device& device) {
           settings.prefix ? std::to_string(*settings.prefix) : "",
           Cell(ShownOr(settings.gateway, "")),
           "",
-          !settings.dhcp   ? ""
-          : *settings.dhcp ? "on"
-                           : "off"};
+          OnOffOr(settings.dhcp, "")};
 }
 
 std::string DescribeChange(const Finding& before, const Finding& after) {
