@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 #include "rpc/Item.h"
 
 /// The device service's system methods. See RPCConf.h for what the classes are and how one is called.

@@ -1,5 +1,4 @@
 #include <string>
-#include <utility>
 
 #include "tool/Commands.h"
 #include "tool/Exchange.h"

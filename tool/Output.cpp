@@ -2,8 +2,9 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <iostream>
+#include <optional>
+#include <string>
 
 #include "base/ErrorText.h"
 #include "tool/System.h"

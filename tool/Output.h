@@ -1,6 +1,5 @@
 #pragma once
 
-#include <string>
 #include <string_view>
 
 // What the program prints. Bytes from the network come through Shown() (tool/Text.h) before they are handed over.

@@ -9,7 +9,6 @@
 #include <winternl.h>
 #include <ws2tcpip.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>

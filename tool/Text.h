@@ -3,7 +3,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 // Text on its way to a person, that from the network above all. Pure.
 

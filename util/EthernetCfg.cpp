@@ -10,8 +10,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <new>
 #include <string>

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cstdio>
 
 #include "xmlrpc/ValueTypes.h"
 #include "xmlrpc/XmlNumbers.h"

@@ -1,6 +1,6 @@
 #include "xmlrpc/XmlSize.h"
 
-#include <string>
+#include <string_view>
 
 #include "xmlrpc/CBase64.h"
 #include "xmlrpc/ValueTypes.h"

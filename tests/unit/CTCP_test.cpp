@@ -6,7 +6,6 @@
 #include <sys/ioctl.h>
 
 #include <tuple>
-#include <vector>
 
 #include "tests/unit/LoopbackPeer.h"
 #include "tests/unit/SystemCalls.h"

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <pty.h>
 
-#include <csignal>
 #include <tuple>
 
 #include "tests/unit/SystemCalls.h"

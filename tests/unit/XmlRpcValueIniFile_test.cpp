@@ -1,7 +1,6 @@
 #include <SimpleIni.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <fstream>
 #include <sstream>
 

@@ -1,6 +1,5 @@
 #include "util/_Time.h"
 
-#include <cmath>
 #include <ctime>
 #include <limits>
 
