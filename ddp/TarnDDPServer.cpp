@@ -177,15 +177,15 @@ std::string TarnDDPServer::Receive() {
   return {};
 }
 
-bool TarnDDPServer::Send(const std::string& reply) {
+bool TarnDDPServer::Send(const std::string& reply, int flags) {
   const int through = _activeSocket;
   if (through < 0) return false;
   ssize_t sent = -1;
   if (through == _sockets[IPV4]) {
     const AddressList group = Resolve(address_IPV4, port_IPV4, nullptr);
-    if (group) sent = sendto(through, reply.data(), reply.size(), 0, group->ai_addr, group->ai_addrlen);
+    if (group) sent = sendto(through, reply.data(), reply.size(), flags, group->ai_addr, group->ai_addrlen);
   } else {
-    sent = sendto(through, reply.data(), reply.size(), 0, reinterpret_cast<const sockaddr*>(_senderAddress),
+    sent = sendto(through, reply.data(), reply.size(), flags, reinterpret_cast<const sockaddr*>(_senderAddress),
                   _senderAddressLength);
   }
   if (sent == static_cast<ssize_t>(reply.size())) return true;

@@ -35,8 +35,9 @@ class TarnDDPServer {
   std::string Receive();
 
   /// Sends `reply` to the last sender, or to the IPv4 group if the last request came through it. False if not all of it
-  /// went out, with the cause on standard output; silently before the first request.
-  bool Send(const std::string& reply);
+  /// went out, with the cause on standard output; silently before the first request. `flags` are those of send(2): up
+  /// to three seconds are waited for room behind what goes to hosts that cannot be found, with MSG_DONTWAIT none.
+  bool Send(const std::string& reply, int flags = 0);
 
   /// The numeric address of the last sender.
   std::string GetSender() const;

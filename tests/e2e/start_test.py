@@ -60,6 +60,16 @@ class Start(DeviceTest):
         self.service.start()
         self.assertTrue(eventually(lambda: ATTACHED in daemon.output(), 6.5))
 
+    def test_answers_to_senders_that_cannot_be_found(self):
+        """They fill the port's send buffer, and hold nothing else."""
+        for address in ("192.168.1.100", "192.168.1.101"):
+            with self.pc.inside(), socket.socket(type=socket.SOCK_DGRAM) as forged:
+                forged.setsockopt(socket.SOL_IP, 19, 1)   # IP_TRANSPARENT
+                forged.bind((address, 0))
+                for _ in range(300):
+                    forged.sendto(ENABLE, (DEVICE, 5564))
+        self.assertEqual(self.ask(ENABLE, "broadcast"), ACK)   # read last
+
     def test_options(self):
         interface = f"x;touch {self.net.folder}/injected"
         with self.device.inside(), socket.create_server((DEVICE, 1400)):
