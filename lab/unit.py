@@ -93,12 +93,12 @@ class Unit:
 
 
 def expand(line, environment):
-    """The words of a command: ${NAME} stays within its word, $NAME alone may become several or none."""
+    """The words of a command: ${NAME} stays within its word, $NAME alone may become several or none, $$ is a $."""
     for word in shlex.split(line):
         if re.fullmatch(r"\$\w+", word):
             yield from environment.get(word[1:], "").split()
         else:
-            yield re.sub(r"\$\{(\w+)\}", lambda match: environment.get(match[1], ""), word)
+            yield re.sub(r"\$(?:\$|\{(\w+)\})", lambda found: environment.get(found[1], "") if found[1] else "$", word)
 
 
 # --- system calls

@@ -110,6 +110,9 @@ class Unit(case.DeviceTest):
         os.symlink("/etc", "/tmp/tsl_app")
         os.chown("/tmp/tsl_app", 1, 1, follow_symlinks=False)
         self.start_daemon(dropin)
+        os.chown("/tmp/tsl_app", 1, 1)   # who could put a link there later
+        self.start_daemon(dropin)
+        self.assertEqual(os.stat("/tmp/tsl_app").st_uid, 0)
         self.try_all("1.7")
         self.assertRaises(BlockingIOError, self.halts.recv, 1000)
         self.assertNotEqual(self.result("[ $(id -u) = 0 ]"), 0)
