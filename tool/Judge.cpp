@@ -90,7 +90,8 @@ std::string RouteCommand(IPv4 address, const std::string& mask, const std::strin
 std::string ExplainDropped(const Device& device, const Host& host) {
   const std::optional<IPv4> address = ParseIPv4(device.record.address);
   const Source* heard = device.SourceBy(Way::IPv6);
-  if (!address || *address == 0 || IsOwn(*address, host) || heard == nullptr) return {};
+  if (!address || IsLoopback(*address) || IsGroup(*address) || IsReserved(*address)) return {};
+  if (IsOwn(*address, host) || heard == nullptr) return {};
   const Interface* interface = FindInterface(host, heard->interface);
   if (interface == nullptr || interface->subnets.empty() || device.AnswersFrom(IPv4Text(*address))) return {};
   if (!IsDropped(*address, interface->name, host)) return {};

@@ -102,4 +102,6 @@ TEST(Judge, NamesTheOneRouteThatHelps) {
   EXPECT_EQ(lines("this PC drops what 192.168.1.2 sends to e" + dropped + "192.168.1.2/32 dev e"),
             Judged(near, host)[0].problems);
   EXPECT_EQ(lines(""), Judged({near[0], "f 192.168.1.2 1 1 192.168.1.2"}, host)[0].problems);  // heard by that one
+  for (const char* nobodys : {"127.0.0.1", "224.1.1.1", "255.255.255.255"})
+    EXPECT_EQ(lines(""), Judged({std::string("e fe80::1 1 1 ") + nobodys}, host)[0].problems);
 }
