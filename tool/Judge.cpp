@@ -100,6 +100,19 @@ std::string ExplainDropped(const Device& device, const Host& host) {
          RouteCommand(*address, IsInSubnet(*address, host) ? "" : device.record.mask, interface->name);
 }
 
+/// What to tell where the routes look for the neighbours on `interface` by another one, as where two networks have the
+/// same addresses; empty where what they send gets through.
+std::string ExplainOwnDropped(const Interface& interface, const Host& host) {
+  const Subnet& own = interface.subnets.front();
+  const IPv4 mask = MaskOfPrefix(own.prefix), hosts = ~mask;
+  IPv4 neighbour = own.address ^ hosts ^ hosts >> 1U;  // far away, as near ones may be this PC's, too
+  if ((neighbour & hosts) == 0 || (neighbour & hosts) == hosts) neighbour ^= 1U;
+  if (own.prefix > 30 || !IsDropped(neighbour, interface.name, host)) return {};
+  return "this PC drops what " + IPv4Text(own.address & mask) + "/" + std::to_string(own.prefix) + " sends to " +
+         interface.name + ", as its routes do not look for that network there (reverse-path filter); as root: sysctl " +
+         "net/ipv4/conf/" + interface.name + "/rp_filter=2";
+}
+
 void JudgeAlone(Finding& finding, const Host& host) {
   const Device& device = finding.device;
   const std::optional<IPv4> named = ParseIPv4(device.record.address);
@@ -228,6 +241,10 @@ std::vector<std::string> ExplainFilters(const std::vector<Finding>& findings, co
       return InterfacesOf(finding.device).count(interface.name) != 0 && !ExplainDropped(finding.device, host).empty();
     });
     if (isTold) continue;
+    if (std::string line = ExplainOwnDropped(interface, host); !line.empty()) {
+      lines.push_back(std::move(line));
+      continue;
+    }
     const bool hasDefault = !host.routeInterface(elsewhere).empty();
     lines.push_back("this PC drops the IPv4 answers of devices in other networks that come to " + interface.name +
                     " (reverse-path filter, and no route back); as root: ip route add " +

@@ -95,7 +95,9 @@ TEST(Judge, NamesTheOneRouteThatHelps) {
   }
   Host two = HostWith(ReversePath::NeedsRouteHere, "");
   two.interfaces.push_back({"f", 3, true, true, false, true, {{0xc0a80203, 24}}, ""});
-  EXPECT_NE(std::string::npos, ExplainFilters(Judged(far, two), two).at(0).find("default dev f"));
+  EXPECT_EQ(lines("this PC drops what 192.168.2.0/24 sends to f, as its routes do not look for that network there "
+                  "(reverse-path filter); as root: sysctl net/ipv4/conf/f/rp_filter=2"),
+            ExplainFilters(Judged(far, two), two));
   // The network is on another interface too, which the routes prefer.
   Host host = HostWith(ReversePath::NeedsRouteHere, "");
   host.routeInterface = [](IPv4) { return "f"; };
