@@ -54,12 +54,12 @@ struct Network::Sockets {
   void Drain(Link& link, udp::socket& socket, Way way);
   void DrainAll();
   Link* Find(const std::string& interface);
-  bool SendTo(udp::socket& socket, const udp::endpoint& to, std::string_view datagram);
+  Error SendTo(udp::socket& socket, const udp::endpoint& to, std::string_view datagram);
 
   asio::io_context context;
   std::deque<Link> links;  // whose addresses the handlers keep
   std::vector<Interface> used;
-  std::vector<Unusable> failures, missing;
+  std::vector<Unusable> failures, missing, unsent;
   bool isNamedMissing = false;
   std::string sendError;
   std::size_t received = 0;
@@ -216,11 +216,11 @@ Network::Sockets::Link* Network::Sockets::Find(const std::string& interface) {
   return link == links.end() ? nullptr : &*link;
 }
 
-bool Network::Sockets::SendTo(udp::socket& socket, const udp::endpoint& to, std::string_view datagram) {
+Error Network::Sockets::SendTo(udp::socket& socket, const udp::endpoint& to, std::string_view datagram) {
   Error error = asio::error::bad_descriptor;
   if (socket.is_open()) socket.send_to(asio::buffer(datagram.data(), datagram.size()), to, 0, error);
   if (error) sendError = to.address().to_string() + ": " + error.message();
-  return !error;
+  return error;
 }
 
 Network::Network(const std::vector<std::string>& named) : sockets(std::make_unique<Sockets>()) {
@@ -230,7 +230,11 @@ Network::~Network() = default;
 
 const std::vector<Interface>& Network::Used() const { return sockets->used; }
 const std::vector<Unusable>& Network::Failures() const { return sockets->failures; }
-const std::vector<Unusable>& Network::MissingWays() const { return sockets->missing; }
+std::vector<Unusable> Network::MissingWays() const {
+  std::vector<Unusable> ways = sockets->missing;
+  ways.insert(ways.end(), sockets->unsent.begin(), sockets->unsent.end());
+  return ways;
+}
 bool Network::IsUsable() const { return !sockets->links.empty() && !sockets->isNamedMissing; }
 int Network::ReceiveBuffer() const { return sockets->receiveBuffer; }
 
@@ -239,13 +243,19 @@ const std::string& Network::SendError() const { return sockets->sendError; }
 
 bool Network::SendToAll(std::string_view datagram) {
   bool sent = false;
-  const auto send = [&](udp::socket& socket, const udp::endpoint& to) {
-    if (socket.is_open() && sockets->SendTo(socket, to, datagram)) sent = true;
-  };
+  sockets->unsent.clear();
   for (Sockets::Link& link : sockets->links) {
-    send(link.ipv6, Endpoint(GroupIPv6, link.interface.index, PortIPv6));
-    if (link.group.is_open()) send(link.ipv4, Endpoint(GroupIPv4, PortIPv4));
-    send(link.ipv4, Endpoint(0xffffffff, PortBroadcast));
+    const auto send = [&](const char* way, udp::socket& socket, const udp::endpoint& to) {
+      if (!socket.is_open()) return;
+      const Error error = sockets->SendTo(socket, to, datagram);
+      sent = sent || !error;
+      if (!error) return;
+      sockets->unsent.push_back(
+          {link.interface.name, std::string("nothing can be sent by ") + way + " (" + error.message() + ")"});
+    };
+    send("IPv6", link.ipv6, Endpoint(GroupIPv6, link.interface.index, PortIPv6));
+    if (link.group.is_open()) send("the IPv4 group", link.ipv4, Endpoint(GroupIPv4, PortIPv4));
+    send("broadcast", link.ipv4, Endpoint(0xffffffff, PortBroadcast));
   }
   return sent;
 }
@@ -254,7 +264,7 @@ bool Network::Send(const Source& to, std::string_view datagram) {
   if (to.way == Way::IPv6) return SendToPort(to, PortIPv6, datagram);
   if (to.way == Way::Broadcast) return SendToPort(to, PortBroadcast, datagram);
   Sockets::Link* link = sockets->Find(to.interface);
-  return link != nullptr && sockets->SendTo(link->ipv4, Endpoint(GroupIPv4, PortIPv4), datagram);
+  return link != nullptr && !sockets->SendTo(link->ipv4, Endpoint(GroupIPv4, PortIPv4), datagram);
 }
 
 bool Network::SendToPort(const Source& to, std::uint16_t port, std::string_view datagram) {
@@ -262,7 +272,7 @@ bool Network::SendToPort(const Source& to, std::uint16_t port, std::string_view 
   Error error;
   const asio::ip::address address = asio::ip::make_address(to.address, error);
   if (link == nullptr || error) return false;
-  return sockets->SendTo(address.is_v6() ? link->ipv6 : link->ipv4, {address, port}, datagram);
+  return !sockets->SendTo(address.is_v6() ? link->ipv6 : link->ipv4, {address, port}, datagram);
 }
 
 std::optional<Datagram> Network::Receive(Time deadline) {

@@ -55,9 +55,10 @@ class Network {
 
   /// The interfaces that are used, by at least one way.
   const std::vector<Interface>& Used() const;
-  /// What was wanted and cannot be used at all; what of the used ones lacks a way; none of it is fatal by itself.
+  /// What was wanted and cannot be used at all; what of the used ones lacks a way, or kept the last request to all from
+  /// leaving by one; none of it is fatal by itself.
   const std::vector<Unusable>& Failures() const;
-  const std::vector<Unusable>& MissingWays() const;
+  std::vector<Unusable> MissingWays() const;
   /// Whether anything can be sent as asked for: no interface named is among the failures, and at least one is used. If
   /// not, the exit status is 3.
   bool IsUsable() const;

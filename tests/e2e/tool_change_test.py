@@ -445,6 +445,8 @@ class Change(unittest.TestCase):
         self.assertEqual(Run(self.pc, "apply", str(plan), "--yes", *QUICK).end(), (
             1, f"line 2: {called}: 192.168.1.91/24, no gateway -> DHCP on\n1 to be changed, 0 left alone\n"
             f"{called}: unchanged: nothing could be sent{why}", ""))
+        self.assertIn("tarnddp: eth0 is used in part: nothing can be sent by broadcast (Operation not permitted)\n",
+                      Run(self.pc, "scan", *QUICK).end()[2])
         self.pc.run("nft", "add rule inet f o udp dport 5562-5564 drop")
         self.assertEqual(self.run_all((*rows, ("scan",)))[1:] + self.run_all((("--watch",),), options=()),
                          [(3, "", "tarnddp: nothing could be sent: 255.255.255.255: Operation not permitted\n")] * 5)
