@@ -86,6 +86,7 @@ int Trace(Network& network, Tracing& tracing, const std::string& called) {
   const Time start = Clock::now();
   if (!tracing.Switch(true)) return TellNothingSent(network, called);
   ShowStatus("tracing " + called + "; Ctrl-C ends it");
+  bool isSent = true;
   for (;;) {
     const auto isFrom = [&](const Datagram& datagram) { return tracing.IsFrom(datagram); };
     const auto datagram = network.Await(Clock::now() + silence, isFrom);
@@ -98,7 +99,9 @@ int Trace(Network& network, Tracing& tracing, const std::string& called) {
       return StatusNotDone;
     }
     // Whoever asks the device for anything takes the lines over, so they are asked back.
-    tracing.Switch(true);
+    const bool wasSent = isSent;
+    isSent = tracing.Switch(true);
+    if (wasSent && !isSent) TellNothingSent(network, called);  // perhaps for a while, as with a cable unplugged
   }
 }
 

@@ -391,6 +391,9 @@ class Change(unittest.TestCase):
         unread.process.stdout.close()
         heard = trace.process.stdout.read(len("a\nbc\\x0d\nACK\nACK\nde."))
         time.sleep(10.5)   # it was acknowledged, and need not be again
+        self.pc.run("ip", "link", "set", "eth0", "down")
+        self.assertEqual(trace.process.stderr.readline(), f"tarnddp: nothing could be sent to Fake 1 ({MACS[1]}): "
+                         f"{link_local(MACS[1])}%eth0: Network is unreachable\n")
         trace.interrupt()
         self.assertEqual(silent.end(), (1, "", f"tarnddp: Fake 2 ({MACS[2]}) did not acknowledge in 8 s\n"))
         self.assertEqual(unread.end()[::2], (1, ""))
