@@ -6,13 +6,11 @@ scripts/bench faults, inside the sandbox; status 1 if a row does not hold."""
 
 import collections
 import contextlib
-import ctypes
 import os
 import pathlib
 import random
 import re
 import resource
-import select
 import shutil
 import signal
 import socket
@@ -33,7 +31,7 @@ import ddp_query  # noqa: E402
 import device  # noqa: E402
 import raw_service  # noqa: E402
 import testnet  # noqa: E402
-from device import ACK, ENABLE, FAULTS, FIFO, IDENT, NACK, SERVICE_RECORD, request  # noqa: E402
+from device import ACK, ENABLE, FAULTS, FIFO, IDENT, SERVICE_RECORD, request  # noqa: E402
 from testnet import eventually  # noqa: E402
 
 HOLD = 13                # s that a fault is looked at

@@ -13,6 +13,7 @@ import os
 import pathlib
 import random
 import shutil
+import subprocess
 import sys
 import time
 
@@ -67,7 +68,8 @@ class Soak:
         with pc.inside():
             self.callers = {way: ddp_query.Caller(way, testnet.INTERFACE) for way in ddp_query.WAYS}
         self.service = raw_service.RawService(self.host)
-        self.process = self.host.start(options.daemon, "-nodaemon", stdout=-3, stderr=-3)   # DEVNULL
+        self.process = self.host.start(options.daemon, "-nodaemon", stdout=subprocess.DEVNULL,
+                                       stderr=subprocess.DEVNULL)
         self.fallback = device.record("Tessel ???", "APPTERM", "XT175???", "000000", device.DEVICE, "255.255.255.0",
                                       "0.0.0.0", self.host.interface()["address"], "???")
         self.records, self.is_well = {SERVICE_RECORD}, True
@@ -236,7 +238,7 @@ def svg(samples, baseline):
         f'<rect width="{width}" height="{height}" fill="white"/>',
         line(left, y(0), width - 20, y(0), "black", ""), line(left, y(0), left, 20, "black", ""),
         line(left, y(limit), width - 20, y(limit), "firebrick", "4"), label(width - 20, y(limit) - 5, "end", f"limit: {limit} KiB"),
-        f'<polyline fill="none" stroke="steelblue" stroke-width="1.5" points="'
+        '<polyline fill="none" stroke="steelblue" stroke-width="1.5" points="'
         + " ".join(f"{x(sample[0]):.1f},{y(sample[1]):.1f}" for sample in samples) + '"/>',
         label(left - 6, y(samples[-1][1]) + 4, "end", f"{samples[-1][1]}"), label(left - 6, y(0) + 4, "end", "0"),
         label(left, height - 18, "middle", "0"), label(width - 20, height - 18, "end", f"{samples[-1][0]:,}"),

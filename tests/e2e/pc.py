@@ -12,7 +12,6 @@ import subprocess
 import sys
 import termios
 import threading
-import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
 sys.path.append("/usr/lib/python3/dist-packages")   # of Debian's pyte, whichever Python runs this
