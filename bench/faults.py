@@ -31,7 +31,7 @@ import ddp_query  # noqa: E402
 import device  # noqa: E402
 import raw_service  # noqa: E402
 import testnet  # noqa: E402
-from device import ACK, ENABLE, FAULTS, FIFO, IDENT, SERVICE_RECORD, request  # noqa: E402
+from device import ACK, ENABLE, FAULTS, IDENT, SERVICE_RECORD, request  # noqa: E402
 from testnet import eventually  # noqa: E402
 
 HOLD = 13                # s that a fault is looked at
@@ -529,11 +529,11 @@ def _(b):
 
 def is_read(b):
     """Whether a text that is written to the path of the pipe is sent on."""
-    if not os.path.exists(FIFO) or not pathlib.Path(FIFO).is_fifo():
+    if not testnet.PIPE.exists() or not testnet.PIPE.is_fifo():
         return False
     caller = b.callers["ipv6"]
     caller.drain()
-    with open(FIFO, "r+b", buffering=0) as pipe:
+    with open(testnet.PIPE, "r+b", buffering=0) as pipe:
         pipe.write(b"traced")
         return caller.receive(0.1)[0] == b"traced"
 
@@ -550,7 +550,7 @@ def lose_pipe(b, change, mend=lambda: None):
 @row("trace pipe removed", back=1.0)
 def _(b):
     b.ask(request("SYSTRACE!", "1"), "ipv6")
-    os.unlink(FIFO)
+    os.unlink(testnet.PIPE)
     b.back(lambda: is_read(b))
     b.hold()
 
@@ -559,14 +559,14 @@ def _(b):
 def _(b):
     b.ask(request("SYSTRACE!", "1"), "ipv6")
     os.mkfifo("/tmp/other")
-    os.rename("/tmp/other", FIFO)
+    os.rename("/tmp/other", testnet.PIPE)
     b.back(lambda: is_read(b))
     b.hold()
 
 
 @row("trace pipe flooded by ten writers", flood=True)
 def _(b):
-    writers = [subprocess.Popen(["sh", "-c", f"exec cat /dev/zero >{FIFO}"]) for _ in range(10)]
+    writers = [subprocess.Popen(["sh", "-c", f"exec cat /dev/zero >{testnet.PIPE}"]) for _ in range(10)]
     b.open.callback(lambda: [(one.kill(), one.wait()) for one in writers])
     before = b.daemon.activity()["reads"]
     b.hold(every=1)
@@ -580,9 +580,9 @@ def _(b):
 @row("directory of the pipe a file before the start", back=None)
 def _(b):
     b.daemon.stop()
-    shutil.rmtree(os.path.dirname(FIFO))
-    pathlib.Path(os.path.dirname(FIFO)).touch()
-    b.open.callback(os.unlink, os.path.dirname(FIFO))
+    shutil.rmtree(testnet.PIPE.parent)
+    testnet.PIPE.parent.touch()
+    b.open.callback(os.unlink, testnet.PIPE.parent)
     b.start()
     b.hold()
     b.note = "no trace until the next start: the thread ends"
@@ -591,20 +591,20 @@ def _(b):
 @row("directory of the pipe a file while running")
 def _(b):
     def change():
-        shutil.rmtree(os.path.dirname(FIFO))
+        shutil.rmtree(testnet.PIPE.parent)
         with contextlib.suppress(FileExistsError, IsADirectoryError):
-            os.close(os.open(os.path.dirname(FIFO), os.O_CREAT | os.O_EXCL))
+            os.close(os.open(testnet.PIPE.parent, os.O_CREAT | os.O_EXCL))
 
     def mend():
         with contextlib.suppress(OSError):
-            os.unlink(os.path.dirname(FIFO))
+            os.unlink(testnet.PIPE.parent)
     lose_pipe(b, change, mend)
 
 
 @row("/tmp cleaned", back=1.0)
 def _(b):
     b.ask(request("SYSTRACE!", "1"), "ipv6")
-    shutil.rmtree(os.path.dirname(FIFO))
+    shutil.rmtree(testnet.PIPE.parent)
     b.back(lambda: is_read(b))
     b.hold()
 

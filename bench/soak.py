@@ -70,8 +70,7 @@ class Soak:
         self.service = raw_service.RawService(self.host)
         self.process = self.host.start(options.daemon, "-nodaemon", stdout=subprocess.DEVNULL,
                                        stderr=subprocess.DEVNULL)
-        self.fallback = device.record("Tessel ???", "APPTERM", "XT175???", "000000", device.DEVICE, "255.255.255.0",
-                                      "0.0.0.0", self.host.interface()["address"], "???")
+        self.fallback = device.fallback_record(self.host.interface()["address"])
         self.records, self.is_well = {SERVICE_RECORD}, True
         self.sent, self.silent, self.wrong, self.kinds = 0, 0, [], collections.Counter()
         self.samples = []
@@ -171,15 +170,15 @@ class Soak:
         """Tracing: the text goes to the one who asked last; then the pipe is removed while it is written to."""
         caller = self.callers["ipv6"]
         caller.ask(request("SYSTRACE!", "1"), PATIENCE)
-        with open(device.FIFO, "r+b", buffering=0) as pipe:
+        with open(testnet.PIPE, "r+b", buffering=0) as pipe:
             pipe.write(b"traced")
             if caller.receive(PATIENCE)[0] != b"traced":
                 self.wrong.append((self.sent, "no trace text"))
             caller.ask(request("SYSTRACE!", "0"), PATIENCE)
             for _ in range(20):
                 pipe.write(3000 * b"x")
-            noise.choice((lambda: os.unlink(device.FIFO), lambda: shutil.rmtree(os.path.dirname(device.FIFO))))()
-        if not eventually(lambda: os.path.exists(device.FIFO), PATIENCE):
+            noise.choice((lambda: os.unlink(testnet.PIPE), lambda: shutil.rmtree(testnet.PIPE.parent)))()
+        if not eventually(lambda: testnet.PIPE.exists(), PATIENCE):
             self.wrong.append((self.sent, "the pipe did not come back"))
         yield
 

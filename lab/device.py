@@ -16,7 +16,6 @@ DEVICE, PC = "192.168.1.2", "192.168.1.3"
 MAC = "00:1b:c4:0a:ff:05"   # as the service tells it
 FAULTS = os.path.relpath(os.path.join(os.path.dirname(DAEMON), "Faults.so"))   # to preload: LD_PRELOAD takes no blanks
 QUIET = 0.4   # seconds after which an answer that did not come counts as none
-FIFO = "/tmp/tsl_app/FIFO_T_C2H_AET"
 ACK, NACK = b"ACK\n", b"NACK\n"
 
 
@@ -29,6 +28,11 @@ def record(kind, name, code, serial, ip, mask, gateway, mac, firmware):
     """The daemon's own."""
     return ddp_query.record(mac, name, serial, ip, mask, OAN=kind, OVN="Orvalle Labs", SAN=kind, SVN="Orvalle Labs",
                             MKC=f"{code}#", GWA=gateway, EXTAPPVER=firmware)
+
+
+def fallback_record(mac, ip=DEVICE, mask="255.255.255.0", gateway="0.0.0.0"):
+    """The same while the service is away."""
+    return record("Tessel ???", "APPTERM", "XT175???", "000000", ip, mask, gateway, mac, "???")
 
 
 IDENT, ENABLE = request("DEVICEIDENT?"), request("DEVICEENABLEIDENT!")

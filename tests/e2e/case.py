@@ -8,7 +8,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
 
 import ddp_query  # noqa: E402
 import testnet  # noqa: E402
-from device import DEVICE, IDENT, PC, SERVICE_RECORD, Daemon, record  # noqa: E402
+from device import DEVICE, IDENT, PC, SERVICE_RECORD, Daemon, fallback_record  # noqa: E402
 from testnet import eventually  # noqa: E402
 
 
@@ -48,6 +48,5 @@ class DeviceTest(unittest.TestCase):
         self.service.Behave(behaviour or {})
         self.service.Set(facts)
 
-    def fallback_record(self, ip=DEVICE, mask="255.255.255.0", gateway="0.0.0.0"):
-        mac = self.device.interface()["address"]
-        return record("Tessel ???", "APPTERM", "XT175???", "000000", ip, mask, gateway, mac, "???")
+    def fallback_record(self, *settings, **named):
+        return fallback_record(self.device.interface()["address"], *settings, **named)

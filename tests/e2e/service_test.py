@@ -7,7 +7,7 @@ import signal
 import unittest
 
 from case import DeviceTest, eventually, testnet
-from device import ACK, DEVICE, ENABLE, FIFO, IDENT, MAC, NACK, QUIET, SERVICE_RECORD, record, request
+from device import ACK, DEVICE, ENABLE, IDENT, MAC, NACK, QUIET, SERVICE_RECORD, record, request
 
 LEASE = request("SETDHCPMODE!", "1")
 
@@ -99,11 +99,11 @@ class Service(DeviceTest):
             self.assertEqual(self.ask(IDENT, way), SERVICE_RECORD)
             for written, pieces in ((b"cut\0here", [b"cut"]), (b"\0x", [b""]), (b"b" * 2047, [b"b" * 2047]),
                                     (b"a" * 3000, [b"a" * 2047 + b"\n", b"a" * 952])):
-                pathlib.Path(FIFO).write_bytes(written)
+                testnet.PIPE.write_bytes(written)
                 self.assertEqual([self.callers[way].receive(2)[0] for _ in pieces], pieces, way)
         self.assertEqual(self.ask(request("SYSTRACE!", "0")), ACK)
         self.assertIsNone(self.ask(request("SYSTRACE!", "1"), "broadcast", QUIET))
-        pathlib.Path(FIFO).write_bytes(b"unheard")
+        testnet.PIPE.write_bytes(b"unheard")
         self.assertIsNone(self.callers["broadcast"].receive(QUIET)[0])
 
     def test_argument_that_does_not_convert_ends_the_daemon(self):

@@ -8,8 +8,8 @@ import subprocess
 import time
 import unittest
 
-from case import DeviceTest, ddp_query, eventually
-from device import ACK, DAEMON, DEVICE, ENABLE, FAULTS, FIFO, IDENT, PC, QUIET, SERVICE_RECORD, request
+from case import DeviceTest, ddp_query, eventually, testnet
+from device import ACK, DAEMON, DEVICE, ENABLE, FAULTS, IDENT, PC, QUIET, SERVICE_RECORD, request
 
 ATTACHED, FAILED = "Successfully attached to device API\n", "Failed to attach to device API - APPTERM\n"
 
@@ -98,7 +98,7 @@ class Start(DeviceTest):
         for number in (signal.SIGPIPE, signal.SIGXFSZ):   # ends nothing
             os.kill(daemon.pid, number)
         self.assertEqual(self.ask(request("SYSTRACE!", "1")), ACK)
-        pathlib.Path(FIFO).write_bytes(b"traced")
+        testnet.PIPE.write_bytes(b"traced")
         self.assertEqual(self.callers["ipv6"].receive(3)[0], b"traced")
         descriptors = daemon.descriptors()
         self.assertEqual([(descriptors[n][0], descriptors[n][1] & os.O_ACCMODE) for n in range(3)],
@@ -125,7 +125,7 @@ class Start(DeviceTest):
                 self.assertEqual(self.ask(ENABLE, "broadcast"), ACK, (fields[0], number))
         self.assertEqual(self.ask(request("SYSTRACE!", "1")), ACK)
         for text, arrives in ((b"FAIL1" + 500 * b"x", None), (b"next", b"next")):
-            pathlib.Path(FIFO).write_bytes(text)
+            testnet.PIPE.write_bytes(text)
             self.assertEqual(self.callers["ipv6"].receive(QUIET if arrives is None else 3)[0], arrives)
 
 

@@ -15,7 +15,7 @@ if not shutil.which("systemd-analyze"):
 
 import case  # noqa: E402
 from case import eventually, testnet  # noqa: E402
-from device import ACK, DAEMON, DEVICE, FIFO, IDENT, NACK, PC, request  # noqa: E402
+from device import ACK, DAEMON, DEVICE, IDENT, NACK, PC, request  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = (ROOT / "docs" / "deployment.md").read_text(encoding="utf-8")
@@ -78,10 +78,10 @@ class Unit(case.DeviceTest):
         self.assertEqual(self.ask(IDENT), self.fallback_record("192.168.1.50", gateway=PC))
         self.assertEqual(self.ask(request("SYSTRACE!", "1")), ACK)
         for _ in range(2):
-            self.assertTrue(eventually(lambda: os.path.exists(FIFO) and os.stat(FIFO).st_mode & 0o777 == 0o777))
-            pathlib.Path(FIFO).write_bytes(b"traced\n")
+            self.assertTrue(eventually(lambda: testnet.PIPE.exists() and testnet.PIPE.stat().st_mode & 0o777 == 0o777))
+            testnet.PIPE.write_bytes(b"traced\n")
             self.assertEqual(self.callers["ipv6"].receive(3)[0], b"traced\n")
-            os.unlink(FIFO)
+            os.unlink(testnet.PIPE)
         self.assertEqual(self.ask(request("DEVICEREBOOT!")), ACK)
         service = testnet.Service(self.device)
         self.addCleanup(service.stop)
