@@ -109,14 +109,10 @@ class Bench:
         """Lines other than those that tell of a request."""
         return REQUEST.sub("", self.daemon.output() + self.daemon.errors()).count("\n")
 
-    def ticks(self):
-        return sum(int(path.read_text(encoding="ascii").split()[0])
-                   for path in pathlib.Path(f"/proc/{self.daemon.pid}/task").glob("*/schedstat"))
-
     def hold(self, seconds=HOLD, way="broadcast", every=2.0, datagram=IDENT, patience=2.0):
         """Looks at the fault: asks now and then, counts answers, processor time and lines other than those of requests."""
         seen, self.slowest = collections.Counter(), 0
-        begin, cpu, lines = time.monotonic(), self.ticks(), self.printed()
+        begin, cpu, lines = time.monotonic(), testnet.cpu_ns(self.daemon.pid), self.printed()
         while time.monotonic() < begin + seconds:
             asked = time.monotonic()
             answer = self.ask(datagram, way, patience)
@@ -124,7 +120,7 @@ class Bench:
                  "fallback" if answer.startswith(b"SID:") else answer.decode("latin-1").strip()] += 1
             time.sleep(max(0, asked + every - time.monotonic()))
         elapsed = time.monotonic() - begin
-        self.seen, self.cpu = seen, (self.ticks() - cpu) / 1e7 / elapsed
+        self.seen, self.cpu = seen, (testnet.cpu_ns(self.daemon.pid) - cpu) / 1e7 / elapsed
         self.lines = (self.printed() - lines) / elapsed
 
     def back(self, check, seconds=30.0):
@@ -529,7 +525,7 @@ def _(b):
 
 def is_read(b):
     """Whether a text that is written to the path of the pipe is sent on."""
-    if not testnet.PIPE.exists() or not testnet.PIPE.is_fifo():
+    if not testnet.PIPE.is_fifo():
         return False
     caller = b.callers["ipv6"]
     caller.drain()

@@ -50,13 +50,8 @@ class Lane:
         self.process = self.host.start(*words, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.latencies, self.lost, self.cpu_ns, self.saturated = [], 0, 0, None
 
-    def proc(self, *names):
-        return pathlib.Path("/proc", str(self.process.pid), *names).read_text(encoding="ascii")
-
     def cpu(self):
-        """ns that all its threads have had, exactly."""
-        return sum(int(path.read_text(encoding="ascii").split()[0])
-                   for path in pathlib.Path(f"/proc/{self.process.pid}/task").glob("*/schedstat"))
+        return testnet.cpu_ns(self.process.pid)
 
     def switches(self):
         return sum(int(line.split()[1]) for path in pathlib.Path(f"/proc/{self.process.pid}/task").glob("*/status")
@@ -64,7 +59,7 @@ class Lane:
 
     def memory(self):
         """RSS, PSS and private memory, in KiB."""
-        sizes = {line.split(":")[0]: int(line.split()[1]) for line in self.proc("smaps_rollup").splitlines()[1:]}
+        sizes = testnet.memory(self.process.pid)
         return sizes["Rss"], sizes["Pss"], sizes["Private_Clean"] + sizes["Private_Dirty"]
 
     def ask(self, pc, count):

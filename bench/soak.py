@@ -178,7 +178,7 @@ class Soak:
             for _ in range(20):
                 pipe.write(3000 * b"x")
             noise.choice((lambda: os.unlink(testnet.PIPE), lambda: shutil.rmtree(testnet.PIPE.parent)))()
-        if not eventually(lambda: testnet.PIPE.exists(), PATIENCE):
+        if not eventually(testnet.PIPE.exists, PATIENCE):
             self.wrong.append((self.sent, "the pipe did not come back"))
         yield
 
@@ -188,10 +188,8 @@ class Soak:
         """Private memory in KiB, descriptors, threads, children. Of the memory only what was written to: a page of the
         program counts as private or not by who else runs it."""
         proc = pathlib.Path("/proc", str(self.process.pid))
-        sizes = {line.split(":")[0]: int(line.split()[1]) for line in
-                 (proc / "smaps_rollup").read_text(encoding="ascii").splitlines()[1:]}
         children = (proc / "task" / proc.name / "children").read_text(encoding="ascii").split()
-        return (sizes["Private_Dirty"], min(len(os.listdir(proc / "fd")) for _ in range(3)),
+        return (testnet.memory(self.process.pid)["Private_Dirty"], min(len(os.listdir(proc / "fd")) for _ in range(3)),
                 len(os.listdir(proc / "task")), len(children))
 
     def run(self):

@@ -36,6 +36,18 @@ def eventually(check, seconds=5.0):
     return result
 
 
+def cpu_ns(pid):
+    """What all threads of a process have had of the processors, exactly."""
+    return sum(int(path.read_text(encoding="ascii").split()[0])
+               for path in pathlib.Path(f"/proc/{pid}/task").glob("*/schedstat"))
+
+
+def memory(pid):
+    """Its memory in KiB, by the names of smaps_rollup (proc(5))."""
+    lines = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii").splitlines()[1:]
+    return {line.split(":")[0]: int(line.split()[1]) for line in lines}
+
+
 def _enter(path):
     with open(path, encoding="ascii") as space:
         if _libc.setns(space.fileno(), _CLONE_NEWNET) != 0:
