@@ -12,6 +12,7 @@ calls; a `User` needs root.
 import ctypes
 import errno
 import functools
+import mmap
 import os
 import pathlib
 import pwd
@@ -21,6 +22,7 @@ import shlex
 import shutil
 import signal
 import socket
+import stat
 import subprocess
 import sys
 import time
@@ -37,13 +39,16 @@ OTHER = {"Environment", "EnvironmentFile", "ExecStartPre", "ExecStart", "Restart
          "CapabilityBoundingSet", "AmbientCapabilities", "NoNewPrivileges", "RestrictAddressFamilies", "RestrictRealtime",
          "RestrictSUIDSGID", "LockPersonality", "MemoryDenyWriteExecute", "SystemCallFilter", "SystemCallErrorNumber"}
 
+TEMPORARY = ("/tmp", "/var/tmp")   # what PrivateTmp is about
+
 CLONE_NEWNS, CLONE_NEWUTS = 0x20000, 0x4000000
 NAMESPACES = (0x20000, 0x2000000, 0x4000000, 0x8000000, 0x10000000, 0x20000000, 0x40000000)
 MS_RDONLY, MS_NOSUID, MS_NODEV, MS_NOEXEC, MS_BIND, MS_REC, MS_PRIVATE = 1, 2, 4, 8, 4096, 16384, 1 << 18
 PR_SET_PDEATHSIG, PR_SET_KEEPCAPS, PR_SET_NO_NEW_PRIVS = 1, 8, 38
 SYS_MOUNT_SETATTR, AT_FDCWD, AT_RECURSIVE, MOUNT_ATTR_RDONLY = 442, -100, 0x8000, 1
 ALLOW, ERRNO, EQUAL, NOT_EQUAL, MASKED = 0x7fff0000, 0x50000, 4, 1, 7
-S_ISUID, S_ISGID, PROT_WRITE, PROT_EXEC, SHM_EXEC, O_CREAT = 0o4000, 0o2000, 2, 4, 0o100000, 0o100
+REALTIME = (os.SCHED_FIFO, os.SCHED_RR, 6)   # the last is SCHED_DEADLINE
+SHM_EXEC = 0o100000
 
 libc = ctypes.CDLL(None, use_errno=True)
 
@@ -160,22 +165,22 @@ def deny_calls(unit):
             for call in ("clone", "unshare"):
                 denied.add(call, (0, MASKED, flag, flag))
     if unit.has("RestrictRealtime"):
-        for policy in (1, 2, 6):
+        for policy in REALTIME:
             denied.add("sched_setscheduler", (1, EQUAL, policy))
     if unit.has("RestrictSUIDSGID"):
         for call, argument in (("chmod", 1), ("fchmod", 1), ("fchmodat", 2), ("mkdir", 1), ("mkdirat", 2), ("mknod", 1),
                                ("mknodat", 2), ("creat", 1)):
-            for bit in (S_ISUID, S_ISGID):
+            for bit in (stat.S_ISUID, stat.S_ISGID):
                 denied.add(call, (argument, MASKED, bit, bit))
         for call, argument in (("open", 1), ("openat", 2)):
-            for bit in (S_ISUID, S_ISGID):
-                denied.add(call, (argument, MASKED, O_CREAT, O_CREAT), (argument + 1, MASKED, bit, bit))
+            for bit in (stat.S_ISUID, stat.S_ISGID):
+                denied.add(call, (argument, MASKED, os.O_CREAT, os.O_CREAT), (argument + 1, MASKED, bit, bit))
     if unit.has("LockPersonality"):
         denied.add("personality", (0, NOT_EQUAL, libc.personality(0xffffffff)))
     if unit.has("MemoryDenyWriteExecute"):
-        denied.add("mmap", (2, MASKED, PROT_EXEC | PROT_WRITE, PROT_EXEC | PROT_WRITE))
+        denied.add("mmap", (2, MASKED, mmap.PROT_EXEC | mmap.PROT_WRITE, mmap.PROT_EXEC | mmap.PROT_WRITE))
         for call in ("mprotect", "pkey_mprotect"):
-            denied.add(call, (2, MASKED, PROT_EXEC, PROT_EXEC))
+            denied.add(call, (2, MASKED, mmap.PROT_EXEC, mmap.PROT_EXEC))
         denied.add("shmat", (2, MASKED, SHM_EXEC, SHM_EXEC))
     denied.load()
 
@@ -242,7 +247,8 @@ def set_mounts(unit):
         for source, name in devices:
             pathlib.Path("/dev", name).touch()
             mount(source, f"/dev/{name}", flags=MS_BIND)
-    for path in ("/tmp", "/var/tmp") if unit.has("PrivateTmp") else ():
+    private = TEMPORARY if unit.has("PrivateTmp") else ()
+    for path in private:
         mount("tmpfs", path, "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")
     for path in ("/home", "/root", "/run/user") if unit.has("ProtectHome") else ():
         if os.path.exists(path):
@@ -254,7 +260,7 @@ def set_mounts(unit):
         mount(path, path, flags=MS_BIND | MS_REC)
     if unit.last("ProtectSystem") == "strict":
         set_readonly("/")
-        for path in ("/proc", *(("/tmp", "/var/tmp") if unit.has("PrivateTmp") else ()), *(path for _, path in binds), *kept):
+        for path in ("/proc", *private, *(path for _, path in binds), *kept):
             set_readonly(path, False)
     elif unit.has("ProtectSystem"):
         raise ValueError("ProtectSystem: only strict is known here")
