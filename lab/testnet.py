@@ -89,6 +89,9 @@ class Host:
         if gateway:
             self.run("ip", "route", "add", "default", "via", gateway)
 
+    def disable_ipv6(self):
+        self.run("sh", "-c", f"echo 1 >/proc/sys/net/ipv6/conf/{INTERFACE}/disable_ipv6")
+
     @contextlib.contextmanager
     def inside(self):
         """Within it, sockets that this thread opens are sockets of the host, and stay so."""

@@ -90,7 +90,7 @@ class Change(unittest.TestCase):
         for number in (3, 4):
             self.device(number, "192.168.1.23/24", "Twin")
         self.device(5, "10.20.30.40/16", "Far")
-        self.device(6, "192.168.1.26/24").host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
+        self.device(6, "192.168.1.26/24").host.disable_ipv6()
         self.device(7, "192.168.1.27/24", "Stubborn").service.Behave({"fault": -17, "only": "RPCConf.SetNetwork"})
         self.device(8, "192.168.1.28/24", "Settled")
         self.fake(9, lambda datagram: None)
@@ -187,7 +187,7 @@ class Change(unittest.TestCase):
         self.device(2, "192.168.1.22/24")
         for number in (3, 4):
             self.device(number, "192.168.1.23/24", "Twin")
-        self.device(6, "192.168.1.26/24", "Old").host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
+        self.device(6, "192.168.1.26/24", "Old").host.disable_ipv6()
         self.fake(5, lambda datagram: None, MACS[6])
         self.ready(1)
         folder = pathlib.Path(self.net.folder)
@@ -289,7 +289,7 @@ class Change(unittest.TestCase):
     def test_apply(self):
         for number, name in ((1, "Press 1"), (2, 'quo"te, \x1b[2J'), (3, "Third")):
             device = self.device(number, f"192.168.1.{20 + number}/24", name)
-            device.host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
+            device.host.disable_ipv6()
         self.fake(4, lambda datagram: b"NACK\n").records = [   # to what it hears that is for another one, too
             record(MACS[4], "Fake 4", "94", "192.168.1.94", GWA=b"\xff")]
         self.ready(3)
@@ -364,7 +364,7 @@ class Change(unittest.TestCase):
     def test_trace_of_a_device_that_starts_anew(self):
         """Also over IPv4, where a filter is sent along."""
         devices = [self.device(number, f"192.168.1.2{number}/24", f"Press {number}") for number in (1, 2)]
-        devices[1].host.run("sh", "-c", "echo 1 >/proc/sys/net/ipv6/conf/eth0/disable_ipv6")
+        devices[1].host.disable_ipv6()
         self.ready(1)
         files, runs = [pathlib.Path(self.net.folder, f"trace-{number}") for number in (1, 2)], []
         for number, file in enumerate(files, 1):
