@@ -334,11 +334,17 @@ def seconds(text):
 
 
 def main():
+    if sys.argv[1:2] in (["-h"], ["--help"]):
+        print(__doc__.strip())
+        return
     if "SANDBOX_HALT_MARK" not in os.environ:
         sys.exit("unit: the program may change the machine; start it with scripts/sandbox")
     if len(sys.argv) < 2:
         sys.exit(__doc__.strip())
-    unit = Unit(*sys.argv[1:])
+    try:
+        unit = Unit(*sys.argv[1:])
+    except (OSError, ValueError) as cause:
+        sys.exit(f"unit: {cause}")
     if unit.last("Restart") != "always" or not unit.all("ExecStart"):
         sys.exit("unit: only one ExecStart with Restart=always is known here")
     for name in (*DENIED_CALLS.values(), *(value.lstrip("~").split() for value in unit.all("SystemCallFilter"))):
