@@ -163,6 +163,7 @@ int open(const char* path, int flags, ...) {
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, 0644));
 }
 int close(int descriptor) {
+  if (isInside && descriptor == 0) return 0;  // a lease without a MAC closes it, which is kept: the fuzzer's own
   Require(!isInside || IsOurs(descriptor), "close", std::to_string(descriptor));
   return sockets.erase(descriptor) != 0 ? 0 : static_cast<int>(syscall(SYS_close, descriptor));
 }
