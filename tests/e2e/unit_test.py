@@ -20,6 +20,7 @@ from device import ACK, DAEMON, DEVICE, IDENT, NACK, PC, request  # noqa: E402
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = (ROOT / "docs" / "deployment.md").read_text(encoding="utf-8")
 RESOLVER_FILE = pathlib.Path("/etc/resolf.conf")
+PROGRAM = "/run/stub/tarnddpd"   # a copy, for all users whatever the umask of who built it
 HALTS = "/run/halts"   # where our `halt` asks for it, as systemctl asks systemd: a socket outside of the unit
 
 
@@ -31,7 +32,7 @@ class UnderUnit(case.Daemon):
         self._output = pathlib.Path(net.folder, "output")
         self.unit = pathlib.Path(net.folder, "tarnddpd.service")
         text = (ROOT / "packaging" / "tarnddpd.service.in").read_text(encoding="utf-8")
-        self.unit.write_text(text.replace("@daemon_path@", f'"{DAEMON}"') + "".join(dropins), encoding="utf-8")
+        self.unit.write_text(text.replace("@daemon_path@", PROGRAM) + "".join(dropins), encoding="utf-8")
         with open(self._output, "wb") as output:
             self.process = host.start(sys.executable, "-B", str(ROOT / "lab" / "unit.py"), str(self.unit), stdout=output,
                                       stderr=output, env={**os.environ, "PATH": f"/run/stub:{os.environ['PATH']}"})
@@ -49,7 +50,9 @@ class Unit(case.DeviceTest):
     def setUpClass(cls):
         os.mkdir("/run/stub")
         pathlib.Path("/run/stub/halt").write_text(f"#!/bin/sh\nexec logger --socket-errors=on --socket {HALTS} halt\n", "ascii")
-        os.chmod("/run/stub/halt", 0o755)
+        shutil.copyfile(DAEMON, PROGRAM)
+        for program in ("/run/stub/halt", PROGRAM):
+            os.chmod(program, 0o755)
         cls.halts = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         cls.halts.bind(HALTS)
         cls.halts.setblocking(False)
