@@ -81,6 +81,7 @@ class Run {
   /// Shows what would change and what cannot, to be read before it is confirmed.
   void Show() {
     int alone = 0;
+    bool isAnyMissing = false;
     std::map<std::string, std::vector<int>> notes;  // and the lines that each is about
     for (const PlannedChange& change : changes) {
       const std::string line = "line " + std::to_string(change.line) + ": " + change.called + ": ";
@@ -91,8 +92,10 @@ class Run {
         for (const std::string& note : NotesOn(change)) notes[note].push_back(change.line);
       } else {
         Tell(line + ReportOn(session, change).outcome.words);
+        isAnyMissing = isAnyMissing || change.step == Step::Missing;
       }
     }
+    if (isAnyMissing) session.TellWhyUnheard();
     for (const auto& [note, lines] : notes) Say(LinesText(lines) + ": " + note);
     Tell(std::to_string(count) + " to be changed, " + std::to_string(alone) + " left alone");
   }

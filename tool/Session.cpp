@@ -66,11 +66,12 @@ std::optional<Device> Session::Find(const std::string& wanted) {
 void Session::TellNobody(const std::string& wanted) const {
   const std::string heard = DevicesText(static_cast<int>(devices.size()));
   Say("\"" + Shown(wanted) + "\" is none of the " + heard + " heard (tarnddp scan shows them); nothing was sent");
-  if (devices.empty()) {
-    TellProblems(network, {}, false);
-  } else {
-    TellLimits(network, Judge(devices, HostOf(network)));
-  }
+  TellWhyUnheard();
+}
+
+void Session::TellWhyUnheard() const {
+  if (devices.empty()) return TellProblems(network, {}, false);
+  TellLimits(network, Judge(devices, HostOf(network)));
 }
 
 void Session::Replace(const Device& device) {

@@ -27,6 +27,8 @@ class Session {
   /// The one device that `wanted` means. Nothing unless the status is StatusDone, nor, after saying so, if there is
   /// none or more than one.
   std::optional<Device> Find(const std::string& wanted);
+  /// Says what may have kept a device from being heard, as far as this PC knows.
+  void TellWhyUnheard() const;
   /// Takes the place of what was known of the device with its id.
   void Replace(const Device& device);
   /// The interfaces by which a device was heard.

@@ -325,7 +325,8 @@ class Change(unittest.TestCase):
             ("192.168.1.21", 5562, "SETIPADDRESS!", MACS[1], "192.168.1.22"),
             ("224.0.5.128", 5563, "SETIPADDRESS!", MACS[2], "192.168.1.21")])
         self.assertEqual(Run(self.pc, "apply", str(plan), "--yes", *QUICK).end(), (
-            1, f"line 6: {MACS[9]}: not heard\n0 to be changed, 4 left alone\n", ""))
+            1, f"line 6: {MACS[9]}: not heard\n0 to be changed, 4 left alone\n",
+            "".join(f"tarnddp: {name} is used in part: it has no IPv6 link-local address\n" for name in ("end", "other"))))
         status, out, _ = Run(self.pc, "apply", str(plan), "--dry-run", "--json", *QUICK).end()
         self.assertEqual((status, [json.loads(line) for line in out.splitlines()]), (1, [
             {"mac": MACS[number], "result": result, "before": now, "after": now} for number, result, now in (
