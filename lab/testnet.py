@@ -219,7 +219,9 @@ class Device:
 
     def trace(self, text):
         """What a program of the device does that has something to tell."""
-        pipe = os.open(f"/proc/{self.daemon.pid}/root/{PIPE}", os.O_RDWR)
+        path = pathlib.Path(f"/proc/{self.daemon.pid}/root/{PIPE}")
+        eventually(path.exists, 20)   # which a daemon that was started just now makes soon
+        pipe = os.open(path, os.O_RDWR)
         os.write(pipe, text)
         os.close(pipe)
 
