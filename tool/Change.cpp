@@ -156,11 +156,10 @@ std::vector<Holder> HoldersOf(IPv4 address, const Device& own, const std::vector
   const std::string text = IPv4Text(address);
   bool neighbourIsHeard = false;
   for (const Device& device : devices) {
-    const Facts facts = FactsOf(device.record);
     // Of a device that was heard just now, the record and the answers count, not what the table remembers.
-    neighbourIsHeard = neighbourIsHeard || (neighbourMac && facts.mac == neighbourMac);
+    neighbourIsHeard = neighbourIsHeard || (neighbourMac && KnownMac(device.record.mac) == neighbourMac);
     if (device.id == own.id) continue;
-    if (facts.settings.address == text) {
+    if (device.record.address == text) {
       holders.push_back({device.id, text + " is the address of " + Calling(device)});
     } else if (device.AnswersFrom(text)) {
       holders.push_back({device.id, Calling(device) + " answers from " + text});

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
+#include <map>
 #include <utility>
 
 #include "tool/Csv.h"
@@ -50,7 +51,12 @@ class Checker {
  public:
   Checker(const std::vector<PlanLine>& planLines, const std::vector<Device>& heardDevices,
           const std::vector<IPv4>& ownIPv4, const std::function<std::optional<std::string>(IPv4)>& neighbour)
-      : lines(planLines), devices(heardDevices), ownAddresses(ownIPv4), neighbourMac(neighbour) {}
+      : lines(planLines), devices(heardDevices), ownAddresses(ownIPv4), neighbourMac(neighbour) {
+    for (const Device& device : devices) rows.push_back({device, PlanRow(device), FactsOf(device.record).mac});
+    for (const Row& row : rows) {
+      if (row.mac) ++devicesByMac[*row.mac];
+    }
+  }
 
   CheckedPlan Check() {
     for (const PlanLine& line : lines) entries.push_back(Resolve(line));
@@ -70,6 +76,12 @@ class Checker {
   }
 
  private:
+  /// A device as a plan names it.
+  struct Row {
+    const Device& device;
+    std::vector<std::string> cells;
+    std::optional<std::string> mac;
+  };
   struct Entry {
     PlannedChange change;
     std::vector<std::string> cells;  ///< without blanks around them
@@ -100,12 +112,12 @@ class Checker {
   /// The device whose row the line is, but for the name server, which no row of what was heard holds, and for what is
   /// only for the reader, which a spreadsheet may have spoilt.
   const Device* FindEqual(const PlanLine& line) const {
-    for (const Device& device : devices) {
-      std::vector<std::string> row = PlanRow(device);
-      row[Dns] = line.fields[Dns];
-      if (row == line.fields) return &device;
-      for (const Column column : {Serial, Name}) row[column] = line.fields[column];
-      if (row == line.fields && !row[Mac].empty() && !SharesMac(device, devices)) return &device;
+    for (const Row& row : rows) {
+      const auto isEqual = [&](Column column) { return row.cells[column] == line.fields[column]; };
+      constexpr Column telling[] = {Mac, Address, Prefix, Gateway, Dhcp};
+      if (!std::all_of(std::begin(telling), std::end(telling), isEqual)) continue;
+      const bool isAlone = row.mac && devicesByMac.at(*row.mac) == 1;
+      if (isAlone || (isEqual(Serial) && isEqual(Name))) return &row.device;
     }
     return nullptr;
   }
@@ -115,9 +127,9 @@ class Checker {
       entry.change.mac = KnownMac(entry.cells[Mac]);
       if (!entry.change.mac) return '"' + Shown(entry.cells[Mac]) + "\" is no MAC address";
     }
-    std::vector<const Device*> found;
-    for (const Device& device : devices) {
-      if (!entry.change.mac || FactsOf(device.record).mac == entry.change.mac) found.push_back(&device);
+    std::vector<const Row*> found;
+    for (const Row& row : rows) {
+      if (!entry.change.mac || row.mac == entry.change.mac) found.push_back(&row);
     }
     bool isNamed = entry.change.mac.has_value();
     for (const Column column : {Serial, Name}) {
@@ -125,13 +137,13 @@ class Checker {
       // Behind a MAC address they tell apart those that share it, and a name may have changed.
       if (cell.empty() || (isNamed && found.size() < 2)) continue;
       isNamed = true;
-      const auto isOther = [&](const Device* device) { return Trimmed(PlanRow(*device)[column]) != cell; };
+      const auto isOther = [&](const Row* row) { return Trimmed(row->cells[column]) != cell; };
       found.erase(std::remove_if(found.begin(), found.end(), isOther), found.end());
     }
     if (!isNamed) return "it names no device (by mac, serial or name)";
     if (found.size() > 1) return "it means " + std::to_string(found.size()) + " of the devices heard";
     if (found.size() == 1) {
-      Take(*found[0], entry);
+      Take(found[0]->device, entry);
       return {};
     }
     entry.change.step = Step::Missing;
@@ -199,11 +211,12 @@ class Checker {
     PlannedChange& change = entry.change;
     for (const Entry& other : entries) {
       if (&other == &entry || (&other > &entry && !other.isAsHeard)) continue;
-      const std::string there = " again, as in line " + std::to_string(other.change.line);
-      if (SameDevice(change, other.change)) return change.called + there;
-      if (entry.hasAddress && other.hasAddress && other.change.address.address == change.address.address) {
-        return IPv4Text(change.address.address) + there;
-      }
+      const bool isDevice = SameDevice(change, other.change);
+      const bool isAddress =
+          entry.hasAddress && other.hasAddress && other.change.address.address == change.address.address;
+      if (!isDevice && !isAddress) continue;
+      const std::string what = isDevice ? change.called : IPv4Text(change.address.address);
+      return what + " again, as in line " + std::to_string(other.change.line);
     }
     if (!entry.hasAddress || change.step == Step::LeftAlone) return {};
     auto neighbour = neighbourMac(change.address.address);
@@ -239,6 +252,8 @@ class Checker {
   const std::vector<Device>& devices;
   const std::vector<IPv4>& ownAddresses;
   const std::function<std::optional<std::string>(IPv4)>& neighbourMac;
+  std::vector<Row> rows;  // of all devices
+  std::map<std::string, int> devicesByMac;
   std::vector<Entry> entries;
 };
 
