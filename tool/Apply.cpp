@@ -51,6 +51,10 @@ std::string LinesText(const std::vector<int>& lines) {
   return (lines.size() == 1 ? "line " : "lines ") + numbers;
 }
 
+std::string LeftAlone(const PlannedChange& change) {
+  return "left alone" + (change.words.empty() ? ", as it is so already" : ": " + change.words);
+}
+
 /// What is known of a line that no change is sent for, or not yet.
 Report ReportOn(const Session& session, const PlannedChange& change) {
   switch (change.step) {
@@ -59,7 +63,7 @@ Report ReportOn(const Session& session, const PlannedChange& change) {
     case Step::Blocked:
       return ReportOn(*change.device, {Result::Refused, change.words}, SettingsOf(change));
     case Step::LeftAlone:
-      return ReportOn(*change.device, {Result::Done, "left alone, as it is so already"}, SettingsOf(change));
+      return ReportOn(*change.device, {Result::Done, LeftAlone(change)}, SettingsOf(change));
     default:
       return ReportPlanned(session, *change.device, OrderFor(change));
   }
@@ -87,6 +91,7 @@ class Run {
       const std::string line = "line " + std::to_string(change.line) + ": " + change.called + ": ";
       if (change.step == Step::LeftAlone) {
         ++alone;
+        if (!change.words.empty()) notes[LeftAlone(change)].push_back(change.line);
       } else if (IsToBeDone(change)) {
         Tell(line + InWords(SettingsOf(change)) + " -> " + PlannedText(OrderFor(change)));
         for (const std::string& note : NotesOn(change)) notes[note].push_back(change.line);

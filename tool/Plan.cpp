@@ -182,7 +182,11 @@ class Checker {
     shown.dns.reset();
     Seen asFarAsSaid = seen;
     if (dhcp.empty()) asFarAsSaid.settings.dhcp.reset();
-    if (!IsInForce(shown, asFarAsSaid)) change.step = Step::SetAddress;
+    if (!IsInForce(shown, asFarAsSaid)) {
+      change.step = Step::SetAddress;
+    } else if (dhcp == "off" && !seen.settings.dhcp) {
+      change.words = "its service is away, so whether DHCP is off cannot be seen; apply the plan again once it is back";
+    }
     return {};
   }
 

@@ -24,7 +24,7 @@ std::string ReadPlan(std::string_view text, std::vector<PlanLine>& lines);
 enum class Step {
   LeftAlone,  ///< it is so already
   Missing,    ///< the device was not heard
-  Blocked,    ///< it cannot be done: `words` says why
+  Blocked,    ///< it cannot be done
   SetAddress,
   DhcpOn,
   DhcpOff
@@ -39,7 +39,7 @@ struct PlannedChange {
   std::optional<std::string> mac;  ///< of the device, or as the line has it
   StaticAddress address;           ///< for SetAddress
   std::vector<int> waitsFor;       ///< Device::id of those that have to give up the address first
-  std::string words;
+  std::string words;               ///< for Blocked, and for LeftAlone what cannot be seen; ready to be shown
 };
 
 struct CheckedPlan {

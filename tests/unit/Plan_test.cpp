@@ -25,8 +25,8 @@ std::vector<Device> Bench() {
   return devices;
 }
 
-/// The steps in their order as "line:step", or the lines that are wrong as "line!". In the text, M1 is the MAC address
-/// of device 1, @ the network. Neighbours are M0 to M9 with @90 to @99.
+/// The steps in their order as "line:step", with a ? where there are words to it, or the lines that are wrong as
+/// "line!". In the text, M1 is the MAC address of device 1, @ the network. Neighbours are M0 to M9 with @90 to @99.
 std::string Check(const std::string& text, const std::vector<Device>& devices = Bench()) {
   std::vector<PlanLine> lines;
   const std::string error = ReadPlan(
@@ -43,7 +43,8 @@ std::string Check(const std::string& text, const std::vector<Device>& devices = 
   constexpr const char* steps[] = {"alone", "missing", "blocked", "address", "on", "off"};
   if (plan.errors.empty())
     for (const PlannedChange& change : plan.changes)
-      shown += std::to_string(change.line) + ':' + steps[static_cast<int>(change.step)] + ' ';
+      shown += std::to_string(change.line) + ':' + steps[static_cast<int>(change.step)] +
+               (change.words.empty() ? " " : "? ");
   return shown;
 }
 
@@ -99,7 +100,7 @@ TEST(Plan, SaysWhatIsToBeDoneInWhichOrderOrWhatIsWrong) {
         "M1,,@92,24"}},     // what device 2 had before
       {"2:on ", {"M1,,@12,24,,on", "M3,,,,,on"}},
       {"2:off ", {"M2,,,,,off"}},
-      {"2:blocked ", {"M3,,,,,off"}},
+      {"2:blocked? ", {"M3,,,,,off"}},
       {"2:missing ", {"M9,,@99,24"}},
       // An address is free first, unless it goes round.
       {"4:address 3:address 2:address ", {"M1,,@12,24\nM2,,@13,24\nM3,,@14,24"}},
@@ -119,6 +120,8 @@ TEST(Plan, SaysWhatIsToBeDoneInWhichOrderOrWhatIsWrong) {
   std::vector<Device> devices = Bench();
   devices[0].record.gateway = "10.0.0.1";  // of no use, and kept all the same
   EXPECT_EQ("2:alone ", Check("mac,address,prefix,dns\nM1,@11,24,@53\n", devices));
+  devices[2].sources.pop_back();
+  EXPECT_EQ("2:alone? ", Check("mac,address,prefix,dhcp\nM3,@13,24,off\n", devices));
   for (const char* text :
        {"\nname;mac;dhcp\n\"a;b\";M1;on", "\nname\tmac\tdhcp\n;\tM1\ton", "\nmac,name,dhcp\nM1,;,on"})
     EXPECT_EQ("3:on ", Check(text));
