@@ -89,7 +89,14 @@ std::string Differences(const Seen& after, const Settings& wanted) {
   return text;
 }
 
-Outcome Unchanged(Reply reply) {
+/// Of a device whose record shows what it showed before. A service that refuses knows nothing of what the daemon sets
+/// then, and this PC may not hear the new address.
+Outcome Unchanged(const Seen& before, const Seen& after, Reply reply) {
+  if (after.settings.dhcp && after.answering.empty() && !before.answering.empty()) {
+    return {Result::Different,
+            "its record shows the old settings, but it is no longer heard over IPv4 (its service may have refused, so "
+            "the interface alone was set)"};
+  }
   return {Result::Unchanged,
           reply == Reply::Ack ? "acknowledged, but nothing has changed" : "not acknowledged, and nothing has changed"};
 }
@@ -303,7 +310,7 @@ Outcome JudgeStatic(const Settings& wanted, const Seen& before, const std::optio
   if (!after) return NotHeardAgain(reply);
   const bool wasSo = IsAsWanted(before, wanted) && reply != Reply::Ack;  // then the record proves nothing
   if (IsAsWanted(*after, wanted) && !wasSo) return {Result::Done, InWords(after->settings) + Doubt(reply)};
-  if (IsAsBefore(*after, before)) return Unchanged(reply);
+  if (IsAsBefore(*after, before)) return Unchanged(before, *after, reply);
   return {Result::Different, Differences(*after, wanted)};
 }
 
@@ -322,7 +329,7 @@ Outcome JudgeDhcp(bool on, const Seen& before, const std::optional<Seen>& after,
   if (on && isEverAway && reply == Reply::Ack) {
     return {Result::Done, words + ", as far as can be seen: without its service a device never shows DHCP"};
   }
-  if (IsAsBefore(*after, before) && (after->settings.dhcp || isEverAway)) return Unchanged(reply);
+  if (IsAsBefore(*after, before) && (after->settings.dhcp || isEverAway)) return Unchanged(before, *after, reply);
   if (after->settings.dhcp)
     return {Result::Different, std::string("DHCP is ") + (on ? "off" : "on") + " with " + words};
   return {Result::Different, "its service is away now, so DHCP cannot be seen; it has " + words};
@@ -343,7 +350,7 @@ std::string ArgumentFor(const Device& device, const std::vector<Device>& devices
   return device.sources.empty() ? "" : device.sources.front().address;
 }
 
-std::string RestoringCommand(const std::string& argument, const Settings& before, const Settings& after, bool isTaken,
+std::string RestoringCommand(const std::string& argument, const Settings& before, const Settings& after, bool isForced,
                              const std::vector<IPv4>& ownAddresses) {
   if (before.dhcp.value_or(false)) return "tarnddp dhcp " + argument + " on";
   StaticAddress old;
@@ -356,7 +363,7 @@ std::string RestoringCommand(const std::string& argument, const Settings& before
   } else if (after.dhcp.value_or(false) || TargetOf(old, after).settings.gateway) {
     command += " --gateway 0.0.0.0";  // without it the present one would be kept, or the one that a lease brings
   }
-  return UnwiseGateway(old).empty() && !isTaken ? command : command + " --force";
+  return UnwiseGateway(old).empty() && !isForced ? command : command + " --force";
 }
 
 std::string ForwardedRequest(const std::string& word, const std::vector<std::string>& arguments, std::string& request) {

@@ -104,9 +104,9 @@ std::string InWords(const Settings& settings);
 
 /// The word that means this device alone on a command line, safe to paste.
 std::string ArgumentFor(const Device& device, const std::vector<Device>& devices);
-/// The command that brings `before` back once `after` is in force; empty if no command can. `isTaken`: somebody else
-/// has its address, too.
-std::string RestoringCommand(const std::string& argument, const Settings& before, const Settings& after, bool isTaken,
+/// The command that brings `before` back once `after` is in force; empty if no command can. `isForced`: it is refused
+/// otherwise, for instance as somebody else has its address, too.
+std::string RestoringCommand(const std::string& argument, const Settings& before, const Settings& after, bool isForced,
                              const std::vector<IPv4>& ownAddresses);
 
 /// Whether `word` and `arguments` may be passed on to a device's service. The empty text and the datagram in `request`,

@@ -64,7 +64,8 @@ int SetIP(const SetIPOptions& options) {
   const auto device = session.Find(options.device);
   if (!device) return session.Status();
   const Seen before = SeenOf(*device);
-  if (before.settings.dhcp && IsInForce(wanted, before)) {  // unknown while the service is away: then it is sent
+  // Unknown while the service is away: then it is sent.
+  if (!options.force && before.settings.dhcp && IsInForce(wanted, before)) {
     const std::string words = InWords(before.settings) + " already; nothing was sent";
     return Finish(ReportOn(*device, {Result::Done, words}, before.settings), options.json);
   }

@@ -136,11 +136,11 @@ std::optional<Device> AskAgain(Session& session, const Device& device, bool alon
   return again;
 }
 
-std::string RestoringCommand(const Session& session, const Device& device, const Settings& after) {
+std::string RestoringCommand(const Session& session, const Device& device, const Settings& after, bool seemsSo) {
   const Settings before = FactsOf(device.record).settings;
   const auto address = ParseIPv4(before.address.value_or(""));
   const bool isTaken = address && !HoldersOf(*address, device, session.All(), session.StrangerAt(*address)).empty();
-  return RestoringCommand(ArgumentFor(device, session.All()), before, after, isTaken, OwnAddresses());
+  return RestoringCommand(ArgumentFor(device, session.All()), before, after, isTaken || seemsSo, OwnAddresses());
 }
 
 Order StaticOrder(const Target& target) {
@@ -193,7 +193,8 @@ std::optional<Report> Carry(Session& session, const Device& device, const Order&
   if (outcome.result == Result::Gone) outcome.words += LastSeen(device);
   Report report = ReportOn(device, outcome, after ? std::optional(after->settings) : std::nullopt);
   if (IsWorthRestoring(report)) {
-    report.restoring = RestoringCommand(session, device, after ? after->settings : order.planned);
+    const bool seemsSo = after && after->settings == report.before && after->answering.empty();
+    report.restoring = RestoringCommand(session, device, after ? after->settings : order.planned, seemsSo);
   }
   if (again) session.Replace(*again);
   return report;

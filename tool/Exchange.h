@@ -33,8 +33,9 @@ std::string PlannedText(const Order& order);
 /// status line. Throws Interrupted.
 std::optional<Report> Carry(Session& session, const Device& device, const Order& order, const std::string& progress);
 
-/// The command that brings the settings of `device` back once `after` is in force; empty if no command can.
-std::string RestoringCommand(const Session& session, const Device& device, const Settings& after);
+/// The command that brings the settings of `device` back once `after` is in force; empty if no command can. `seemsSo`:
+/// its record shows them still, so they have to be forced.
+std::string RestoringCommand(const Session& session, const Device& device, const Settings& after, bool seemsSo = false);
 
 /// What Carry() would do.
 Report ReportPlanned(const Session& session, const Device& device, const Order& order);

@@ -142,7 +142,11 @@ TEST(Judgement, TellsWhatCameOfAChange) {
       {wanted, before, "10.0.0.2/16 - -", ack, "done: 10.0.0.2/16, no gateway"},
       {wanted, wanted, wanted, ack, "done: 10.0.0.2/16, no gateway"},
       {wanted, wanted, wanted, none, neither},  // it was so before
-      {wanted, before, old, ack, unchanged},
+      {wanted, before, old + " 192.168.1.10", ack, unchanged},
+      {wanted, before, old, ack,
+       "different: its record shows the old settings, but it is no longer heard over IPv4 (its service may have "
+       "refused, "
+       "so the interface alone was set)"},
       {wanted, before, wanted, nack,
        "refused: the device refused it, but its settings are now 10.0.0.2/16, no gateway"},
       {wanted, before, "", none, "gone: not " + gone},
