@@ -38,10 +38,7 @@ const Interface* FindInterface(const Host& host, const std::string& name) {
 }
 
 bool IsOwn(IPv4 address, const Host& host) {
-  return std::any_of(host.interfaces.begin(), host.interfaces.end(), [address](const Interface& interface) {
-    return std::any_of(interface.subnets.begin(), interface.subnets.end(),
-                       [address](const Subnet& subnet) { return subnet.address == address; });
-  });
+  return std::find(host.addresses.begin(), host.addresses.end(), address) != host.addresses.end();
 }
 
 /// A daemon on this very PC is heard as well. No other device's answer comes from an address of this PC: the system

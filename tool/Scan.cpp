@@ -5,6 +5,7 @@
 #include "tool/Csv.h"
 #include "tool/Output.h"
 #include "tool/Screen.h"
+#include "tool/Session.h"
 
 namespace tarnddp {
 namespace {
@@ -103,7 +104,7 @@ int ScanOnce(const ScanOptions& options) {
 
 }  // namespace
 
-Host HostOf(const Network& network) { return {network.Used(), ReversePathOf, RouteInterface}; }
+Host HostOf(const Network& network) { return {network.Used(), OwnAddresses(), ReversePathOf, RouteInterface}; }
 
 std::string DevicesText(int count) { return std::to_string(count) + (count == 1 ? " device" : " devices"); }
 
