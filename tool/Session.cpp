@@ -1,6 +1,7 @@
 #include "tool/Session.h"
 
 #include <algorithm>
+#include <set>
 
 #include "tool/Judge.h"
 #include "tool/Output.h"
@@ -13,8 +14,9 @@ namespace {
 
 std::string WhereHeard(const Device& device) {
   std::string where;
+  std::set<std::string> told;
   for (const Source& source : device.sources) {
-    if (where.find(source.address) == std::string::npos) AppendItem(where, source.address);
+    if (told.insert(source.address).second) AppendItem(where, source.address);
   }
   return where;
 }
