@@ -144,6 +144,15 @@ void Restore(SendOptions& options) {
   for (std::string& argument : options.arguments) Unescape(argument);
 }
 
+/// The first "--option=" before a "--", or nothing: CLI11 would take the next word for its value, whatever that is.
+std::string WithoutValue(const std::vector<std::string>& words) {
+  const auto end = std::find(words.begin(), words.end(), "--");
+  const auto found = std::find_if(words.begin(), end, [](const std::string& word) {
+    return word.compare(0, 2, "--") == 0 && word.find('=') == word.size() - 1;
+  });
+  return found == end ? "" : *found;
+}
+
 template <typename Options>
 Command Read(const std::string& name, std::vector<std::string> words) {
   Options options;
@@ -151,6 +160,10 @@ Command Read(const std::string& name, std::vector<std::string> words) {
   app.allow_windows_style_options(false);  // "/x" is an argument everywhere
   Declare(app, options);
   AddCommon(app, options);
+  const std::string seeHelp = " (see tarnddp " + name + " --help)";
+  if (const std::string bare = WithoutValue(words); !bare.empty()) {
+    return Ending{bare + " lacks its value" + seeHelp, StatusUsage};
+  }
   if constexpr (std::is_same_v<Options, SendOptions>) std::for_each(words.begin(), words.end(), Escape);
   std::reverse(words.begin(), words.end());  // as CLI11 takes a list of words
   try {
@@ -158,7 +171,7 @@ Command Read(const std::string& name, std::vector<std::string> words) {
   } catch (const CLI::CallForHelp&) {
     return Ending{app.help(), StatusDone};
   } catch (const CLI::Error& error) {
-    return Ending{std::string(error.what()) + " (see tarnddp " + name + " --help)", StatusUsage};
+    return Ending{error.what() + seeHelp, StatusUsage};
   }
   Restore(options);
   return options;
