@@ -72,7 +72,7 @@ void Network::Sockets::Choose(const std::vector<std::string>& named) {
   const std::vector<Interface> all = ListInterfaces();
   if (named.empty()) {
     for (const Interface& one : all)
-      if (one.isUp && one.canMulticast && !one.isLoopback) Open(one);
+      if (one.isUp && one.canMulticast && !one.isLoopback && !one.isPort) Open(one);
     if (links.empty() && failures.empty()) failures.push_back({"", "no network interface is up"});
     return;
   }

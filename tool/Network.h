@@ -47,7 +47,8 @@ struct Unusable {
 /// The sockets on some interfaces. Owns them. One thread.
 class Network {
  public:
-  /// Opens on the interfaces named, or, if none is, on every one that is up, can multicast and is not loopback.
+  /// Opens on the interfaces named, or, if none is, on every one that is up, can multicast and is neither loopback nor
+  /// a port.
   explicit Network(const std::vector<std::string>& named);
   ~Network();
   Network(const Network&) = delete;

@@ -31,11 +31,12 @@ struct Interface {
   bool canMulticast = false;
   std::vector<Subnet> subnets;  ///< its IPv4 addresses; requests leave by the first
   std::string linkLocal;        ///< its IPv6 link-local address without zone, empty if it has none that serves
+  bool isPort = false;          ///< of a bridge, which gets all that comes in here
 
   bool operator==(const Interface& other) const {
     return name == other.name && index == other.index && isUp == other.isUp && hasLink == other.hasLink &&
            isLoopback == other.isLoopback && canMulticast == other.canMulticast && subnets == other.subnets &&
-           linkLocal == other.linkLocal;
+           linkLocal == other.linkLocal && isPort == other.isPort;
   }
 };
 

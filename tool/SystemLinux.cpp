@@ -124,6 +124,10 @@ unsigned IndexOf(const ifaddrs& entry) {
   return RouteIndex(Number(entry.ifa_addr), RTN_LOCAL, RTM_F_FIB_MATCH);
 }
 
+bool IsBridgePort(const std::string& interface) {
+  return access(("/sys/class/net/" + interface + "/brport").c_str(), F_OK) == 0;
+}
+
 std::optional<TerminalSize> TerminalOf(int descriptor) {
   const char* kind = std::getenv("TERM");
   if (isatty(descriptor) == 0 || (kind != nullptr && std::strcmp(kind, "dumb") == 0)) return std::nullopt;
@@ -184,6 +188,7 @@ std::vector<Interface> ListInterfaces() {
     interface.hasLink = (entry->ifa_flags & IFF_RUNNING) != 0;
     interface.isLoopback = (entry->ifa_flags & IFF_LOOPBACK) != 0;
     interface.canMulticast = (entry->ifa_flags & IFF_MULTICAST) != 0;
+    interface.isPort = IsBridgePort(interface.name);
     TakeAddress(interface, *entry);
   }
   for (auto& [index, address] : ReadLinkLocals()) {
