@@ -3,9 +3,8 @@
 #include <gtest/gtest.h>
 #include <utf8.h>
 
-#include <cstdint>
 #include <iterator>
-#include <sstream>
+#include <map>
 #include <string>
 
 using namespace tarnddp;
@@ -39,23 +38,14 @@ TEST(Text, NoCellIsAFormula) {
 }
 
 TEST(Text, EveryCharacterTakesItsColumns) {
-  std::ostringstream told;  // from which character on it is how many: none, one, two, or an escape's four for each byte
-  int columns = 1;
+  std::map<int, int> characters;  // how many take none, one, two, or an escape's four for each byte
   for (char32_t c = 0; c <= 0x10ffff; ++c) {
     if (c == 0xd800) c = 0xe000;  // halves of pairs, which are no characters
     std::string text;
     utf8::unchecked::append(c, std::back_inserter(text));
-    const int now = Width(Shown(text));
-    if (now != columns) told << std::hex << std::uint32_t{c} << std::dec << ':' << now << ' ';
-    columns = now;
+    ++characters[Width(Shown(text))];
   }
-  EXPECT_EQ(
-      "0:4 20:1 7f:4 80:8 a0:1 300:0 370:1 483:0 48a:1 591:0 5be:1 610:0 61b:1 61c:8 61d:1 64b:0 660:1 1100:2 1160:1 "
-      "1ab0:0 1b00:1 1dc0:0 1e00:1 200b:0 200e:12 2010:1 2028:12 202f:1 2060:0 2065:1 2066:12 206a:1 20d0:0 2100:1 "
-      "2e80:2 303f:1 3041:2 a4d0:1 a960:2 a97d:1 ac00:2 d7a4:1 f900:2 fb00:1 fe00:0 fe10:1 fe20:0 fe30:2 fe70:1 "
-      "feff:0 ff00:2 ff61:1 ffe0:2 ffe7:1 1f300:2 1f650:1 1f680:2 1f700:1 1f900:2 1fa00:1 20000:2 3fffe:1 e0100:0 "
-      "e01f0:1 ",
-      told.str());
+  EXPECT_EQ((std::map<int, int>{{0, 669}, {1, 919457}, {2, 191859}, {4, 33}, {8, 33}, {12, 13}}), characters);
 }
 
 TEST(Text, FitsIntoColumns) {
