@@ -75,6 +75,15 @@ bool IsWorthRestoring(const Report& report) {
 
 bool HasNoAddress(const Device& device) { return IsServiceAway(device.record) && device.record.address == "0.0.0.0"; }
 
+/// Who else has the address of `device`, behind a comma: a server may lease what another device was given by hand. Not
+/// what this PC's neighbour table remembers: that is whoever had the lease before.
+std::string Shared(const Session& session, const Device& device) {
+  const std::optional<IPv4> address = ParseIPv4(device.record.address);
+  if (!address || *address == 0) return {};
+  const std::vector<Holder> holders = HoldersOf(*address, device, session.All(), {});
+  return holders.empty() ? "" : ", but " + holders.front().text + ", too";
+}
+
 /// Asks until the device is as `judge` wants it or the time is over; how it was heard last.
 std::optional<Device> LookAfter(Session& session, const Device& device, const Order& order, Reply reply) {
   const Seen before = SeenOf(device);
@@ -191,6 +200,7 @@ std::optional<Report> Carry(Session& session, const Device& device, const Order&
   const std::optional<Seen> after = again ? std::optional(SeenOf(*again)) : std::nullopt;
   Outcome outcome = order.judge(SeenOf(device), after, *reply);
   if (outcome.result == Result::Gone) outcome.words += LastSeen(device);
+  if (outcome.result == Result::Done && !order.planned.address) outcome.words += Shared(session, *again);
   Report report = ReportOn(device, outcome, after ? std::optional(after->settings) : std::nullopt);
   if (IsWorthRestoring(report)) {
     const bool seemsSo = after && after->settings == report.before && after->answering.empty();

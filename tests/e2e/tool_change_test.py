@@ -256,6 +256,7 @@ class Change(unittest.TestCase):
     def test_dhcp(self):
         self.device(1, "192.168.1.21/24", "Press 1")
         self.device(2, "192.168.1.22/24")
+        self.fake(8, lambda datagram: None).records = [record(MACS[8], "Fake 8", "98", "192.168.1.150")]
         testnet.start_dnsmasq(self.net.host("server", "192.168.1.4/24"), self.net.folder, "192.168.1.150", "192.168.1.150")
         self.ready()
         self.assertEqual([Run(self.pc, "dhcp", "Press 1", state, "--dry-run", *QUICK).end() for state in ("on", "off")], [
@@ -268,6 +269,7 @@ class Change(unittest.TestCase):
                 (("Press 1", "off"), 1, settings("192.168.1.21", dhcp=True), settings("192.168.1.21"))):
             with self.subTest(words):
                 status, out, err = Run(self.pc, "dhcp", *words, "--json", *QUICK).end()
+                self.assertEqual("but 192.168.1.150 is the address of Fake 8" in err, number == 2, err)
                 self.assertEqual((json.loads(out), status, err.count("come back with: tarnddp ")), ({
                     "mac": MACS[number], "result": "done", "before": before, "after": after}, 0, 1), err)
                 self.assertEqual(self.sent(), [(f"device {number}", 5564, "SETDHCPMODE!", str(int(words[1] == "on")))])
