@@ -42,12 +42,6 @@ bool IsOneOf(const std::string& text, const std::vector<std::string>& texts) {
   return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-/// Whether another device answers from where `source` is, too.
-bool IsShared(const Source& source, const Device& device, const std::vector<Device>& devices) {
-  return std::any_of(devices.begin(), devices.end(),
-                     [&](const Device& other) { return other.id != device.id && other.AnswersFrom(source.address); });
-}
-
 bool SameSettings(const Settings& one, const Settings& other) {
   const bool sameDhcp = !one.dhcp || !other.dhcp || one.dhcp == other.dhcp;  // unknown while the service is away
   return sameDhcp && one.address == other.address && one.prefix == other.prefix && one.gateway == other.gateway;
@@ -241,7 +235,8 @@ std::string ReachabilityNote(const Settings& settings, const std::vector<Interfa
 
 std::optional<Path> LinkLocalPath(const Device& device, const std::vector<Device>& devices) {
   for (const Source& source : device.sources) {
-    if (source.way == Way::IPv6 && source.address.compare(0, 4, "fe80") == 0 && !IsShared(source, device, devices)) {
+    if (source.way == Way::IPv6 && source.address.compare(0, 4, "fe80") == 0 &&
+        !IsOthers(source.address, device, devices)) {
       return Path{source, {}};
     }
   }
@@ -258,7 +253,7 @@ std::optional<Path> PathTo(const Device& device, const std::vector<Device>& devi
   }
   const auto filter = FilterOf(device, devices, why);
   if (!filter) return std::nullopt;
-  const bool byGroup = unicast == nullptr || (group != nullptr && IsShared(*unicast, device, devices));
+  const bool byGroup = unicast == nullptr || (group != nullptr && IsOthers(unicast->address, device, devices));
   return Path{byGroup ? *group : *unicast, *filter};
 }
 

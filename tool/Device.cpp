@@ -111,6 +111,11 @@ bool SharesMac(const Device& device, const std::vector<Device>& devices) {
          });
 }
 
+bool IsOthers(const std::string& address, const Device& device, const std::vector<Device>& devices) {
+  return std::any_of(devices.begin(), devices.end(),
+                     [&](const Device& other) { return other.id != device.id && other.AnswersFrom(address); });
+}
+
 bool Devices::Add(const Answer& answer, int round) {
   const std::optional<std::string> mac = FactsOf(answer.record).mac;
   Group& group = groups[mac ? *mac : answer.source.interface + " " + answer.source.address];

@@ -48,6 +48,9 @@ struct Device {
 /// Whether another one of `devices` has the MAC address of `device`; never without a usable one.
 bool SharesMac(const Device& device, const std::vector<Device>& devices);
 
+/// Whether another one of `devices` answers from `address`.
+bool IsOthers(const std::string& address, const Device& device, const std::vector<Device>& devices);
+
 /// All that has been heard, merged to devices: by MAC address; one without a usable MAC by where it answers from. One
 /// MAC with two link-local addresses on one interface, or with two serial numbers, is two devices.
 class Devices {

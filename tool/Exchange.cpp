@@ -20,8 +20,7 @@ bool IsReply(const Datagram& datagram, const Device& device, const std::vector<D
   if (datagram.source.way != path.to.way) return false;
   const std::string& from = datagram.source.address;
   if (from == path.to.address || path.to.way == Way::IPv6) return from == path.to.address;
-  return std::none_of(devices.begin(), devices.end(),
-                      [&](const Device& other) { return other.id != device.id && other.AnswersFrom(from); });
+  return !IsOthers(from, device, devices);
 }
 
 /// What came until now is no reply to what is sent next. Not for ever, whoever floods.
@@ -39,12 +38,15 @@ std::optional<Reply> AwaitReply(Network& network, Time deadline, const std::func
   return datagram->bytes == Acknowledgement ? Reply::Ack : Reply::Nack;
 }
 
-/// Whether an answer is this device's. One that shares its MAC address is known by its serial number or where it is.
+/// Whether an answer is this device's. One that shares its MAC address is known by where it is, or, if no other one is
+/// there, by its serial number, which may be shared as well.
 bool IsSame(const Device& device, const std::vector<Device>& devices, const Answer& answer) {
   const Facts known = FactsOf(device.record), facts = FactsOf(answer.record);
   if (facts.mac != known.mac) return false;
   if (known.mac && !SharesMac(device, devices)) return true;
-  return device.AnswersFrom(answer.source.address) || (known.mac && known.serial && facts.serial == known.serial);
+  const std::string& from = answer.source.address;
+  if (IsOthers(from, device, devices)) return false;
+  return device.AnswersFrom(from) || (known.mac && known.serial && facts.serial == known.serial);
 }
 
 std::string LastSeen(const Device& device) {

@@ -99,7 +99,7 @@ class Change(unittest.TestCase):
         self.fake(11, lambda datagram: b"ACK\n")
         leaving = self.fake(12, lambda datagram: leaving.records.clear() or b"ACK\n")
         self.fake(13, lambda datagram: b"ACK\n")
-        self.fake(14, lambda datagram: b"ACK\n", MACS[13])
+        self.fake(14, lambda datagram: b"ACK\n").records = [record(MACS[13], "Clone", "913", "192.168.1.104")]
         self.device(15, None)
         self.ready(3)
 
