@@ -136,7 +136,7 @@ std::optional<Device> AskAgain(Session& session, const Device& device, bool alon
     if (!datagram) break;
     const auto record = ReadRecord(datagram->bytes);
     if (!record || !IsSame(device, session.All(), {datagram->source, *record})) continue;
-    if (heard.Count() == 0) roundEnd = std::min(Clock::now() + Settling, end);
+    if (heard.Count() == 0) roundEnd = Clock::now() + Settling;  // also beyond `end`: half of the answers mislead
     heard.Add({datagram->source, *record});
   }
   if (WasInterrupted()) throw Interrupted();
