@@ -132,7 +132,10 @@ bool Devices::Add(const Answer& answer, int round) {
   } else {
     known->round = round;
     known->age = lastAge;
-    if (known->answer.record == answer.record) return false;
+    const auto device = std::find_if(group.devices.begin(), group.devices.end(),
+                                     [&known](const Device& one) { return one.id == known->id; });
+    // Another source may have told something else in between.
+    if (known->answer.record == answer.record && device->record == answer.record) return false;
     known->answer.record = answer.record;
   }
   Split(group);

@@ -58,6 +58,7 @@ TEST(Devices, KeepTheirNumberTheNewestRecordAndWhatCameSince) {
   } steps[] = {{"e fe80::1 1 1 a", 1, true, "1a1 "},
                {"e fe80::1 1 1 a", 1, false, "1a1 "},
                {"e 1.1.1.1 1 1 b", 2, true, "1b2 "},
+               {"e fe80::1 1 1 a", 2, true, "1a2 "},
                {"e fe80::1 1 1 c", 2, true, "1c2 "},
                {"e fe80::2 1 1 b", 3, true, "2b2 1c1 "},
                {"", 2, false, "2b2 1c1 "},
