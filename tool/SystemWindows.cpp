@@ -135,12 +135,15 @@ class Console {
 };
 
 Console console;
-std::atomic<int> interrupts = 0;  // counted by a thread of the system's
+std::atomic<ULONGLONG> firstInterrupt = 0;  // GetTickCount64(), set by a thread of the system's; 0: none
 std::atomic<int> keepers = 0;
 
 BOOL WINAPI OnControl(DWORD event) {
-  const bool isFirst = interrupts++ == 0;
-  if (!isFirst || keepers == 0) {
+  constexpr ULONGLONG together = 500;
+  const ULONGLONG now = GetTickCount64();
+  ULONGLONG first = 0;
+  if (firstInterrupt.compare_exchange_strong(first, now)) first = now;
+  if (now >= first + together || keepers == 0) {
     DWORD count = 0;
     if (console.ErrorSize()) WriteFile(GetStdHandle(STD_ERROR_HANDLE), "\n", 1, &count, nullptr);
     console.Restore();
@@ -291,7 +294,7 @@ void HandleInterrupts() { SetConsoleCtrlHandler(OnControl, TRUE); }
 
 int GrantedBuffer(int told) { return told; }
 
-bool WasInterrupted() { return interrupts > 0; }
+bool WasInterrupted() { return firstInterrupt != 0; }
 KeepOnInterrupt::KeepOnInterrupt() { ++keepers; }
 KeepOnInterrupt::~KeepOnInterrupt() { --keepers; }
 
