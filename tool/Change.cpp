@@ -187,8 +187,10 @@ Target TargetOf(const StaticAddress& wanted, const Settings& before) {
       target.settings.gateway = IPv4Text(*kept);
       target.notes.push_back("the gateway " + *target.settings.gateway + " is kept");
     } else {
-      target.notes.push_back("the gateway " + Shown(*before.gateway) + " is of no use in " +
-                             IPv4Text(wanted.address & mask, wanted.prefix) + ", so the device gets none");
+      const std::string why = kept == wanted.address
+                                  ? "is the new address itself"
+                                  : "is of no use in " + IPv4Text(wanted.address & mask, wanted.prefix);
+      target.notes.push_back("the gateway " + Shown(*before.gateway) + ' ' + why + ", so the device gets none");
     }
   } else {
     target.notes.emplace_back("the device has no gateway and gets none");
