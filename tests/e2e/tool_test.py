@@ -317,7 +317,8 @@ class Hostile(unittest.TestCase):
             self.assertEqual((done.returncode, done.stdout, done.stderr), (3, "", "tarnddp: no network interface is up\n"))
         done = subprocess.run(self.pc.command("sh", "-c", 'ulimit -n 4; exec "$0"', TOOL), capture_output=True, text=True,
                               timeout=60, check=False)
-        self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", "tarnddp: epoll: Too many open files\n"))
+        self.assertEqual((done.returncode, done.stdout), (1, ""))
+        self.assertRegex(done.stderr, r"^tarnddp: epoll: Too many open files( \[system:24\])?\n$")   # as newer Boosts have it
         watch = Run(self.pc, "--watch")
         watch.process.stderr.readline()
         watch.process.stdout.close()
