@@ -1,4 +1,3 @@
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -41,8 +40,8 @@ std::string Receive() {
 }
 
 void Send(const std::string& reply) {
-  Upkeep_Network(InterfaceName);                         // the reply may need what the command just changed
-  if (!reply.empty()) Server.Send(reply, MSG_DONTWAIT);  // whom nobody can reach shall not hold the loop
+  Upkeep_Network(InterfaceName);  // the reply may need what the command just changed
+  if (!reply.empty()) Server.Send(reply);
   Upkeep_Memory();
 }
 

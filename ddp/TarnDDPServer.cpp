@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -177,20 +178,28 @@ std::string TarnDDPServer::Receive() {
   return {};
 }
 
-bool TarnDDPServer::Send(const std::string& reply, int flags) {
+bool TarnDDPServer::Send(const std::string& reply, int patienceMs) {
   const int through = _activeSocket;
   if (through < 0) return false;
-  ssize_t sent = -1;
-  if (through == _sockets[IPV4]) {
-    const AddressList group = Resolve(address_IPV4, port_IPV4, nullptr);
-    if (group) sent = sendto(through, reply.data(), reply.size(), flags, group->ai_addr, group->ai_addrlen);
-  } else {
-    sent = sendto(through, reply.data(), reply.size(), flags, reinterpret_cast<const sockaddr*>(_senderAddress),
-                  _senderAddressLength);
+  ssize_t sent = SendAtOnce(through, reply);
+  if (sent < 0 && errno == EAGAIN && patienceMs > 0) {
+    pollfd room = {through, POLLOUT, 0};
+    poll(&room, 1, patienceMs);
+    sent = SendAtOnce(through, reply);
+    if (sent < 0 && errno == EAGAIN) return false;
   }
   if (sent == static_cast<ssize_t>(reply.size())) return true;
   PrintSystemError();
   return false;
+}
+
+ssize_t TarnDDPServer::SendAtOnce(int through, const std::string& reply) const {
+  if (through != _sockets[IPV4]) {
+    return sendto(through, reply.data(), reply.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(_senderAddress),
+                  _senderAddressLength);
+  }
+  const AddressList group = Resolve(address_IPV4, port_IPV4, nullptr);
+  return group ? sendto(through, reply.data(), reply.size(), MSG_DONTWAIT, group->ai_addr, group->ai_addrlen) : -1;
 }
 
 std::string TarnDDPServer::GetSender() const {

@@ -35,9 +35,10 @@ class TarnDDPServer {
   std::string Receive();
 
   /// Sends `reply` to the last sender, or to the IPv4 group if the last request came through it. False if not all of it
-  /// went out, with the cause on standard output; silently before the first request. `flags` are those of send(2): up
-  /// to three seconds are waited for room behind what goes to hosts that cannot be found, with MSG_DONTWAIT none.
-  bool Send(const std::string& reply, int flags = 0);
+  /// went out, with the cause on standard output; silently before the first request. Behind what goes to hosts that
+  /// cannot be found there may be no room for up to 3 s: it is waited for as long as `patienceMs` says, after which,
+  /// unless that is 0, nothing is printed.
+  bool Send(const std::string& reply, int patienceMs = 0);
 
   /// The numeric address of the last sender.
   std::string GetSender() const;
@@ -78,6 +79,7 @@ class TarnDDPServer {
 
   bool OpenEndpoint(std::size_t which);
   bool OpenSocket(std::size_t which, int family);
+  ssize_t SendAtOnce(int through, const std::string& reply) const;
   void Replace(int& descriptor, int replacement);
   bool ChangeGroup(int family, int optionIPV4, int optionIPV6, unsigned index);
 

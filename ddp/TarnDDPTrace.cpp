@@ -127,9 +127,10 @@ int MillisecondsUntil(const AbsTime_US& deadline) {
 void SendText(char (&buffer)[LONGEST_TEXT + 1], std::size_t length) {
   if (length == LONGEST_TEXT) buffer[length - 1] = '\n';
   buffer[length] = '\0';
+  constexpr int PATIENCE_MS = 10;  // a slow link slows those who write; one that leads nowhere shall not stop them
   if (!Enabled) return;
   try {
-    Server.Send(buffer);
+    Server.Send(buffer, PATIENCE_MS);
   } catch (const std::bad_alloc&) {  // this text is lost
   }
 }

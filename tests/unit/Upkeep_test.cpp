@@ -136,6 +136,14 @@ TEST_F(Upkeep, TheLastRequesterIsReachedThroughTheSocketsThatReplaceOthers) {
   Server.InitConnections();
   EXPECT_TRUE(Server.Send("answer"));
   EXPECT_EQ(6, recv(requester, text, sizeof text, MSG_DONTWAIT));
+  std::string tries;
+  on_sendto = [&tries](int, const void*, size_t, int flags, const sockaddr*, socklen_t) {
+    tries += flags == MSG_DONTWAIT ? '.' : '!';
+    errno = EAGAIN;
+    return -1;
+  };
+  EXPECT_FALSE(Server.Send("trace text", 1));
+  EXPECT_EQ("..", tries);
   close(requester);
 }
 
