@@ -59,18 +59,12 @@ bool IsHalfMade(const char* path, mode_t kind, mode_t firstMode) {
   return mode == firstMode || mode == (firstMode & ~022U);
 }
 
-void MakeDirectory(TracePipe::Failures& failures) {
-  const bool exists = Exists(DIRECTORY);
-  if (!exists) failures.noDirectory = mkdir(DIRECTORY, FIRST_DIRECTORY_MODE) != 0;
-  if (exists && !IsHalfMade(DIRECTORY, S_IFDIR, FIRST_DIRECTORY_MODE)) return;
-  failures.noDirectoryModes = !LetEveryoneIn(DIRECTORY, S_IFDIR);
-}
-
-void MakePipe(TracePipe::Failures& failures) {
-  const bool exists = Exists(PIPE);
-  if (!exists) failures.noPipe = mkfifo(PIPE, FIRST_PIPE_MODE) != 0;
-  if (exists && !IsHalfMade(PIPE, S_IFIFO, FIRST_PIPE_MODE)) return;
-  failures.noPipeModes = !LetEveryoneIn(PIPE, S_IFIFO);
+/// Makes `path`, a directory or a pipe, where it is missing, and lets everyone into one that is new or half-made.
+void Make(const char* path, mode_t kind, mode_t firstMode, bool& failed, bool& modesFailed) {
+  const bool exists = Exists(path);
+  if (!exists) failed = (kind == S_IFDIR ? mkdir(path, firstMode) : mkfifo(path, firstMode)) != 0;
+  if (exists && !IsHalfMade(path, kind, firstMode)) return;
+  modesFailed = !LetEveryoneIn(path, kind);
 }
 
 void Close(int& descriptor) {
@@ -180,8 +174,8 @@ bool Final_TarnDDPTrace() { return true; }
 
 bool TarnDDPTrace_OpenPipe(TracePipe& pipe) {
   TracePipe::Failures failures = {};
-  MakeDirectory(failures);
-  MakePipe(failures);
+  Make(DIRECTORY, S_IFDIR, FIRST_DIRECTORY_MODE, failures.noDirectory, failures.noDirectoryModes);
+  Make(PIPE, S_IFIFO, FIRST_PIPE_MODE, failures.noPipe, failures.noPipeModes);
   WatchDirectory(pipe);  // before the path is opened, so that no change goes unseen
   failures.openError = Reopen(pipe.descriptor);
   if (!AreSame(failures, pipe.told)) PrintFailures(failures);
