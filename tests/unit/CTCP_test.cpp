@@ -1,13 +1,8 @@
 #include "net/CTCP.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 
-#include <tuple>
-
-#include "tests/unit/LoopbackPeer.h"
 #include "tests/unit/SystemCalls.h"
 
 namespace {

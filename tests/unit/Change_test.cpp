@@ -1,9 +1,5 @@
 #include "tool/Change.h"
 
-#include <gtest/gtest.h>
-
-#include <sstream>
-
 #include "DeviceSamples.h"
 
 namespace tarnddp {

@@ -1,9 +1,6 @@
 #include "base/ConsoleLine.h"
 
-#include <gtest/gtest.h>
 #include <pty.h>
-
-#include <tuple>
 
 #include "tests/unit/SystemCalls.h"
 

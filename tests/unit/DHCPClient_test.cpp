@@ -1,7 +1,5 @@
 #include "util/DHCPClient.h"
 
-#include <sys/select.h>
-
 #include "tests/unit/Interface.h"
 #include "tests/unit/SystemCalls.h"
 #include "util/DHCPMessage.h"

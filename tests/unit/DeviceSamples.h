@@ -2,8 +2,11 @@
 
 // Devices and answers for the tests, in one line each.
 
+#include <gtest/gtest.h>
+
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "tool/Device.h"
 

@@ -1,11 +1,7 @@
 #include "tool/Device.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "DeviceSamples.h"
 

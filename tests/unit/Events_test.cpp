@@ -1,8 +1,5 @@
 #include "tool/Events.h"
 
-#include <gtest/gtest.h>
-
-#include <sstream>
 #include <tuple>
 
 #include "DeviceSamples.h"

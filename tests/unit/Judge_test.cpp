@@ -1,10 +1,5 @@
 #include "tool/Judge.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "DeviceSamples.h"
 
 using namespace tarnddp;

@@ -1,7 +1,5 @@
 #include "tool/Plan.h"
 
-#include <gtest/gtest.h>
-
 #include <regex>
 
 #include "DeviceSamples.h"

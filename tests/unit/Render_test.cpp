@@ -1,10 +1,6 @@
 #include "tool/Render.h"
 
-#include <gtest/gtest.h>
-
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
 #include "DeviceSamples.h"
 #include "tool/Text.h"

@@ -2,9 +2,6 @@
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <poll.h>
-
-#include <ctime>
 
 #include "tests/unit/SystemCalls.h"
 

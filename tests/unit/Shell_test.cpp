@@ -25,13 +25,11 @@ std::string RunThrice(const std::string& command, std::string* text) {
 }  // namespace
 
 TEST(Shell, WordReachesACommandUnchangedWhateverItHolds) {
-  std::mt19937 generator(20261125);
   const std::string special = "'\"\\$`&|;<>()*?[]{}~#! \t\n=%aZ9-.",
                     plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.,:/@+%=";
   for (int round = 0; round < 400; ++round) {  // each byte alone, then before special ones
     std::string word(1, static_cast<char>(round % 255 + 1));
-    for (auto more = round < 255 ? 0 : generator() % 12; more > 0; --more)
-      word += special[generator() % special.size()];
+    for (auto more = round < 255 ? 0 : Random(12); more > 0; --more) word += special[Random(special.size())];
     const std::string quoted = ul_ShellWord(word);
     EXPECT_EQ(word.find_first_not_of(plain) == std::string::npos, quoted == word) << quoted;
     EXPECT_EQ(word + "\1", Output("printf '%s\\1' " + quoted));

@@ -1,8 +1,5 @@
 #include "ddp/Upkeep.h"
 
-#include <net/if.h>
-#include <netinet/in.h>
-
 #include "ddp/DeviceService.h"
 #include "ddp/TarnDDPServer.h"
 #include "tests/unit/SystemCalls.h"

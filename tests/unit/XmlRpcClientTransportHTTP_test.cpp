@@ -1,8 +1,5 @@
 #include "xmlrpc/XmlRpcClientTransportHTTP.h"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-
 #include "tests/unit/SystemCalls.h"
 #include "xmlrpc/XmlRpcLogHandler.h"
 #include "xmlrpc/XmlRpcUtil.h"

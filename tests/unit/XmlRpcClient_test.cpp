@@ -1,11 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <functional>
-
+#include "xmlrpc/XmlRpcClient.h"
 #include "rpc/RPCConf.h"
 #include "rpc/RPCMeas.h"
 #include "rpc/RPCSys.h"
-#include "xmlrpc/XmlRpcClient.h"
+#include "tests/unit/Test.h"
 #include "xmlrpc/XmlRpcClientTransportHTTP.h"
 #include "xmlrpc/XmlRpcUtil.h"
 

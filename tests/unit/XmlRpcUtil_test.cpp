@@ -1,14 +1,9 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pty.h>
 #include <stdio_ext.h>
-#include <unistd.h>
 
-#include <map>
-#include <random>
-#include <regex>
 #include <thread>
 
+#include "tests/unit/Test.h"
 #include "xmlrpc/XmlRpcLogHandler.h"
 #include "xmlrpc/XmlRpcUtil.h"
 
@@ -18,7 +13,6 @@ namespace {
 
 TEST(XmlRpcUtil, ScansTagsByTheirPatterns) {
   using U = XmlRpcUtil;
-  std::mt19937 random(1);
   std::map<std::string, std::regex> known;
   const std::string tags[] = {"", "<", "<A>", "<a>"}, blank = "[ \t\n\v\f\r]", any = "[\\s\\S]*?",
                     next = blank + "*(?=[^ \t\n\v\f\r])", never = "[^\\s\\S]";
@@ -26,8 +20,8 @@ TEST(XmlRpcUtil, ScansTagsByTheirPatterns) {
                                 "\t\r", "<t x>", "/>",   "</",    ">",  "\x0e"};
   for (int i = 0; i < 20000 && !testing::Test::HasFailure(); ++i) {
     std::string xml;
-    for (auto n = random() % 7; n > 0; --n) xml += pieces[random() % 13];
-    const int offset = i % 4 > 0 ? 0 : static_cast<int>(random() % (xml.size() + 4)) - 2;
+    for (auto n = Random(7); n > 0; --n) xml += pieces[Random(13)];
+    const int offset = i % 4 > 0 ? 0 : static_cast<int>(Random(xml.size() + 4)) - 2;
     int at = offset;
     // What the pattern has in brackets; the offset behind what it matches, here and nowhere else.
     const auto expect = [&](const std::string& pattern, const std::string& result) {
@@ -52,7 +46,6 @@ TEST(XmlRpcUtil, ScansTagsByTheirPatterns) {
 }
 
 TEST(XmlRpcUtil, CodesEntitiesPieceByPiece) {
-  std::mt19937 random(2);
   const char* const pieces[][3] = {
       // as it stands, decoded, encoded
       {"&lt;&gt;", "<>", "&amp;lt;&amp;gt;"}, {"&amp;", "&", "&amp;amp;"}, {"&apos;", "'", "&amp;apos;"},
@@ -62,8 +55,8 @@ TEST(XmlRpcUtil, CodesEntitiesPieceByPiece) {
   for (int i = 0; i < 20000; ++i) {
     std::string texts[3];
     for (std::string& text : texts) text.assign(i % 50 == 0 ? 1020 : 0, 'y');
-    for (auto n = random() % 6; n > 0; --n) {
-      const auto& piece = pieces[random() % std::size(pieces)];
+    for (auto n = Random(6); n > 0; --n) {
+      const auto& piece = pieces[Random(std::size(pieces))];
       for (std::size_t form = 0; form < 3; ++form) texts[form] += piece[form];
     }
     ASSERT_EQ(texts[1], XmlRpcUtil::xmlDecode(texts[0]));

@@ -1,6 +1,5 @@
 #include "util/_Time.h"
 
-#include <ctime>
 #include <limits>
 
 #include "tests/unit/SystemCalls.h"
