@@ -41,12 +41,20 @@ bool IsOwn(IPv4 address, const Host& host) {
   return std::find(host.addresses.begin(), host.addresses.end(), address) != host.addresses.end();
 }
 
+/// Whether this PC has it listed without using it.
+bool IsUnused(IPv4 address, const Host& host) {
+  return std::any_of(host.interfaces.begin(), host.interfaces.end(), [address](const Interface& interface) {
+    return std::any_of(interface.subnets.begin(), interface.subnets.end(),
+                       [address](const Subnet& subnet) { return subnet.address == address && !subnet.serves; });
+  });
+}
+
 /// A daemon on this very PC is heard as well. No other device's answer comes from an address of this PC: the system
 /// drops it.
 bool IsThisPC(const Device& device, const Host& host) {
   return std::any_of(device.sources.begin(), device.sources.end(), [&host](const Source& source) {
     const std::optional<IPv4> address = ParseIPv4(source.address);
-    if (address) return IsOwn(*address, host);
+    if (address) return IsOwn(*address, host) && !IsUnused(*address, host);
     const Interface* interface = FindInterface(host, source.interface);
     return interface != nullptr && WithoutZone(source.address) == interface->linkLocal;
   });

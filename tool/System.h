@@ -17,8 +17,11 @@ namespace tarnddp {
 struct Subnet {
   IPv4 address = 0;  ///< this PC's own
   int prefix = 0;
+  bool serves = true;  ///< not while it is checked for a double, nor if it has one
 
-  bool operator==(const Subnet& other) const { return address == other.address && prefix == other.prefix; }
+  bool operator==(const Subnet& other) const {
+    return address == other.address && prefix == other.prefix && serves == other.serves;
+  }
 };
 
 /// A network interface of this PC.

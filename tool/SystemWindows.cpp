@@ -9,6 +9,7 @@
 #include <winternl.h>
 #include <ws2tcpip.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -45,14 +46,14 @@ std::wstring Wide(const std::string& text) {
 
 void TakeAddress(Interface& interface, const IP_ADAPTER_UNICAST_ADDRESS& entry) {
   const sockaddr* address = entry.Address.lpSockaddr;
+  // One that is still being checked for a double cannot be bound to.
+  const bool serves = entry.DadState == IpDadStatePreferred || entry.DadState == IpDadStateDeprecated;
   if (address->sa_family == AF_INET) {
     sockaddr_in internet = {};
     std::memcpy(&internet, address, sizeof internet);
-    interface.subnets.push_back({ntohl(internet.sin_addr.s_addr), entry.OnLinkPrefixLength});
+    interface.subnets.push_back({ntohl(internet.sin_addr.s_addr), entry.OnLinkPrefixLength, serves});
     return;
   }
-  // The first that serves: one that is still being checked for a double cannot be bound to.
-  const bool serves = entry.DadState == IpDadStatePreferred || entry.DadState == IpDadStateDeprecated;
   if (address->sa_family != AF_INET6 || !serves || !interface.linkLocal.empty()) return;
   sockaddr_in6 internet = {};
   std::memcpy(&internet, address, sizeof internet);
@@ -74,6 +75,8 @@ Interface ReadAdapter(const IP_ADAPTER_ADDRESSES& adapter) {
   for (const auto* entry = adapter.FirstUnicastAddress; entry != nullptr; entry = entry->Next) {
     TakeAddress(interface, *entry);
   }
+  // One with a double stays beside the one that the system makes up in its place.
+  std::stable_partition(interface.subnets.begin(), interface.subnets.end(), [](const Subnet& s) { return s.serves; });
   return interface;
 }
 

@@ -6,11 +6,11 @@ using namespace tarnddp;
 
 namespace {
 
-/// A PC with 192.168.1.3/24 on e, 10.8.0.2 where it does not ask, and no other route than to the former, unless `route`
-/// names where all else goes.
+/// A PC with 192.168.1.3/24 on e, and 192.168.1.9, which has a double, 10.8.0.2 where it does not ask, and no other
+/// route than to the first, unless `route` names where all else goes.
 Host HostWith(ReversePath filter, const std::string& route) {
-  return {{{"e", 2, true, true, false, true, {{0xc0a80103, 24}}, "fe80::3"}},
-          {0xc0a80103, 0x0a080002},
+  return {{{"e", 2, true, true, false, true, {{0xc0a80103, 24}, {0xc0a80109, 24, false}}, "fe80::3"}},
+          {0xc0a80103, 0xc0a80109, 0x0a080002},
           [filter](const std::string&) { return filter; },
           [route](IPv4 address) { return address >> 8U == 0xc0a801 ? std::string("e") : route; }};
 }
@@ -39,6 +39,7 @@ TEST(Judge, NamesWhatIsSharedAndWhatContradicts) {
       {{"e fe80::1 1 1 10.8.0.2"}, "this PC has its address 10.8.0.2 as well"},
       {{"e fe80::3 1 1 192.168.1.3"}, ""},  // the daemon on this PC
       {{"e 192.168.1.3 1 1 192.168.1.3"}, ""},
+      {{"e 192.168.1.9 1 1 192.168.1.9"}, "this PC has its address 192.168.1.9 as well"},
       {{"e fe80::1 1 1 10.0.0.1 A", "e fe80::2 1 1 10.0.0.2 B", "e fe80::4 1 1 10.0.0.3 C", "e fe80::5 1 1 10.0.0.4 D",
         "e fe80::6 1 1 10.0.0.5 E"},
        "has the MAC address " + m + common + "B" + at + "2%e, C" + at + "4%e, D" + at + "5%e and 1 more, on e"},
