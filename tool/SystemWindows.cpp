@@ -130,7 +130,8 @@ class Console {
       if (!movesCursor) return std::nullopt;
       CONSOLE_SCREEN_BUFFER_INFO info = {};
       if (GetConsoleScreenBufferInfo(handle, &info) == 0) return TerminalSize();
-      return TerminalSize{info.srWindow.Right - info.srWindow.Left + 1, info.srWindow.Bottom - info.srWindow.Top + 1};
+      // Without the last column, as a console may move on to the next line as soon as that is written.
+      return TerminalSize{info.srWindow.Right - info.srWindow.Left, info.srWindow.Bottom - info.srWindow.Top + 1};
     }
   };
   std::array<Stream, 2> streams = {{{STD_OUTPUT_HANDLE}, {STD_ERROR_HANDLE}}};
