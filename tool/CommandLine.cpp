@@ -33,7 +33,8 @@ Examples:
   tarnddp scan --expect 10 --json                  for a script; ends as soon as ten devices were heard
   tarnddp scan --watch                             what comes and goes
   tarnddp set-ip ff05 192.168.1.20/24 --gateway 192.168.1.1
-  tarnddp scan --csv >plan.csv; tarnddp apply plan.csv
+  tarnddp scan --csv >plan.csv
+  tarnddp apply plan.csv
 
 Exit status: 0 done; 1 not, or not wholly, as asked; 2 wrong usage, address or plan; 3 no interface to send by; 130 interrupted.
 )";
