@@ -209,6 +209,9 @@ std::map<IPv4, std::string> Neighbours() {
     const bool isKnown = row->dwType == MIB_IPNET_TYPE_DYNAMIC || row->dwType == MIB_IPNET_TYPE_STATIC;
     if (!isKnown || row->dwPhysAddrLen != macLength) continue;
     const BYTE* mac = row->bPhysAddr;
+    // Who does not answer has zeros, and a broadcast address is listed, too.
+    const bool isHost = (mac[0] & 1U) == 0 && std::any_of(mac, mac + macLength, [](BYTE octet) { return octet != 0; });
+    if (!isHost) continue;
     neighbours.emplace(ntohl(row->dwAddr),
                        Format("%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]));
   }
