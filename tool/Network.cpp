@@ -79,7 +79,10 @@ void Network::Sockets::Choose(const std::vector<std::string>& named) {
   for (auto name = named.begin(); name != named.end(); ++name) {
     if (std::find(named.begin(), name, *name) != name) continue;
     const auto one =
-        std::find_if(all.begin(), all.end(), [&name](const Interface& other) { return other.name == *name; });
+        std::find_if(all.begin(), all.end(), [&name, index = InterfaceIndex(*name)](const Interface& other) {
+          return other.name == *name || other.index == index;
+        });
+    if (one != all.end() && std::find(used.begin(), used.end(), *one) != used.end()) continue;
     const std::size_t before = links.size();
     if (one == all.end()) {
       failures.push_back({*name, "there is no such interface"});

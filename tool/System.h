@@ -46,6 +46,9 @@ struct Interface {
 /// All interfaces, in the system's order. Empty if they cannot be read.
 std::vector<Interface> ListInterfaces();
 
+/// The number of the interface that has `name`, be it by another name than ListInterfaces() gives; 0 if none is known.
+unsigned InterfaceIndex(const std::string& name);
+
 /// How an interface treats a datagram whose sender is not where the routes would look for it.
 enum class ReversePath { Accepts, NeedsAnyRoute, NeedsRouteHere };
 ReversePath ReversePathOf(const std::string& interface);

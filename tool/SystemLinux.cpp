@@ -201,6 +201,11 @@ std::vector<Interface> ListInterfaces() {
   return interfaces;
 }
 
+unsigned InterfaceIndex(const std::string& name) {
+  // The kernel takes "eth0:anything" for eth0.
+  return name.find(':') == std::string::npos ? if_nametoindex(name.c_str()) : 0;
+}
+
 ReversePath ReversePathOf(const std::string& interface) {
   const std::string folder = "/proc/sys/net/ipv4/conf/";
   // The stricter of the two counts, as ip-sysctl has it.

@@ -187,6 +187,8 @@ std::vector<Interface> ListInterfaces() {
   return interfaces;
 }
 
+unsigned InterfaceIndex(const std::string& /*name*/) { return 0; }
+
 ReversePath ReversePathOf(const std::string& /*interface*/) { return ReversePath::Accepts; }
 
 std::string RouteInterface(IPv4 address) {

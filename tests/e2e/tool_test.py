@@ -51,6 +51,7 @@ class Found(unittest.TestCase):
             ("pc", "pc-open", "pc-routed"), 3))
         for pc in (cls.pc, cls.routed_pc):
             pc.run("sh", "-c", "echo 1 >/proc/sys/net/ipv4/conf/all/rp_filter")
+        cls.pc.run("ip", "link", "property", "add", "dev", "eth0", "altname", "port7")
         cls.routed_pc.run("ip", "route", "add", "default", "via", "192.168.1.1")
         with cls.open_pc.inside(), ddp_query.Caller("ipv4", testnet.INTERFACE) as caller:
             assert eventually(lambda: len(caller.ask_all(IDENT, 0.5)) == len(DEVICES), 20), "not all devices answer"
@@ -71,15 +72,15 @@ class Found(unittest.TestCase):
         wire = testnet.Wire(self.pc)
         runs = {words: Run(self.pc, *words.split()) for words in (
             "", "--time 6", "scan --time 6", "scan --json --time 6", "scan --csv",
-            "scan --expect 6 --json --interface eth0 --time 6", "scan --interface eth9", "scan --interface eth0 --interface lo",
-            "scan --interface eth0 --interface eth9", "--watch --interface eth9")}
+            "scan --expect 6 --json --interface port7 --interface eth0 --time 6", "scan --interface eth0:9",
+            "scan --interface eth0 --interface lo", "scan --interface eth0 --interface eth9", "--watch --interface eth9")}
         done = {words: run.end() for words, run in runs.items()}
         self.assertEqual(sent(wire), [])
         wire.close()
         self.assertEqual({words: status for words, (status, _, _) in done.items()},
                          {**dict.fromkeys(runs, 0), **dict.fromkeys(list(runs)[-4:], 3),
-                          "scan --expect 6 --json --interface eth0 --time 6": 1})
-        for words in ("scan --json --time 6", "scan --expect 6 --json --interface eth0 --time 6"):
+                          "scan --expect 6 --json --interface port7 --interface eth0 --time 6": 1})
+        for words in ("scan --json --time 6", "scan --expect 6 --json --interface port7 --interface eth0 --time 6"):
             with self.subTest(words):
                 self.check_json(done[words][1])
         expect = Run(self.pc, "scan", "--json", "--time", "50", "--expect", "5")   # alone, as it does not wait for long
