@@ -56,7 +56,11 @@ bool TakesTwoColumns(std::uint32_t c) {
   return IsIn(ranges, c);
 }
 
-int ColumnsOf(std::uint32_t c) { return TakesNoColumn(c) ? 0 : TakesTwoColumns(c) ? 2 : 1; }
+int ColumnsOf(std::uint32_t c) {
+  constexpr std::uint32_t firstOther = 0x300;
+  if (c < firstOther) return 1;  // most are: a name may be long
+  return TakesNoColumn(c) ? 0 : TakesTwoColumns(c) ? 2 : 1;
+}
 
 /// As much of `shown` from its beginning as fits.
 std::string_view Head(std::string_view shown, int columns) {
