@@ -197,9 +197,16 @@ class Checker {
     return "name server \"" + Shown(dns) + "\" is no IPv4 address (four numbers up to 255, no leading zeros)";
   }
 
-  static bool SameDevice(const PlannedChange& one, const PlannedChange& other) {
+  /// Of two that were not heard, each text that both lines have has to be the same: several may share a MAC address.
+  static bool SameDevice(const Entry& entry, const Entry& otherEntry) {
+    const PlannedChange &one = entry.change, &other = otherEntry.change;
     if (one.device && other.device) return one.device->id == other.device->id;
-    return !one.device && !other.device && (one.mac ? one.mac == other.mac : one.called == other.called);
+    if (one.device || other.device || (one.mac ? one.mac != other.mac : one.called != other.called)) return false;
+    const auto isOpen = [&](Column column) {
+      const std::string &cell = entry.cells[column], &otherCell = otherEntry.cells[column];
+      return cell.empty() || otherCell.empty() || cell == otherCell;
+    };
+    return isOpen(Serial) && isOpen(Name);
   }
 
   /// Whether the plan gives a device another address than it has. (The same one again is found before.)
@@ -215,7 +222,7 @@ class Checker {
     PlannedChange& change = entry.change;
     for (const Entry& other : entries) {
       if (&other == &entry || (&other > &entry && !other.isAsHeard)) continue;
-      const bool isDevice = SameDevice(change, other.change);
+      const bool isDevice = SameDevice(entry, other);
       const bool isAddress =
           entry.hasAddress && other.hasAddress && other.change.address.address == change.address.address;
       if (!isDevice && !isAddress) continue;

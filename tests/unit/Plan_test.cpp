@@ -83,6 +83,7 @@ TEST(Plan, TellsDevicesWithOneMacApart) {
   EXPECT_EQ("2:address ", Check(start + "1002" + end, devices));
   EXPECT_EQ("2:missing ", Check(start + "1009" + end, devices));
   EXPECT_EQ("2! ", Check(start + end, devices));
+  EXPECT_EQ("2:missing 3:missing ", Check(start + "1001" + end + "M1,1002,@22,24", {}));
   EXPECT_EQ("2:address ", Check(start + "1009" + end));  // a serial number that a spreadsheet has spoilt
 }
 
