@@ -55,11 +55,15 @@ std::string LeftAlone(const PlannedChange& change) {
   return "left alone" + (change.words.empty() ? ", as it is so already" : ": " + change.words);
 }
 
+std::string NotHeard(const PlannedChange& change) {
+  return change.words.empty() ? "not heard" : "not heard: " + change.words;
+}
+
 /// What is known of a line that no change is sent for, or not yet.
 Report ReportOn(const Session& session, const PlannedChange& change) {
   switch (change.step) {
     case Step::Missing:
-      return {change.called, change.mac, {Result::Gone, "not heard"}, {}, {}, {}};
+      return {change.called, change.mac, {Result::Gone, NotHeard(change)}, {}, {}, {}};
     case Step::Blocked:
       return ReportOn(*change.device, {Result::Refused, change.words}, SettingsOf(change));
     case Step::LeftAlone:

@@ -21,6 +21,9 @@ std::string Trimmed(const std::string& text) {
   return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(" \t") + 1 - start);
 }
 
+/// As PlanRow() has it: it may be written by hand, and in Latin-1.
+std::string PlainCell(const std::string& text) { return Cell(Utf8(Trimmed(text))); }
+
 std::string AtLine(int line, const std::string& what) { return "line " + std::to_string(line) + ": " + what; }
 
 /// Which column each cell of the first row heads; PlanHeading().size() for an empty cell.
@@ -45,6 +48,16 @@ std::string ReadHeading(const CsvRow& row, std::vector<std::size_t>& columns) {
 bool IsEmptyRow(const CsvRow& row) {
   return std::all_of(row.fields.begin(), row.fields.end(),
                      [](const std::string& field) { return Trimmed(field).empty(); });
+}
+
+/// Whether the serial number of a line is none that a spreadsheet made of `serial`: 123 of 000123, or 1,23457E+11 of
+/// 123456789012. One that is missing is no other.
+bool IsOtherSerial(const std::string& cell, const std::string& serial) {
+  const auto withoutZeros = [](std::string_view text) {
+    return text.substr(std::min(text.find_first_not_of('0'), text.size()));
+  };
+  if (cell.empty() || serial.empty() || cell.find("E+") != std::string::npos) return false;
+  return withoutZeros(cell) != withoutZeros(serial);
 }
 
 class Checker {
@@ -81,6 +94,11 @@ class Checker {
     const Device& device;
     std::vector<std::string> cells;
     std::optional<std::string> mac;
+
+    /// Not while its service is away: then it tells no serial number.
+    bool HasOtherSerial(const std::string& text) const {
+      return IsOtherSerial(PlainCell(text), Trimmed(cells[Serial]));
+    }
   };
   struct Entry {
     PlannedChange change;
@@ -109,15 +127,16 @@ class Checker {
     entry.change.mac = FactsOf(device.record).mac;
   }
 
-  /// The device whose row the line is, but for the name server, which no row of what was heard holds, and for what is
-  /// only for the reader, which a spreadsheet may have spoilt.
+  /// The device whose row the line is, but for the name server, which no row of what was heard holds, and behind a MAC
+  /// address for the name, which may have changed, and for what a spreadsheet made of the serial number.
   const Device* FindEqual(const PlanLine& line) const {
     for (const Row& row : rows) {
       const auto isEqual = [&](Column column) { return row.cells[column] == line.fields[column]; };
       constexpr Column telling[] = {Mac, Address, Prefix, Gateway, Dhcp};
       if (!std::all_of(std::begin(telling), std::end(telling), isEqual)) continue;
       const bool isAlone = row.mac && devicesByMac.at(*row.mac) == 1;
-      if (isAlone || (isEqual(Serial) && isEqual(Name))) return &row.device;
+      if ((isAlone && !row.HasOtherSerial(line.fields[Serial])) || (isEqual(Serial) && isEqual(Name)))
+        return &row.device;
     }
     return nullptr;
   }
@@ -132,8 +151,15 @@ class Checker {
       if (!entry.change.mac || row.mac == entry.change.mac) found.push_back(&row);
     }
     bool isNamed = entry.change.mac.has_value();
+    if (isNamed && found.size() == 1 && found[0]->HasOtherSerial(entry.cells[Serial])) {
+      // The line is that of another device with this MAC address, which is off.
+      entry.change.words = "the device with this MAC address has the serial number " +
+                           Trimmed(found[0]->cells[Serial]) + ", not " + Shown(entry.cells[Serial]) +
+                           " (leave that empty if this one is meant)";
+      found.clear();
+    }
     for (const Column column : {Serial, Name}) {
-      const std::string cell = Cell(Utf8(entry.cells[column]));  // it may be written by hand, and in Latin-1
+      const std::string cell = PlainCell(entry.cells[column]);
       // Behind a MAC address they tell apart those that share it, and a name may have changed.
       if (cell.empty() || (isNamed && found.size() < 2)) continue;
       isNamed = true;

@@ -39,7 +39,7 @@ struct PlannedChange {
   std::optional<std::string> mac;  ///< of the device, or as the line has it
   StaticAddress address;           ///< for SetAddress
   std::vector<int> waitsFor;       ///< Device::id of those that have to give up the address first
-  std::string words;               ///< for Blocked, and for LeftAlone what cannot be seen; ready to be shown
+  std::string words;               ///< for Blocked, and of LeftAlone and Missing what is known; ready to be shown
 };
 
 struct CheckedPlan {
