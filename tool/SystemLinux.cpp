@@ -208,7 +208,7 @@ unsigned InterfaceIndex(const std::string& name) {
 
 ReversePath ReversePathOf(const std::string& interface) {
   const std::string folder = "/proc/sys/net/ipv4/conf/";
-  // The stricter of the two counts, as ip-sysctl has it.
+  // The larger number counts, as ip-sysctl has it, although 2 is less strict than 1.
   switch (std::max(ReadNumber(folder + "all/rp_filter"), ReadNumber(folder + interface + "/rp_filter"))) {
     case 1:
       return ReversePath::NeedsRouteHere;
