@@ -23,8 +23,9 @@ class Events {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  /// What is new in `findings`, which are all that there are. A device is spoken of when it has been so for 300 ms:
-  /// what one ask brings in by several ways is one event. One that goes is spoken of at once.
+  /// What is new in `findings`, which are all that there are. A device is spoken of 300 ms after it became another than
+  /// was told, as it is by then: what one ask brings in by several ways is one event. One that has become the same
+  /// again meanwhile is not, and one that goes is spoken of at once.
   std::vector<Event> Take(const std::vector<Finding>& findings, Time now);
   /// Whether a device waits to be spoken of, so that Take() is due again though nothing comes in.
   bool IsPending() const;
