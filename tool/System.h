@@ -98,8 +98,8 @@ std::optional<TerminalSize> ErrorTerminal();
 bool IsInputTerminal();
 /// Whether standard output is a pipe.
 bool IsOutputPipe();
-/// Whether standard output is a pipe that nobody reads any more; and whether `error`, the errno of a write to it, says
-/// so.
+/// Whether standard output is a pipe, or on Linux a socket, that nobody reads any more; and whether `error`, the errno
+/// of a write to it, says so.
 bool IsReaderGone();
 bool MeansReaderGone(int error);
 

@@ -296,7 +296,7 @@ bool IsOutputPipe() {
 
 bool IsReaderGone() {
   pollfd output = {STDOUT_FILENO, 0, 0};
-  return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+  return poll(&output, 1, 0) == 1 && (output.revents & (POLLERR | POLLHUP)) != 0;  // of a pipe, and of a socket
 }
 
 bool MeansReaderGone(int error) { return error == EPIPE; }

@@ -7,6 +7,7 @@ import os
 import pathlib
 import re
 import signal
+import socket
 import subprocess
 import time
 import unittest
@@ -319,9 +320,11 @@ class Hostile(unittest.TestCase):
                               timeout=60, check=False)
         self.assertEqual((done.returncode, done.stdout), (1, ""))
         self.assertRegex(done.stderr, r"^tarnddp: epoll: Too many open files( \[system:24\])?\n$")   # as newer Boosts have it
-        watch = Run(self.pc, "--watch")
+        reader, output = socket.socketpair()
+        watch = Run(self.pc, "--watch", stdout=output)
+        output.close()
         watch.process.stderr.readline()
-        watch.process.stdout.close()
+        reader.close()
         self.assertEqual(watch.end()[0], 1, "without anything to print")
         port = f"p-{self.pc.name}"
         self.addCleanup(subprocess.run, ["ip", "link", "set", port, "up"], check=True)
