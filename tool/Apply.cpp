@@ -120,13 +120,19 @@ class Run {
     }
   }
 
-  /// Sends the changes one by one. False if interrupted.
+  /// Sends the changes one by one, as long as somebody can read what comes of each. False if interrupted.
   bool SendAll() {
     const KeepOnInterrupt keep;
     int number = 0;
     for (const PlannedChange& change : changes) {
       if (!IsToBeDone(change)) continue;
       const std::string which = std::to_string(++number) + " of " + std::to_string(count);
+      if (!IsOutputGood() || IsReaderGone()) {
+        Say("stopped before " + which + ", " + change.called +
+            ", as nobody could read what comes of it; the same plan can be applied again");
+        status = StatusNotDone;
+        return true;
+      }
       try {
         const Report report = SendOne(change, which + ": ");
         PrintReport(report, json);
