@@ -39,17 +39,27 @@ Examples:
 Exit status: 0 done; 1 not, or not wholly, as asked; 2 wrong usage, address or plan; 3 no interface to send by; 130 interrupted.
 )";
 
+/// A check for a number from `least` to `most`. A whole one is of decimal digits: CLI11 takes "+010" for eight.
+template <typename Number>
+std::function<std::string(const std::string&)> From(Number least, Number most) {
+  return [least, most](const std::string& text) {
+    const bool isPlain =
+        !std::is_integral_v<Number> || (text[0] != '0' && text.find_first_not_of("0123456789") == std::string::npos);
+    Number number = 0;
+    const bool fits = isPlain && CLI::detail::lexical_cast(text, number) && number >= least && number <= most;
+    if (fits) return std::string();
+    return "is " + text + ", not a number from " + CLI::detail::to_string(least) + " to " +
+           CLI::detail::to_string(most) + (isPlain ? "" : " (digits alone, no leading zeros)");
+  };
+}
+
 void AddCommon(CLI::App& app, CommonOptions& options) {
   app.add_option("--interface", options.interfaces, "Ask only on this interface (may be given again)")
       ->type_name("NAME")
       ->allow_extra_args(false);
   app.add_option("--time", options.seconds, "How long answers are collected (2 s)")
       ->type_name("SECONDS")
-      ->check([](const std::string& text) {
-        double seconds = 0;
-        const bool fits = CLI::detail::lexical_cast(text, seconds) && seconds >= 0.1 && seconds <= 3600;
-        return fits ? std::string() : "is " + text + ", not a number from 0.1 to 3600";
-      });
+      ->check(From(0.1, 3600.0));
 }
 
 void AddDevice(CLI::App& app, std::string& device) {
@@ -69,10 +79,7 @@ void Declare(CLI::App& app, ScanOptions& options) {
   app.add_option("--expect", options.expect,
                  "End as soon as N devices were heard; fewer is a failure (not with --watch)")
       ->type_name("N")
-      ->check(CLI::Range(1, 1000000))
-      ->check([](const std::string& text) {  // CLI11 takes "010" for eight
-        return text.front() == '0' ? "begins with 0: " + text : std::string();
-      });
+      ->check(From(1, 1000000));
   CLI::Option* watch =
       app.add_flag("--watch", options.watch, "Ask every 2 s until Ctrl-C; tell what comes, changes and goes");
   CLI::Option* json = app.add_flag("--json", options.json, "Print one JSON object a line");

@@ -19,7 +19,7 @@ TEST(CommandLine, WrongUsageIsToldApart) {
       {"trace d --time 0.1"},
       {"halt d", "halt scan --yes"},
       {"send d WORD -1 -- --json="},
-      {"scna", "scan --interface a b", "--csv --json", "--csv --watch", "--expect 0", "--expect 010", "--expect x",
+      {"scna", "scan --interface a b", "--csv --json", "--csv --watch", "--expect 0", "--expect +010", "--expect x",
        "--time 0", "--time -1", "--time nan", "--time 1e9", "--interface", "set-ip d", "dhcp d yes", "dhcp d",
        "trace d --json", "send d", "dhcp d on --interface= a"}};
   for (std::size_t index = 0; index < std::size(byCommand); ++index) {
