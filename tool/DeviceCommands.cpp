@@ -118,7 +118,7 @@ bool StillAnswers(Session& session, const Device& device) {
   constexpr int enough = 2;  // silent rounds
   const Time end = Clock::now() + seconds(5);
   for (int silent = 0; silent < enough && Clock::now() < end;) {
-    silent = AskAgain(session, device, true, end) ? 0 : silent + 1;
+    silent = AskAgain(session, device, silent == 0, end) ? 0 : silent + 1;  // one started anew knows no filter
     if (silent == enough) return false;
   }
   return true;

@@ -410,7 +410,7 @@ class Change(unittest.TestCase):
         leaving = self.fake(4, lambda datagram: leaving.records.clear())
         self.fake(5, lambda datagram: b"NACK\n")
         self.fake(6, lambda datagram: None)
-        self.fake(7, lambda datagram: b"ACK\n")
+        anew = self.fake(7, lambda datagram: setattr(anew, "obeys", IDENT) or b"ACK\n")   # started anew, it ignores a filter
         self.ready()
         self.assertEqual(Run(self.pc, "send", "Press 1", "CALIBRATE", "3", "a b", *QUICK).end(), (
             0, f"Press 1 ({MACS[1]}): passed on to its service, which does not answer this way\n", ""))
