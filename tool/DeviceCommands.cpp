@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <string>
 #include <thread>
 
@@ -124,6 +125,15 @@ bool StillAnswers(Session& session, const Device& device) {
   return true;
 }
 
+/// Whether an interface by which the device was heard still has a link.
+bool HasLinkTo(const Session& session, const Device& device) {
+  const std::vector<Interface> now = ListInterfaces(), ways = session.HeardOn(device);
+  return std::any_of(now.begin(), now.end(), [&](const Interface& one) {
+    return one.hasLink &&
+           std::any_of(ways.begin(), ways.end(), [&](const Interface& way) { return way.name == one.name; });
+  });
+}
+
 /// The exit status after a halt was sent.
 int Halted(Session& session, const Device& device, Reply reply) {
   const std::string called = Calling(device);
@@ -137,6 +147,11 @@ int Halted(Session& session, const Device& device, Reply reply) {
     Print(called + (isAcknowledged ? ": acknowledged, but it still answers after 5 s\n"
                                    : ": not acknowledged, and it still answers\n"));
     return StatusNotDone;
+  }
+  if (!HasLinkTo(session, device)) {  // no failure: a device on a direct cable takes the link down with it
+    Print(called + (isAcknowledged ? ": halted, as it seems: acknowledged" : ": perhaps halted: not acknowledged") +
+          ", and this PC has no link to it any more\n");
+    return StatusDone;
   }
   Print(called + (isAcknowledged ? ": halted\n"
                                  : ": halted, as it seems: it did not acknowledge, but does not answer any more\n"));

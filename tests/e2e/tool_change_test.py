@@ -433,6 +433,9 @@ class Change(unittest.TestCase):
             (status, f"{names[number]} ({MACS[number]}): {told}\n", "") for number, (told, status) in rows.items()])
         self.assertEqual((second.halted.exists(), third.halted.exists()), (True, False))
         self.assertEqual(sorted(self.sent()), [(f"device {number}", 5564, "DEVICEREBOOT!") for number in (1, 2, 4, 5, 6, 7)])
+        third.halted.with_name("halt").write_text("#!/bin/sh\n(sleep 0.3; ip -n pc link set eth0 down) &\n")
+        self.assertEqual(Run(self.pc, "halt", "Press 3", "--yes", *QUICK).end(), (0, (
+            f"Press 3 ({MACS[3]}): halted, as it seems: acknowledged, and this PC has no link to it any more\n"), ""))
 
     def test_firewall(self):
         """What this PC's own firewall keeps in is told with the reason: commands alone, then requests as well."""
