@@ -349,7 +349,10 @@ std::string ArgumentFor(const Device& device, const std::vector<Device>& devices
 
 std::string RestoringCommand(const std::string& argument, const Settings& before, const Settings& after, bool isForced,
                              const std::vector<IPv4>& ownAddresses) {
-  if (before.dhcp.value_or(false)) return "tarnddp dhcp " + argument + " on";
+  if (before.dhcp.value_or(false)) {
+    // "on" sends nothing while the record shows it.
+    return after.dhcp.value_or(false) ? "" : "tarnddp dhcp " + argument + " on";
+  }
   StaticAddress old;
   const std::string prefix = before.prefix ? std::to_string(*before.prefix) : "";
   const std::string address = before.address.value_or(""), gateway = before.gateway.value_or("");

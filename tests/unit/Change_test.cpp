@@ -196,6 +196,7 @@ TEST(Restoring, NamesTheCommandThatBringsTheOldSettingsBack) {
   leased.dhcp = true;  // with what gateway is not known
   EXPECT_EQ("tarnddp set-ip M 10.0.0.1/8 --gateway 0.0.0.0",
             RestoringCommand("M", SeenAs("10.0.0.1/8 - off").settings, leased, false, {}));
+  EXPECT_EQ("", RestoringCommand("M", SeenAs("10.0.0.1/8 - on").settings, leased, false, {}));
 }
 
 TEST(Reachability, TakesBothEndsInOneNetwork) {
