@@ -134,8 +134,10 @@ bool Devices::Add(const Answer& answer, int round) {
     known->age = lastAge;
     const auto device = std::find_if(group.devices.begin(), group.devices.end(),
                                      [&known](const Device& one) { return one.id == known->id; });
-    // Another source may have told something else in between.
-    if (known->answer.record == answer.record && device->record == answer.record) return false;
+    // Another source may have told in between that the service is away. Where two tell different things for good, as
+    // clones over IPv4 do, what was new last stands.
+    const bool isBack = IsServiceAway(device->record) && !IsServiceAway(answer.record);
+    if (known->answer.record == answer.record && !isBack) return false;
     known->answer.record = answer.record;
   }
   Split(group);

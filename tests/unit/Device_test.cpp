@@ -53,8 +53,10 @@ TEST(Devices, KeepTheirNumberTheNewestRecordAndWhatCameSince) {
     std::string all;  // number, address, how many senders
   } steps[] = {{"e fe80::1 1 1 a", 1, true, "1a1 "},
                {"e fe80::1 1 1 a", 1, false, "1a1 "},
-               {"e 1.1.1.1 1 1 b", 2, true, "1b2 "},
+               {"e 1.1.1.1 1 away b", 2, true, "1b2 "},
                {"e fe80::1 1 1 a", 2, true, "1a2 "},
+               {"e 1.1.1.1 1 1 b", 2, true, "1b2 "},
+               {"e fe80::1 1 1 a", 2, false, "1b2 "},
                {"e fe80::1 1 1 c", 2, true, "1c2 "},
                {"e fe80::2 1 1 b", 3, true, "2b2 1c1 "},
                {"", 2, false, "2b2 1c1 "},
