@@ -49,6 +49,15 @@ bool IsSame(const Device& device, const std::vector<Device>& devices, const Answ
   return device.AnswersFrom(from) || (known.mac && known.serial && facts.serial == known.serial);
 }
 
+/// How it was seen before anything is sent, as far as IsSame() will know its answers again.
+Seen SeenBefore(const Device& device, const std::vector<Device>& devices) {
+  Seen seen = SeenOf(device);
+  if (!SharesMac(device, devices)) return seen;
+  const auto isOthers = [&](const std::string& from) { return IsOthers(from, device, devices); };
+  seen.answering.erase(std::remove_if(seen.answering.begin(), seen.answering.end(), isOthers), seen.answering.end());
+  return seen;
+}
+
 std::string LastSeen(const Device& device) {
   const Source& source = device.sources.front();
   const std::string address = FactsOf(device.record).settings.address.value_or("no address");
@@ -87,8 +96,8 @@ std::string Shared(const Session& session, const Device& device) {
 }
 
 /// Asks until the device is as `judge` wants it or the time is over; how it was heard last.
-std::optional<Device> LookAfter(Session& session, const Device& device, const Order& order, Reply reply) {
-  const Seen before = SeenOf(device);
+std::optional<Device> LookAfter(Session& session, const Device& device, const Order& order, const Seen& before,
+                                Reply reply) {
   const Time end = Clock::now() + SecondsToDuration(order.seconds);
   std::optional<Device> last;
   bool alone = true;
@@ -197,10 +206,11 @@ std::optional<Report> Carry(Session& session, const Device& device, const Order&
   const auto reply = Exchange(session, device, *path, Request(*path, order.word, order.fields), order.resend);
   if (!reply) return std::nullopt;
   ShowStatus(progress + Calling(device) + ": asking again");
-  const std::optional<Device> again = LookAfter(session, device, order, *reply);
+  const Seen before = SeenBefore(device, session.All());
+  const std::optional<Device> again = LookAfter(session, device, order, before, *reply);
   ShowStatus({});
   const std::optional<Seen> after = again ? std::optional(SeenOf(*again)) : std::nullopt;
-  Outcome outcome = order.judge(SeenOf(device), after, *reply);
+  Outcome outcome = order.judge(before, after, *reply);
   if (outcome.result == Result::Gone) outcome.words += LastSeen(device);
   if (outcome.result == Result::Done && !order.planned.address) outcome.words += Shared(session, *again);
   Report report = ReportOn(device, outcome, after ? std::optional(after->settings) : std::nullopt);
