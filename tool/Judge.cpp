@@ -37,8 +37,10 @@ const Interface* FindInterface(const Host& host, const std::string& name) {
   return found == host.interfaces.end() ? nullptr : &*found;
 }
 
+/// Whether this PC has it; not what every host has.
 bool IsOwn(IPv4 address, const Host& host) {
-  return std::find(host.addresses.begin(), host.addresses.end(), address) != host.addresses.end();
+  return !IsLoopback(address) &&
+         std::find(host.addresses.begin(), host.addresses.end(), address) != host.addresses.end();
 }
 
 /// Whether this PC has it listed without using it.

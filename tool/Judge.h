@@ -15,7 +15,7 @@ namespace tarnddp {
 /// What this PC would do with datagrams; System.h answers it in the program, a table in a test.
 struct Host {
   std::vector<Interface> interfaces;  ///< those that were used
-  std::vector<IPv4> addresses;        ///< its own, also those of others
+  std::vector<IPv4> addresses;        ///< its own, also on other interfaces
   std::function<ReversePath(const std::string& interface)> reversePath;
   std::function<std::string(IPv4 address)> routeInterface;
 };

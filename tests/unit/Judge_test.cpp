@@ -10,7 +10,7 @@ namespace {
 /// route than to the first, unless `route` names where all else goes.
 Host HostWith(ReversePath filter, const std::string& route) {
   return {{{"e", 2, true, true, false, true, {{0xc0a80103, 24}, {0xc0a80109, 24, false}}, "fe80::3"}},
-          {0xc0a80103, 0xc0a80109, 0x0a080002},
+          {0x7f000001, 0xc0a80103, 0xc0a80109, 0x0a080002},
           [filter](const std::string&) { return filter; },
           [route](IPv4 address) { return address >> 8U == 0xc0a801 ? std::string("e") : route; }};
 }
