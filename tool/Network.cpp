@@ -73,7 +73,7 @@ void Network::Sockets::Choose(const std::vector<std::string>& named) {
   if (named.empty()) {
     for (const Interface& one : all)
       if (one.isUp && one.canMulticast && !one.isLoopback && !one.isPort) Open(one);
-    if (links.empty() && failures.empty()) failures.push_back({"", "no network interface is up"});
+    if (links.empty() && failures.empty()) failures.push_back({"", "no usable network interface is up"});
     return;
   }
   for (auto name = named.begin(); name != named.end(); ++name) {

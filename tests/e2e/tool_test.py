@@ -315,7 +315,7 @@ class Hostile(unittest.TestCase):
     def test_nobody(self):
         for words in ((), ("--watch",)):
             done = subprocess.run(["unshare", "-n", TOOL, *words], capture_output=True, text=True, timeout=60, check=False)
-            self.assertEqual((done.returncode, done.stdout, done.stderr), (3, "", "tarnddp: no network interface is up\n"))
+            self.assertEqual((done.returncode, done.stdout, done.stderr), (3, "", "tarnddp: no usable network interface is up\n"))
         done = subprocess.run(self.pc.command("sh", "-c", 'ulimit -n 4; exec "$0"', TOOL), capture_output=True, text=True,
                               timeout=60, check=False)
         self.assertEqual((done.returncode, done.stdout), (1, ""))
