@@ -115,8 +115,8 @@ std::string ExplainOwnDropped(const Interface& interface, const Host& host) {
   IPv4 neighbour = own.address ^ hosts ^ hosts >> 1U;  // far away, as near ones may be this PC's, too
   if ((neighbour & hosts) == 0 || (neighbour & hosts) == hosts) neighbour ^= 1U;
   if (own.prefix > 30 || !IsDropped(neighbour, interface.name, host)) return {};
-  return "this PC drops what " + IPv4Text(own.address & mask) + "/" + std::to_string(own.prefix) + " sends to " +
-         interface.name + ", as its routes do not look for that network there (reverse-path filter); as root: sysctl " +
+  return "this PC drops what " + IPv4Text(own.address & mask, own.prefix) + " sends to " + interface.name +
+         ", as its routes do not look for that network there (reverse-path filter); as root: sysctl " +
          "net/ipv4/conf/" + interface.name + "/rp_filter=2";
 }
 
