@@ -205,7 +205,8 @@ local function showArguments(tree, tvb, command, arguments, count)
 end
 
 local function showRequest(tree, tvb, bytes, port, flag)
-  if #bytes > LONGEST_REQUEST then
+  local isDropped = tvb:reported_len() > LONGEST_REQUEST
+  if isDropped then
     flag("More than " .. LONGEST_REQUEST .. " bytes: dropped")
   end
   local text = bytes:match("^[^%z]*")
@@ -229,7 +230,7 @@ local function showRequest(tree, tvb, bytes, port, flag)
   tree:add(fields.count, count):set_generated()
   if not text:find("[\r\n]") then
     flag("Without CR or LF: ignored")
-  else
+  elseif not isDropped then
     judgeRequest(tree, word, command, pieces, count, port)
   end
   for _, piece in ipairs(pieces) do

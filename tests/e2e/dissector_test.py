@@ -91,8 +91,9 @@ class Dissector(unittest.TestCase):
         pieces = ("DEVICEIDENT?", "setipaddress!", "SYSTRACE!", "1", "x", MAC, "00-1b-c4-0a-ff-05", "001bc40aff05", ":x",
                   "00:1b:c4:0a:ff", "0:1b:c4:0a:ff:05", "-", "ab", "\t", "\t", "\r\n", "\n", "\r", "\0", "z" * 1010)
         requests = [b"".join(chance.choice(pieces).encode() for _ in range(chance.randint(1, 9))) for _ in range(1500)]
-        rows = tshark([(PC, 5564, datagram) for datagram in requests], "tarnddp", "tarnddp.command", "tarnddp.filter",
-                      "tarnddp.fields", "tarnddp.malformed")
+        sent = [(PC, 5564, datagram) for datagram in requests]
+        self.assertEqual(tshark(sent, "udp.length > 1031 && (tarnddp.notice || tarnddp.ignored)", "tarnddp.command"), [])
+        rows = tshark(sent, "tarnddp", "tarnddp.command", "tarnddp.filter", "tarnddp.fields", "tarnddp.malformed")
         self.assertEqual([row[:3] + [str(int(row[3] != ""))] for row in rows], [read(datagram) for datagram in requests])
         corpora = [path.read_bytes() for path in (ROOT / "tests" / "fuzz" / "corpus").glob("*/*")]
         odd = [(*ports, (prefix + text)[:65507]) for text in corpora + requests[:200]
