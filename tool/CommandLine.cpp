@@ -93,7 +93,7 @@ void Declare(CLI::App& app, SetIPOptions& options) {
   app.add_option("--gateway", options.gateway, "Default gateway (the present one, if it is in the new network)")
       ->type_name("ADDRESS");
   app.add_option("--dns", options.dns, "Name server (none)")->type_name("ADDRESS");
-  app.add_flag("--force", options.force, "Do what is only unwise, or seems to be so already");
+  app.add_flag("--force", options.force, "Do what is only unwise, or in force already");
   AddDryRun(app, options);
 }
 
