@@ -140,6 +140,8 @@ class Change(unittest.TestCase):
                 8, "Settled", "done: 192.168.1.28/24, no gateway already; nothing was sent"), ""),
             (("Settled", "192.168.1.28/24", "--dns", "9.9.9.9"), 0, six(8, "192.168.1.28", mask, "", "9.9.9.9"), told(
                 8, "Settled", "done: 192.168.1.28/24, no gateway"), none.splitlines()[0]),
+            (("Settled", "192.168.1.28/24", "--force"), 0, six(8, "192.168.1.28", mask), told(
+                8, "Settled", "done: 192.168.1.28/24, no gateway"), none),
             (("Settled", "192.168.1.99/24", "--force", "--dry-run"), 0, [], told(
                 8, "Settled", "planned: 192.168.1.99/24, no gateway (nothing was sent)"),
              f"192.168.1.99 is the address of Fake 9 ({MACS[9]})\n{none}"),
@@ -394,6 +396,8 @@ class Change(unittest.TestCase):
         self.fake(2, lambda datagram: None)
         trace, silent, unread = (Run(self.pc, "trace", f"Fake {number}", *QUICK) for number in (1, 2, 2))
         unread.process.stdout.close()
+        self.assertEqual(unread.end()[::2], (1, ""))
+        self.assertIn(("device 2", 5564, "SYSTRACE!", "0"), self.sent())
         heard = trace.process.stdout.read(len("a\nbc\\x0d\nACK\nACK\nde."))
         time.sleep(10.5)   # it was acknowledged, and need not be again
         self.pc.run("ip", "link", "set", "eth0", "down")
@@ -401,7 +405,6 @@ class Change(unittest.TestCase):
                          f"{link_local(MACS[1])}%eth0: Network is unreachable\n")
         trace.interrupt()
         self.assertEqual(silent.end(), (1, "", f"tarnddp: Fake 2 ({MACS[2]}) did not acknowledge in 8 s\n"))
-        self.assertEqual(unread.end()[::2], (1, ""))
         self.assertEqual((heard, trace.end()), ("a\nbc\\x0d\nACK\nACK\nde\u00ff", (130, "\n", "")))
 
     def test_halt_and_send(self):
