@@ -52,6 +52,8 @@ bool AnswersOnlyFrom(const std::vector<std::string>& answering, const std::optio
   return std::all_of(answering.begin(), answering.end(), [&](const std::string& from) { return from == address; });
 }
 
+bool IsLinkLocal(const Source& source) { return source.way == Way::IPv6 && source.address.compare(0, 4, "fe80") == 0; }
+
 bool IsAsWanted(const Seen& seen, const Settings& wanted) {
   return SameSettings(seen.settings, wanted) && AnswersOnlyFrom(seen.answering, wanted.address);
 }
@@ -236,12 +238,8 @@ std::string ReachabilityNote(const Settings& settings, const std::vector<Interfa
 }
 
 std::optional<Path> LinkLocalPath(const Device& device, const std::vector<Device>& devices) {
-  for (const Source& source : device.sources) {
-    if (source.way == Way::IPv6 && source.address.compare(0, 4, "fe80") == 0 &&
-        !IsOthers(source.address, device, devices)) {
-      return Path{source, {}};
-    }
-  }
+  for (const Source& source : device.sources)
+    if (IsLinkLocal(source) && !IsOthers(source.address, device, devices)) return Path{source, {}};
   return std::nullopt;
 }
 
@@ -250,7 +248,9 @@ std::optional<Path> PathTo(const Device& device, const std::vector<Device>& devi
   const Source* group = device.SourceBy(Way::IPv4);
   const Source* unicast = device.SourceBy(Way::Broadcast);
   if (group == nullptr && unicast == nullptr) {
-    why = "another device answers from the same IPv6 address";
+    why = std::any_of(device.sources.begin(), device.sources.end(), IsLinkLocal)
+              ? "another device answers from the same IPv6 address"
+              : "it answers from no link-local IPv6 address";
     return std::nullopt;
   }
   const auto filter = FilterOf(device, devices, why);

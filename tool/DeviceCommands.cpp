@@ -211,7 +211,8 @@ int Send(const SendOptions& options) {
   const std::string called = Calling(*device);
   const auto path = LinkLocalPath(*device, session.All());
   if (!path) {
-    Say(called + " gave no IPv6 answer of its own, and only over IPv6 a word is passed on as it is; nothing was sent");
+    Say(called + " gave no link-local IPv6 answer of its own, and only over IPv6 a word is passed on as it is; " +
+        "nothing was sent");
     return StatusNotDone;
   }
   if (!FactsOf(device->record).service) {

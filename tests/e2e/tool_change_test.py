@@ -228,8 +228,8 @@ class Change(unittest.TestCase):
              "reaches the device's service; nothing was sent"),
             (("send", "Press 1", "A", MACS[2]), 2, f'a first argument like "{MACS[2]}" would be taken for the MAC address of a '
              "device; nothing was sent"),
-            (("send", "Old", "WORD"), 1, f"Old ({MACS[6]}) gave no IPv6 answer of its own, and only over IPv6 a word is passed "
-             "on as it is; nothing was sent"),
+            (("send", "Old", "WORD"), 1, f"Old ({MACS[6]}) gave no link-local IPv6 answer of its own, and only over IPv6 a word is "
+             "passed on as it is; nothing was sent"),
             (("send", "1202", "WORD"), 1, f"{MACS[2]}: its service is away, so nobody would get the word; nothing was sent"),
             (("apply", "absent", "--yes"), 2, "absent: No such file or directory"),
             (("apply", "/", "--yes"), 2, "/: Is a directory"),

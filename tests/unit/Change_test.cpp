@@ -99,6 +99,7 @@ TEST(Path, ReachesOneDeviceAloneOrNone) {
                {own + " 192.168.1.10 *192.168.1.10", "2 6 192.168.1.10", "ipv4 192.168.1.10 " + filtered},
                {own + " *192.168.1.10", "2 00:1b:c4:0a:ff:05 fe80::6", "another device has the same MAC address"},
                {own + " fe80::5", "2 x fe80::5", "another device answers from the same IPv6 address"},
+               {own + " 2001:db8::5", other, "it answers from no link-local IPv6 address"},
                {"1 001b.c40a.ff05 *192.168.1.10", other, "its record holds no usable MAC address"}};
   for (const auto& c : cases) {
     const std::vector<Device> devices = {DeviceOf(c.first), DeviceOf(c.second)};
