@@ -56,6 +56,7 @@ std::function<std::string(const std::string&)> From(Number least, Number most) {
 void AddCommon(CLI::App& app, CommonOptions& options) {
   app.add_option("--interface", options.interfaces, "Ask only on this interface (may be given again)")
       ->type_name("NAME")
+      ->check([](const std::string& name) { return name.empty() ? "lacks its value" : std::string(); })
       ->allow_extra_args(false);
   app.add_option("--time", options.seconds, "How long answers are collected (2 s)")
       ->type_name("SECONDS")
