@@ -101,7 +101,6 @@ class Fake:
 
     def __init__(self, host, records, reply=lambda datagram: None):
         self.records, self._reply, self.heard = records, reply, []
-        self.obeys = IDENT.rstrip()   # what a request for its records begins with
         self._sockets = []
         with host.inside():
             for way, (family, group, port) in ddp_query.WAYS.items():
@@ -132,7 +131,7 @@ class Fake:
             for endpoint in ready:
                 datagram, sender = endpoint.recvfrom(65536)
                 self.heard.append(datagram)
-                answers = self.records if datagram.startswith(self.obeys) else []
+                answers = self.records if datagram.startswith(IDENT.rstrip()) else []
                 if b"!" in datagram.partition(b"\t")[0]:   # not what others tell the group
                     answers = reply if isinstance(reply := self._reply(datagram), list) else [reply]
                 to = self._group if endpoint is self._sockets[1] else sender

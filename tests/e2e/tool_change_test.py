@@ -412,7 +412,13 @@ class Change(unittest.TestCase):
         leaving = self.fake(4, lambda datagram: leaving.records.clear())
         self.fake(5, lambda datagram: b"NACK\n")
         self.fake(6, lambda datagram: None)
-        anew = self.fake(7, lambda datagram: setattr(anew, "obeys", IDENT) or b"ACK\n")   # started anew, it ignores a filter
+
+        class Anew(list):
+            """Answers of one that was started anew, and ignores a filter. After two in a row, some are lost."""
+            def __iter__(self):
+                asked = [datagram for datagram in anew.heard if datagram.startswith(IDENT.rstrip())]
+                return iter(self[:asked[-1] == IDENT and asked[-7:] != 7 * [IDENT]])
+        anew = self.fake(7, lambda datagram: setattr(anew, "records", Anew(anew.records)) or b"ACK\n")
         self.ready()
         self.assertEqual(Run(self.pc, "send", "Press 1", "CALIBRATE", "3", "a b", *QUICK).end(), (
             0, f"Press 1 ({MACS[1]}): passed on to its service, which does not answer this way\n", ""))
