@@ -68,7 +68,7 @@ void AppendTime(LineBuffer& line, AbsTime_NS time) {
   tzset();
   localtime_r(&seconds, &local);
   std::array<char, 32> clock = {};
-  std::strftime(clock.data(), clock.size(), "[%H:%M:%S ", &local);
+  static_cast<void>(std::strftime(clock.data(), clock.size(), "[%H:%M:%S ", &local));  // it fits
   line.Append("%s%06.2fms]   ", clock.data(), time.nanoseconds / 1000000.0);
 }
 

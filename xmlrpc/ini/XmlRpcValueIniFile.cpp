@@ -20,7 +20,7 @@ bool Store(XmlRpcValue::Ini& ini, const char* section, const char* key, const ch
 }
 
 struct Closer {
-  void operator()(std::FILE* file) const { std::fclose(file); }
+  void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }  // what was written: CloseWritten()
 };
 /// Closed also when memory runs out in SimpleIni.
 using File = std::unique_ptr<std::FILE, Closer>;
